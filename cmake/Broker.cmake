@@ -1,0 +1,51 @@
+# The broker: finds it, and compiles the interface definition into stubs and skeletons.
+# Defines the target portsvc::broker (libraries and flags) and portsvc_compile_idl().
+
+add_library(portsvc_broker INTERFACE)
+add_library(portsvc::broker ALIAS portsvc_broker)
+
+if(PORTSVC_ORB STREQUAL "OMNIORB")
+  pkg_check_modules(OMNIORB REQUIRED IMPORTED_TARGET omniORB4)
+  find_program(OMNIIDL omniidl REQUIRED)
+  # The 3 in omniORB4's compiler flags (__OMNIORB4__ and friends) come with pkg-config.
+  target_link_libraries(portsvc_broker INTERFACE PkgConfig::OMNIORB Threads::Threads)
+  target_compile_definitions(portsvc_broker INTERFACE PORTSVC_ORB_OMNIORB=1)
+elseif(PORTSVC_ORB STREQUAL "TAO")
+  set(TAO_ROOT "$ENV{TAO_ROOT}" CACHE PATH "TAO")
+  set(ACE_ROOT "$ENV{ACE_ROOT}" CACHE PATH "ACE")
+  if(NOT TAO_ROOT OR NOT ACE_ROOT)
+    message(FATAL_ERROR "PORTSVC_ORB=TAO needs TAO_ROOT and ACE_ROOT in the environment")
+  endif()
+  find_program(TAO_IDL tao_idl REQUIRED HINTS ${ACE_ROOT}/bin ${TAO_ROOT}/TAO_IDL)
+  target_include_directories(portsvc_broker SYSTEM INTERFACE ${ACE_ROOT} ${TAO_ROOT}
+                                                             ${TAO_ROOT}/orbsvcs)
+  target_link_directories(portsvc_broker INTERFACE ${ACE_ROOT}/lib ${TAO_ROOT}/lib)
+  target_link_libraries(
+    portsvc_broker INTERFACE TAO_CosNaming_Skel TAO_CosNaming TAO_IORTable TAO_Messaging
+                             TAO_PortableServer TAO_AnyTypeCode TAO ACE Threads::Threads)
+  target_compile_definitions(portsvc_broker INTERFACE PORTSVC_ORB_TAO=1)
+else()
+  message(FATAL_ERROR "PORTSVC_ORB is '${PORTSVC_ORB}', wanted: OMNIORB or TAO")
+endif()
+
+# portsvc_compile_idl(OUT_SOURCES FILE.idl): adds the generated sources' names to OUT_SOURCES.
+function(portsvc_compile_idl out idl)
+  get_filename_component(base ${idl} NAME_WE)
+  set(dir ${CMAKE_CURRENT_BINARY_DIR})
+  if(PORTSVC_ORB STREQUAL "OMNIORB")
+    set(sources ${dir}/${base}SK.cc)
+    set(headers ${dir}/${base}.hh)
+    set(command ${OMNIIDL} -bcxx -C${dir} ${CMAKE_CURRENT_SOURCE_DIR}/${idl})
+  else()
+    set(sources ${dir}/${base}C.cpp ${dir}/${base}S.cpp)
+    set(headers ${dir}/${base}C.h ${dir}/${base}S.h)
+    set(command ${TAO_IDL} -o ${dir} ${CMAKE_CURRENT_SOURCE_DIR}/${idl})
+  endif()
+  add_custom_command(
+    OUTPUT ${sources} ${headers}
+    COMMAND ${command}
+    DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${idl}
+    COMMENT "Compiling ${idl}"
+    VERBATIM)
+  set(${out} ${sources} PARENT_SCOPE)
+endfunction()

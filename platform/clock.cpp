@@ -1,0 +1,39 @@
+#include "platform/clock.h"
+
+#include <time.h>
+
+#include <atomic>
+
+namespace portsvc {
+namespace {
+
+class SystemClock final : public Clock {
+ public:
+  ACE_Time_Value now() const override {
+    timespec t{};
+    ::clock_gettime(CLOCK_REALTIME, &t);
+    return ACE_Time_Value(t.tv_sec, static_cast<suseconds_t>(t.tv_nsec / 1000));
+  }
+
+  void pause(const ACE_Time_Value& length, const void*) override {
+    timespec t{};
+    t.tv_sec = length.sec();
+    t.tv_nsec = static_cast<long>(length.usec()) * 1000;
+    ::nanosleep(&t, nullptr);
+  }
+};
+
+SystemClock system_clock;
+std::atomic<Clock*> current{&system_clock};
+
+}  // namespace
+
+Clock& clock() { return *current.load(std::memory_order_acquire); }
+
+void replace_clock(Clock* replacement) {
+  current.store(replacement ? replacement : &system_clock, std::memory_order_release);
+}
+
+std::int64_t calendar_seconds() { return clock().now().sec(); }
+
+}  // namespace portsvc

@@ -1,0 +1,25 @@
+#include "platform/process.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+
+namespace portsvc {
+
+unsigned int process_id() { return static_cast<unsigned int>(::getpid()); }
+
+std::string executable_folder() {
+  std::array<char, 4096> path{};
+  const ssize_t length = ::readlink("/proc/self/exe", path.data(), path.size());
+  if (length <= 0) return ".";
+  const std::string full(path.data(), static_cast<std::size_t>(length));
+  const auto separator = full.rfind('/');
+  return separator == std::string::npos ? "." : full.substr(0, separator);
+}
+
+void make_folder(const std::string& path) { (void)::mkdir(path.c_str(), 0777); }
+
+void remove_file(const std::string& path) { (void)::unlink(path.c_str()); }
+
+}  // namespace portsvc

@@ -1,0 +1,22 @@
+// Facts about the running process and the few file-system calls the system makes.
+#pragma once
+
+#include <string>
+
+namespace portsvc {
+
+/// The process id.
+unsigned int process_id();
+
+/// The folder of the running executable, without a trailing separator; "." when the platform does
+/// not tell.
+std::string executable_folder();
+
+/// Creates one folder (not its parents). An existing folder and a failure are not told apart; the
+/// caller meets a failure when it opens a file in it.
+void make_folder(const std::string& path);
+
+/// Deletes a file, ignoring whether that succeeds.
+void remove_file(const std::string& path);
+
+}  // namespace portsvc
