@@ -1,5 +1,6 @@
 #include "platform/clock.h"
 
+#include <sched.h>
 #include <time.h>
 
 #include <atomic>
@@ -16,6 +17,10 @@ class SystemClock final : public Clock {
   }
 
   void pause(const ACE_Time_Value& length, const void*) override {
+    if (length == ACE_Time_Value::zero) {
+      ::sched_yield();
+      return;
+    }
     timespec t{};
     t.tv_sec = length.sec();
     t.tv_nsec = static_cast<long>(length.usec()) * 1000;

@@ -6,6 +6,11 @@
 #include <array>
 
 namespace portsvc {
+namespace {
+
+std::string chosen_state_folder;
+
+}  // namespace
 
 unsigned int process_id() { return static_cast<unsigned int>(::getpid()); }
 
@@ -17,6 +22,12 @@ std::string executable_folder() {
   const auto separator = full.rfind('/');
   return separator == std::string::npos ? "." : full.substr(0, separator);
 }
+
+std::string state_folder() {
+  return chosen_state_folder.empty() ? executable_folder() : chosen_state_folder;
+}
+
+void set_state_folder(const std::string& path) { chosen_state_folder = path; }
 
 void make_folder(const std::string& path) { (void)::mkdir(path.c_str(), 0777); }
 

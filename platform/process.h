@@ -12,6 +12,11 @@ unsigned int process_id();
 /// not tell.
 std::string executable_folder();
 
+/// The folder beside which the snapshot lives: the executable's, unless the hosting program has
+/// put another in its place. Set it before the first servant is made.
+std::string state_folder();
+void set_state_folder(const std::string& path);
+
 /// Creates one folder (not its parents). An existing folder and a failure are not told apart; the
 /// caller meets a failure when it opens a file in it.
 void make_folder(const std::string& path);

@@ -1,0 +1,93 @@
+// Payload bytes between wire sequences and the server's own buffers, without a copy where the
+// broker allows it. Both brokers allocate the octets of a sequence with new[], as this system does.
+#pragma once
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "middleware/orb/orb.h"
+
+namespace portsvc::orb {
+
+/// Owned bytes; null when `size` is 0 or they could not be allocated.
+struct Octets {
+  std::unique_ptr<unsigned char[]> bytes;
+  unsigned int size = 0;
+};
+
+/// The sequence's bytes, still its own.
+inline const unsigned char* bytes_of(const Varo::DATA_BUFFER& data) { return data.get_buffer(); }
+
+namespace detail {
+
+// True from the moment the broker hands a remote call to a servant until the operation's in
+// arguments have been taken: only then do they belong to nobody but the call.
+inline thread_local bool arguments_are_ours = false;
+
+inline Octets copy(const Varo::DATA_BUFFER& data) {
+  Octets octets;
+  if (data.length() == 0) return octets;
+  octets.bytes.reset(new (std::nothrow) unsigned char[data.length()]);
+  if (!octets.bytes) {
+    errno = ENOMEM;
+    return octets;
+  }
+  octets.size = data.length();
+  std::memcpy(octets.bytes.get(), bytes_of(data), octets.size);
+  return octets;
+}
+
+inline Octets steal(Varo::DATA_BUFFER& data) {
+  Octets octets;
+  const unsigned int size = data.length();
+  if (size == 0) return octets;
+  octets.bytes.reset(data.get_buffer(1));
+  if (octets.bytes) octets.size = size;
+  return octets;
+}
+
+}  // namespace detail
+
+/// Answers, once per remote call, whether the call's in arguments may be emptied. False in a call
+/// made within this process, whose arguments are the caller's.
+inline bool may_take_arguments() { return std::exchange(detail::arguments_are_ours, false); }
+
+/// The bytes of an in argument: taken over when `may_take`, else copied.
+inline Octets take(const Varo::DATA_BUFFER& data, bool may_take) {
+  if (!may_take) return detail::copy(data);
+  Octets octets = detail::steal(const_cast<Varo::DATA_BUFFER&>(data));
+  return octets.bytes ? std::move(octets) : detail::copy(data);
+}
+
+/// A new sequence that owns `bytes`; nullptr, with errno ENOMEM, when it cannot be allocated.
+inline Varo::DATA_BUFFER* give(std::unique_ptr<unsigned char[]> bytes, unsigned int size) {
+  auto* const data = size == 0
+                         ? new (std::nothrow) Varo::DATA_BUFFER
+                         : new (std::nothrow) Varo::DATA_BUFFER(size, size, bytes.get(), 1);
+  if (!data) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  if (size != 0) bytes.release();
+  return data;
+}
+
+#if defined(PORTSVC_ORB_TAO)
+using Port_Factory_Skeleton = POA_Varo::DT_PORT_SVC::Port_Factory;
+#else
+/// The skeleton; it notes that the in arguments of a remote call may be taken over.
+class Port_Factory_Skeleton : public virtual POA_Varo::DT_PORT_SVC::Port_Factory {
+ public:
+  _CORBA_Boolean _dispatch(omniCallHandle& handle) override {
+    detail::arguments_are_ours = true;
+    const _CORBA_Boolean known = POA_Varo::DT_PORT_SVC::Port_Factory::_dispatch(handle);
+    detail::arguments_are_ours = false;
+    return known;
+  }
+};
+#endif
+
+}  // namespace portsvc::orb

@@ -1,0 +1,141 @@
+#include "ports/master_port.h"
+
+#include <ace/Guard_T.h>
+
+#include <optional>
+#include <utility>
+
+#include "platform/wait.h"
+
+using namespace portsvc;
+
+vrMaster_Port::vrMaster_Port(const char* name, unsigned int port_id, unsigned int limit,
+                             Port_Factory_i*)
+    : Port_impl(name, port_id, limit, PORT_MASTER) {
+  reply_queue_.set_limit(reply_limit);
+}
+
+void vrMaster_Port::set_connected_host(const char* host) {
+  ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, state_lock_);
+  connected_host_ = host;
+}
+
+std::string vrMaster_Port::connected_host() {
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, {});
+  return connected_host_;
+}
+
+unsigned int vrMaster_Port::forward(unsigned int handle, vrBuffer data, unsigned int timeout) {
+  const unsigned int admitted = wait_receiver(handle, timeout);
+  if (admitted == result::ok) packet_queue_.push(handle, std::move(data));
+  return admitted;
+}
+
+unsigned int vrMaster_Port::forward_front(unsigned int, vrBuffer, unsigned int) {
+  return result::ok;
+}
+
+unsigned int vrMaster_Port::connect(unsigned int handle, unsigned int mode, unsigned int access,
+                                    unsigned int& owner) {
+  switch (mode) {
+    case CONNECT_CLIENT:
+      return connect_client(handle, access, owner);
+    case CONNECT_OWNER:
+      return connect_owner(access, owner);
+    default:
+      return result::bad_mode;
+  }
+}
+
+unsigned int vrMaster_Port::receive(unsigned int& source, vrBuffer& data, unsigned int timeout) {
+  vrPort_Buffer packet;
+  const unsigned int taken = take_packet(packet, timeout);
+  if (taken == result::ok) {
+    source = packet.handle();
+    data = static_cast<vrBuffer&&>(packet);
+  }
+  return taken;
+}
+
+unsigned int vrMaster_Port::replay(unsigned int handle, vrBuffer data, unsigned int) {
+  reply_queue_.push(handle, std::move(data));
+  return result::ok;
+}
+
+unsigned int vrMaster_Port::replay_wait(unsigned int handle, vrBuffer& data,
+                                        unsigned int timeout) {
+  vrPort_Buffer reply;
+  const unsigned int taken = take_reply(handle, timeout, reply);
+  if (taken == result::ok) data = static_cast<vrBuffer&&>(reply);
+  return taken;
+}
+
+unsigned int vrMaster_Port::take_packet(vrPort_Buffer& out, unsigned int timeout) {
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
+    receiver_waiting_ = true;
+  }
+  const unsigned int taken = wait(
+      timeout, result::timed_out, this,
+      [&]() -> std::optional<unsigned int> {
+        if (packet_queue_.pop(any_handle, out) == result::ok) return result::ok;
+        return std::nullopt;
+      },
+      [&]() -> std::optional<unsigned int> {
+        ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
+        if (owner_access_ == ACCESS_WAIT) return std::nullopt;
+        return result::nothing_arrived;
+      });
+  return end_take(taken);
+}
+
+unsigned int vrMaster_Port::end_take(unsigned int result) {
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
+  receiver_waiting_ = false;
+  return result;
+}
+
+unsigned int vrMaster_Port::wait_receiver(unsigned int handle, unsigned int timeout) {
+  unsigned int sender_access = 0;
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
+    sender_access = client_access(handle);
+  }
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
+    if (owner_access_ == ACCESS_SELECT && has_selectors() && owner_connected_) return result::ok;
+  }
+  return wait(
+      timeout, result::send_timed_out, this,
+      [&]() -> std::optional<unsigned int> {
+        ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
+        if (!receiver_waiting_) return std::nullopt;
+        receiver_waiting_ = false;  // this take has got its packet
+        return result::ok;
+      },
+      [&]() -> std::optional<unsigned int> {
+        if (sender_access == ACCESS_WAIT) return std::nullopt;
+        ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
+        if (owner_connected_) return result::owner_not_taking;
+        return receiver_waiting_ ? result::not_connected : result::unknown_handle;
+      });
+}
+
+unsigned int vrMaster_Port::take_reply(unsigned int handle, unsigned int timeout,
+                                       vrPort_Buffer& out) {
+  unsigned int client_mode = 0;
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
+    client_mode = client_access(handle);
+  }
+  return wait(
+      timeout, result::reply_timed_out, this,
+      [&]() -> std::optional<unsigned int> {
+        if (reply_queue_.pop(handle, out) == result::ok) return result::ok;
+        return std::nullopt;
+      },
+      [&]() -> std::optional<unsigned int> {
+        if (client_mode == ACCESS_WAIT) return std::nullopt;
+        return result::nothing_arrived;
+      });
+}
