@@ -1,0 +1,280 @@
+// The broker as built here: the parts of orb.h that differ from other brokers.
+#include "middleware/orb/orb.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <netdb.h>
+#include <omniORB4/minorCode.h>
+#include <omniORB4/omniInterceptors.h>
+#include <omnithread.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <future>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "idl/port_codes.h"
+
+namespace portsvc::orb {
+namespace {
+
+// A blocked call holds a thread, so the stack of a broker thread is what thousands of waiting
+// callers cost in address space. Sanitizers put red zones and shadow copies on the stack.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr unsigned long thread_stack_bytes = 4UL << 20;
+#else
+constexpr unsigned long thread_stack_bytes = 512UL << 10;
+#endif
+
+// Connections to one peer, and calls under way on one connection, up to which nobody queues behind
+// somebody else's wait.
+constexpr const char* many = "16000";
+
+// A request or a reply that stands still for this long gives up its connection and its thread.
+constexpr const char* message_stall_ms = "60000";
+
+// An IORInfo names a peer by its numeric address or by a host name.
+bool is_numeric(const char* host) {
+  std::array<unsigned char, sizeof(in6_addr)> parsed{};
+  return host && (::inet_pton(AF_INET, host, parsed.data()) == 1 ||
+                  ::inet_pton(AF_INET6, host, parsed.data()) == 1);
+}
+
+/// Counts the connections this process opens, by the address of the peer.
+class ConnectionCounter {
+ public:
+  void opened(const std::string& address) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    ++total_;
+    ++by_address_[address];
+  }
+
+  std::uint64_t total() const {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return total_;
+  }
+
+  std::uint64_t to(const std::string& address) const {
+    const std::lock_guard<std::mutex> guard(lock_);
+    const auto found = by_address_.find(address);
+    return found == by_address_.end() ? 0 : found->second;
+  }
+
+ private:
+  mutable std::mutex lock_;  ///< guards both counts; nothing is taken under it
+  std::uint64_t total_ = 0;
+  std::map<std::string, std::uint64_t> by_address_;
+};
+
+ConnectionCounter& connection_counter() {
+  static ConnectionCounter counter;
+  return counter;
+}
+
+CORBA::Boolean count_connection(_OMNI_NS(omniInterceptors)::clientOpenConnection_T::info_T& info) {
+  connection_counter().opened(info.peeraddress());
+  return true;
+}
+
+/// HOST and PORT of "giop:tcp:HOST:PORT"; HOST may be empty (every interface) or an IPv6 address
+/// in brackets. Throws Error for anything else.
+std::pair<std::string, unsigned int> split_endpoint(const std::string& endpoint) {
+  constexpr std::string_view prefix = "giop:tcp:";
+  const auto colon = endpoint.rfind(':');
+  if (endpoint.compare(0, prefix.size(), prefix) == 0 && colon >= prefix.size()) {
+    std::string host = endpoint.substr(prefix.size(), colon - prefix.size());
+    const char* const end = endpoint.data() + endpoint.size();
+    unsigned int port = 0;
+    const auto number = std::from_chars(endpoint.data() + colon + 1, end, port);
+    const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    if (number.ec == std::errc() && number.ptr == end && port <= 65535 &&
+        (bracketed || host.find(':') == std::string::npos)) {
+      if (bracketed) host = host.substr(1, host.size() - 2);
+      return {host, port};
+    }
+  }
+  throw Error(fmt::format("the endpoint '{}' is malformed, wanted: giop:tcp:HOST:PORT", endpoint));
+}
+
+/// The broker only says that an endpoint failed; the host's name is the one cause it is worth
+/// telling apart.
+std::string why_not_listening(const std::string& host) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  const int failure = host.empty() ? 0 : ::getaddrinfo(host.c_str(), nullptr, &hints, &found);
+  if (failure != 0) return fmt::format("the host '{}' is unknown", host);
+  if (found) ::freeaddrinfo(found);
+  return "the address is in use or not local";
+}
+
+/// The time-out in force for this thread's calls.
+thread_local std::chrono::milliseconds thread_timeout{0};
+
+void apply_thread_timeout(std::chrono::milliseconds timeout) {
+  // Threads that the broker did not start need an identity of its own kind to carry the time-out.
+  thread_local const omni_thread::ensure_self identity;
+  constexpr auto most = std::chrono::milliseconds(0x7fffffff);
+  try {
+    omniORB::setClientThreadCallTimeout(static_cast<CORBA::ULong>(std::min(timeout, most).count()));
+  } catch (const CORBA::INITIALIZE&) {
+    // No broker has been started, so there are no calls to limit.
+  }
+  thread_timeout = timeout;
+}
+
+}  // namespace
+
+struct Broker::Impl {
+  CORBA::ORB_var orb;
+  PortableServer::POA_var root_poa;  ///< nil in a pure client
+  std::thread stopper;               ///< runs the shutdown, see Broker::shutdown
+  std::future<void> stopped;
+};
+
+Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
+  std::string host;
+  if (!options.endpoint.empty()) host = split_endpoint(options.endpoint).first;
+
+  omni_thread::stacksize(thread_stack_bytes);
+  const std::string max_message = std::to_string(options.max_message);
+  const std::string trace = std::to_string(options.trace);
+  const char* settings[][2] = {
+      {"traceLevel", trace.c_str()},
+      {"giopMaxMsgSize", max_message.c_str()},
+      {"maxGIOPConnectionPerServer", many},
+      {"maxServerThreadPerConnection", many},
+      {"maxServerThreadPoolSize", many},
+      {"threadPerConnectionPolicy", "1"},
+      {"threadPerConnectionUpperLimit", many},
+      {"supportPerThreadTimeOut", "1"},
+      {"serverCallTimeOutPeriod", message_stall_ms},
+      {options.endpoint.empty() ? nullptr : "endPoint", options.endpoint.c_str()},
+      {nullptr, nullptr},
+  };
+
+  try {
+    int argc = 0;
+    impl_->orb = CORBA::ORB_init(argc, nullptr, "omniORB4", settings);
+    omniORB::getInterceptors()->clientOpenConnection.add(count_connection);
+    if (options.endpoint.empty()) return;
+    // The first use of the adapter opens the endpoint; calls are held back until serve().
+    const CORBA::Object_var object = impl_->orb->resolve_initial_references("RootPOA");
+    impl_->root_poa = PortableServer::POA::_narrow(object);
+  } catch (const CORBA::INITIALIZE& e) {
+    if (!CORBA::is_nil(impl_->orb)) impl_->orb->destroy();
+    if (e.minor() == _OMNI_NS(INITIALIZE_TransportError)) {
+      throw Error(
+          fmt::format("cannot listen on {}: {}", options.endpoint, why_not_listening(host)));
+    }
+    throw Error("the broker cannot start: " + describe(e));
+  } catch (const CORBA::Exception& e) {
+    if (!CORBA::is_nil(impl_->orb)) impl_->orb->destroy();
+    throw Error("the broker cannot start: " + describe(e));
+  }
+}
+
+Broker::~Broker() {
+  try {
+    if (impl_->stopper.joinable()) {
+      impl_->stopper.join();
+    } else if (!impl_->stopped.valid()) {
+      impl_->orb->shutdown(true);
+    }
+    impl_->root_poa = PortableServer::POA::_nil();
+    impl_->orb->destroy();
+  } catch (const CORBA::Exception&) {
+    // Somebody else shut the broker down: there is nothing left to do.
+  }
+}
+
+CORBA::ORB_ptr Broker::orb() const { return impl_->orb; }
+
+Varo::DT_PORT_SVC::Port_Factory_var Broker::serve(POA_Varo::DT_PORT_SVC::Port_Factory* servant) {
+  try {
+    // Default activation: the servant hands out references to itself and finds its adapter.
+    const Varo::DT_PORT_SVC::Port_Factory_var activated = servant->_this();
+
+    // The reference that is given away has the well-known key, so it outlives a restart.
+    CORBA::Object_var object = impl_->orb->resolve_initial_references("omniINSPOA");
+    const PortableServer::POA_var named_poa = PortableServer::POA::_narrow(object);
+    const PortableServer::ObjectId_var id = PortableServer::string_to_ObjectId(object_key);
+    named_poa->activate_object_with_id(id, servant);
+    object = named_poa->id_to_reference(id);
+    Varo::DT_PORT_SVC::Port_Factory_var reference =
+        Varo::DT_PORT_SVC::Port_Factory::_narrow(object);
+
+    for (const auto& poa : {impl_->root_poa, named_poa}) {
+      const PortableServer::POAManager_var manager = poa->the_POAManager();
+      manager->activate();
+    }
+    return reference;
+  } catch (const CORBA::Exception& e) {
+    throw Error("the service cannot be activated: " + describe(e));
+  }
+}
+
+bool Broker::shutdown(std::chrono::milliseconds patience) {
+  if (!impl_->stopped.valid()) {
+    // The broker waits for the calls under way without a limit, so a thread of its own does that
+    // waiting and may be left behind.
+    std::promise<void> done;
+    impl_->stopped = done.get_future();
+    impl_->stopper = std::thread(
+        [orb = CORBA::ORB_var(CORBA::ORB::_duplicate(impl_->orb))](std::promise<void> finished) {
+          try {
+            orb->shutdown(true);
+          } catch (const CORBA::Exception&) {
+            // Shut down already.
+          }
+          finished.set_value();
+        },
+        std::move(done));
+  }
+  return impl_->stopped.wait_for(patience) == std::future_status::ready;
+}
+
+std::string Broker::to_text(CORBA::Object_ptr object) const {
+  try {
+    const CORBA::String_var text = impl_->orb->object_to_string(object);
+    return text.in();
+  } catch (const CORBA::Exception& e) {
+    throw Error("the reference has no text: " + describe(e));
+  }
+}
+
+CORBA::Object_var Broker::from_text(const std::string& text) const {
+  try {
+    const CallTimeout limit;
+    CORBA::Object_var object = impl_->orb->string_to_object(text.c_str());
+    if (!CORBA::is_nil(object)) return object;
+  } catch (const CORBA::Exception& e) {
+    throw Error(fmt::format("'{}' is no usable reference: {}", text, describe(e)));
+  }
+  throw Error(fmt::format("'{}' is the nil reference", text));
+}
+
+CallTimeout::CallTimeout(std::chrono::milliseconds timeout) : outer_(thread_timeout) {
+  apply_thread_timeout(timeout);
+}
+
+CallTimeout::~CallTimeout() { apply_thread_timeout(outer_); }
+
+std::uint64_t connections_opened(CORBA::Object_ptr object) {
+  if (CORBA::is_nil(object)) return 0;
+  const omniIOR_var ior = object->_PR_getobj()->_getIOR();
+  std::uint64_t count = 0;
+  for (const auto* address : ior->getIORInfo()->addresses()) {
+    // The connections are known by numeric address. A host's name may stand for several of them
+    // and change its meaning, so the whole count is the one that cannot miss a connection.
+    if (!is_numeric(address->host())) return connection_counter().total();
+    count += connection_counter().to(address->address());
+  }
+  return count;
+}
+
+}  // namespace portsvc::orb

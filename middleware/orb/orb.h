@@ -1,0 +1,98 @@
+// The object request broker: the only place that knows which broker the system is built on. It
+// brings in the generated stubs and skeletons and offers what differs between brokers: options,
+// the endpoint and object key, per-call time-outs.
+#pragma once
+
+#if defined(PORTSVC_ORB_TAO)
+#include "port_serviceS.h"
+#else
+#include "port_service.hh"
+#endif
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace portsvc::orb {
+
+/// What went wrong with the broker, in one line for people.
+class Error : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Set-up of the process's broker.
+struct Options {
+  /// "giop:tcp:HOST:PORT" to serve there (PORT 0: any free port); empty for a pure client.
+  std::string endpoint;
+  /// Largest message accepted and sent, in bytes.
+  std::uint64_t max_message = 64ULL << 20;
+  /// The broker's own trace level, for finding faults. 0 keeps it silent.
+  unsigned int trace = 0;
+};
+
+/// The process's broker: one at a time, made before the first reference is used and destroyed
+/// after the last servant is gone. Not thread-safe itself; the operations on references are.
+class Broker {
+ public:
+  /// Starts the broker. Throws Error (for example when the address is in use).
+  explicit Broker(const Options& options);
+  /// Shuts the broker down, if that has not been done, and destroys it.
+  ~Broker();
+  Broker(const Broker&) = delete;
+  Broker& operator=(const Broker&) = delete;
+
+  CORBA::ORB_ptr orb() const;
+
+  /// Activates `servant` in the default adapter and under portsvc::object_key (corbaloc), and
+  /// starts taking calls. The adapter holds a reference of its own to the servant until shutdown.
+  /// Throws Error.
+  Varo::DT_PORT_SVC::Port_Factory_var serve(POA_Varo::DT_PORT_SVC::Port_Factory* servant);
+
+  /// Stops taking calls and waits until those under way have ended, at most `patience`. False
+  /// when some still run then; the broker must not be destroyed in that case.
+  bool shutdown(std::chrono::milliseconds patience);
+
+  /// The stringified reference. Throws Error.
+  std::string to_text(CORBA::Object_ptr object) const;
+  /// The reference that a corbaloc, corbaname or IOR text names, never nil. Nothing is called.
+  /// Throws Error for a text that is none.
+  CORBA::Object_var from_text(const std::string& text) const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+/// Time-out of a call to a peer that is not itself a wait: connect and call together.
+std::chrono::milliseconds peer_call_timeout();
+/// Changes it for the process (default 5 s).
+void set_peer_call_timeout(std::chrono::milliseconds timeout);
+
+/// While it lives, remote calls of this thread fail with a system exception once `timeout` has
+/// passed since their start; zero means no limit. Scopes nest: the destructor restores the time-out
+/// of the scope around it.
+class CallTimeout {
+ public:
+  explicit CallTimeout(std::chrono::milliseconds timeout);
+  /// The time-out of a call that is not a wait.
+  CallTimeout() : CallTimeout(peer_call_timeout()) {}
+  ~CallTimeout();
+  CallTimeout(const CallTimeout&) = delete;
+  CallTimeout& operator=(const CallTimeout&) = delete;
+
+ private:
+  std::chrono::milliseconds outer_;
+};
+
+/// How many connections this process has opened, as a client, since it started, to the server
+/// behind `object`. A growing number tells that a peer may have been restarted in between. 0 for
+/// ever on a broker that cannot tell.
+std::uint64_t connections_opened(CORBA::Object_ptr object);
+
+/// One line for people on a broker exception: its name, and what it usually means.
+std::string describe(const CORBA::Exception& exception);
+
+}  // namespace portsvc::orb

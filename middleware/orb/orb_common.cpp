@@ -1,0 +1,47 @@
+// What every broker does the same way.
+#include <fmt/format.h>
+
+#include <atomic>
+
+#include "middleware/orb/orb.h"
+
+namespace portsvc::orb {
+namespace {
+
+std::atomic<std::chrono::milliseconds::rep> peer_timeout_ms{5000};
+
+/// What an exception usually means to somebody who runs the system, empty when its name says all.
+const char* usual_meaning(const CORBA::Exception& exception) {
+  if (CORBA::TRANSIENT::_downcast(&exception)) return "the server cannot be reached";
+  if (CORBA::TIMEOUT::_downcast(&exception)) return "no answer in time";
+  if (CORBA::COMM_FAILURE::_downcast(&exception)) return "the connection was lost during the call";
+  if (CORBA::OBJECT_NOT_EXIST::_downcast(&exception)) return "nothing is served under that name";
+  if (CORBA::INV_OBJREF::_downcast(&exception)) return "the reference is not valid";
+  if (CORBA::MARSHAL::_downcast(&exception)) {
+    return "the message is malformed or larger than the largest message";
+  }
+  if (CORBA::NO_RESOURCES::_downcast(&exception) || CORBA::NO_MEMORY::_downcast(&exception)) {
+    return "memory, threads or connections have run out";
+  }
+  if (CORBA::BAD_OPERATION::_downcast(&exception) || CORBA::BAD_PARAM::_downcast(&exception)) {
+    return "what answers is not the service that was asked for";
+  }
+  return "";
+}
+
+}  // namespace
+
+std::chrono::milliseconds peer_call_timeout() {
+  return std::chrono::milliseconds(peer_timeout_ms.load(std::memory_order_relaxed));
+}
+
+void set_peer_call_timeout(std::chrono::milliseconds timeout) {
+  peer_timeout_ms.store(timeout.count(), std::memory_order_relaxed);
+}
+
+std::string describe(const CORBA::Exception& exception) {
+  const std::string meaning = usual_meaning(exception);
+  return meaning.empty() ? exception._name() : fmt::format("{} ({})", meaning, exception._name());
+}
+
+}  // namespace portsvc::orb

@@ -1,0 +1,50 @@
+#include "middleware/reference_container.h"
+
+#include "middleware/directory.h"
+
+using Varo::DT_PORT_SVC::Port_Factory;
+using Varo::DT_PORT_SVC::Port_Factory_ptr;
+using Varo::DT_PORT_SVC::Port_Factory_var;
+
+vrReferenceContainer* vrReferenceContainer::instance() {
+  return ACE_Singleton<vrReferenceContainer, ACE_Thread_Mutex>::instance();
+}
+
+Port_Factory_ptr vrReferenceContainer::GetPortReferenceWithServerName(const char* server,
+                                                                      const char* realm) {
+  const Key key(server ? server : "", realm ? realm : "");
+  {
+    const std::lock_guard<std::mutex> guard(lock_);
+    const auto found = references_.find(key);
+    if (found != references_.end()) return Port_Factory::_duplicate(found->second.in());
+  }
+  const portsvc::DirectoryInUse in_use = portsvc::directory_in_use();
+  if (!in_use.directory) return Port_Factory::_nil();
+  Port_Factory_var reference;
+  try {
+    const portsvc::orb::CallTimeout limit;
+    const CORBA::Object_var object = in_use.directory->resolve(key.first, key.second);
+    reference = Port_Factory::_narrow(object);
+  } catch (const CORBA::Exception&) {
+    return Port_Factory::_nil();
+  }
+  if (CORBA::is_nil(reference)) return Port_Factory::_nil();
+  const std::lock_guard<std::mutex> guard(lock_);
+  references_[key] = reference;
+  return reference._retn();
+}
+
+void vrReferenceContainer::ReleasePortReference(const char* server, const char* realm) {
+  Port_Factory_var forgotten;  // dropped after the lock
+  const std::lock_guard<std::mutex> guard(lock_);
+  const auto found = references_.find(Key(server ? server : "", realm ? realm : ""));
+  if (found == references_.end()) return;
+  forgotten = found->second;
+  references_.erase(found);
+}
+
+void vrReferenceContainer::ReleaseAll() {
+  std::map<Key, Port_Factory_var> forgotten;
+  const std::lock_guard<std::mutex> guard(lock_);
+  forgotten.swap(references_);
+}
