@@ -1,0 +1,263 @@
+// event put, declare, subscribe, watch, count, clear, persistent and copy.
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
+#include "idl/port_codes.h"
+#include "tools/commands.h"
+#include "tools/errors.h"
+#include "tools/input.h"
+#include "tools/output.h"
+#include "tools/waiting.h"
+
+namespace portsvc::tools {
+namespace {
+
+using Varo::DT_PORT_SVC::Port_Factory_ptr;
+
+// --- putting events
+
+struct PutOptions {
+  std::string box;
+  PayloadOptions payload;
+};
+
+void describe_put(CLI::App& command, PutOptions& options) {
+  command.add_option("BOX", options.box, "The event box; a packet port drops the event")
+      ->required();
+  command.add_option("DATA", options.payload.data,
+                     "The event; standard input when neither DATA nor --file is given");
+  command.add_option("--file", options.payload.file, "Put the bytes of this file");
+}
+
+void put(Session& session, const PutOptions& options) {
+  const std::string payload = read_payload(options.payload);
+  check_size(payload, session.options().max_message);
+  check("put into " + options.box,
+        session.server()->send_event(options.box.c_str(), to_buffer(payload)));
+}
+
+// An event code, written signed or unsigned: -1 and 4294967295 are the same code.
+void add_code(CLI::App& command, std::int64_t& code) {
+  command.add_option("CODE", code, "The event code, -2147483648 to 4294967295")
+      ->required()
+      ->check(CLI::Range(std::int64_t{std::numeric_limits<std::int32_t>::min()},
+                         std::int64_t{std::numeric_limits<std::uint32_t>::max()}));
+}
+
+struct DeclareOptions {
+  std::int64_t code = 0;
+  std::vector<std::string> data;
+  std::string file;
+  bool lines = false;
+
+  unsigned int wire_code() const { return static_cast<std::uint32_t>(code); }
+};
+
+void describe_declare(CLI::App& command, DeclareOptions& options) {
+  add_code(command, options.code);
+  command
+      .add_option("DATA", options.data,
+                  "The events; standard input as one event when there is no other source")
+      ->allow_extra_args(false);
+  command.add_option("--file", options.file, "Declare the bytes of this file as one event");
+  command.add_flag("--lines", options.lines, "Declare each line of standard input as an event");
+}
+
+void declare_events(Session& session, unsigned int code, const std::vector<std::string>& events) {
+  Varo::DATA_BUFFER_SEQ list;
+  list.length(static_cast<CORBA::ULong>(events.size()));
+  std::string::size_type total = 0;
+  for (std::size_t i = 0; i < events.size(); ++i) {
+    list[static_cast<CORBA::ULong>(i)] = to_buffer(events[i]);
+    total += events[i].size();
+  }
+  check(fmt::format("declare event {}", code), session.server()->declare_event_n(code, list, 0));
+}
+
+// Lines that have arrived together go to the server together.
+void declare_lines(Session& session, unsigned int code) {
+  constexpr std::size_t most_events = 1000;
+  constexpr std::size_t most_bytes = 1 << 20;
+  LineReader reader;
+  while (auto line = reader.next()) {
+    std::vector<std::string> events;
+    std::size_t bytes = 0;
+    for (;;) {
+      check_size(*line, session.options().max_message);
+      bytes += line->size();
+      events.push_back(std::move(*line));
+      if (!reader.has_line() || events.size() == most_events || bytes >= most_bytes) break;
+      line = reader.next();
+    }
+    declare_events(session, code, events);
+  }
+}
+
+void declare(Session& session, const DeclareOptions& options) {
+  const int sources =
+      (options.lines ? 1 : 0) + (options.file.empty() ? 0 : 1) + (options.data.empty() ? 0 : 1);
+  if (sources > 1) throw UsageError("give the events as DATA, with --file or with --lines");
+  if (options.lines) return declare_lines(session, options.wire_code());
+  if (options.data.size() > 1) return declare_events(session, options.wire_code(), options.data);
+
+  PayloadOptions payload;
+  if (!options.data.empty()) payload.data = options.data.front();
+  payload.file = options.file;
+  const std::string event = read_payload(payload);
+  check_size(event, session.options().max_message);
+  check(fmt::format("declare event {}", options.code),
+        session.server()->declare_event(options.wire_code(), to_buffer(event), 0));
+}
+
+struct SubscribeOptions {
+  std::string box;
+  std::int64_t code = 0;
+};
+
+void describe_subscribe(CLI::App& command, SubscribeOptions& options) {
+  command.add_option("BOX", options.box, "The event box; it need not exist yet")->required();
+  add_code(command, options.code);
+}
+
+void subscribe(Session& session, const SubscribeOptions& options) {
+  check(fmt::format("subscribe {} to event {}", options.box, options.code),
+        session.server()->add_event(options.box.c_str(), static_cast<std::uint32_t>(options.code)));
+}
+
+// --- taking events
+
+struct WatchOptions {
+  std::string box;
+  unsigned int count = 0;
+  unsigned int timeout = 0;
+  unsigned int batch = 64;
+  bool drain = false;
+  bool raw = false;
+  std::string file;
+};
+
+void describe_watch(CLI::App& command, WatchOptions& options) {
+  command.add_option("BOX", options.box, "The event box")->required();
+  command.add_option("--count", options.count, "End after so many events; 0: when interrupted")
+      ->capture_default_str();
+  command
+      .add_option("--timeout", options.timeout,
+                  "Seconds to wait for an event; 0: as long as it takes")
+      ->capture_default_str();
+  command
+      .add_option("--batch", options.batch,
+                  "Events taken with one call; together they must fit --max-message")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+  command.add_flag("--drain", options.drain, "Take what is there and end");
+  command.add_flag("--raw", options.raw, "Print the bytes alone, without a newline after each");
+  command.add_option("--file", options.file, "Write the bytes into this file");
+}
+
+void watch(Session& session, const WatchOptions& options) {
+  PayloadPrinter printer({session.options().json, options.raw, options.file});
+  Port_Factory_ptr server = session.server();
+  const Connection owner(server, options.box, CONNECT_OWNER, ACCESS_WAIT);
+  try {
+    for (unsigned int taken = 0; options.count == 0 || taken < options.count;) {
+      const unsigned int wanted =
+          options.count == 0 ? options.batch : std::min(options.batch, options.count - taken);
+      Varo::DATA_BUFFER_SEQ_var events;
+      unsigned int code = result::ok;
+      if (options.drain) {
+        throw_if_interrupted();
+        code = server->packet_receive_n(owner.handle(), events.out(), wanted, 0);
+        if (code == result::timed_out) return;
+      } else {
+        code = wait_in_slices(options.timeout, result::timed_out, [&](unsigned int seconds) {
+          return server->packet_receive_n(owner.handle(), events.out(), wanted, seconds);
+        });
+      }
+      check("watch " + options.box, code);
+      if (events->length() == 0) throw Failure(options.box + " is no event box");
+      for (CORBA::ULong i = 0; i < events->length(); ++i) printer.print(events[i]);
+      printer.flush();
+      taken += events->length();
+    }
+  } catch (const Interrupted&) {
+    if (options.count != 0) throw;
+  }
+}
+
+// --- the state of a box
+
+struct BoxOptions {
+  std::string box;
+};
+
+void describe_box(CLI::App& command, BoxOptions& options) {
+  command.add_option("BOX", options.box, "The event box")->required();
+}
+
+void count(Session& session, const BoxOptions& options) {
+  CORBA::ULong events = 0;
+  check("count the events of " + options.box,
+        session.server()->event_count(options.box.c_str(), events));
+  if (session.options().json) {
+    print_json({{"box", options.box}, {"events", events}});
+  } else {
+    write_output(fmt::format("{}\n", events));
+  }
+}
+
+void clear(Session& session, const BoxOptions& options) {
+  check("clear " + options.box, session.server()->clear_event(options.box.c_str()));
+}
+
+struct SwitchOptions {
+  std::string box;
+  std::string state;
+};
+
+void describe_switch(CLI::App& command, SwitchOptions& options) {
+  command.add_option("BOX", options.box, "The event box")->required();
+  command.add_option("STATE", options.state, "on or off")
+      ->required()
+      ->check(CLI::IsMember({"on", "off"}));
+}
+
+void persistent(Session& session, const SwitchOptions& options) {
+  check("set persistence of " + options.box,
+        session.server()->setPersistent(options.box.c_str(), options.state == "on" ? 1 : 0));
+}
+
+void copy(Session& session, const SwitchOptions& options) {
+  const CORBA::Long code =
+      session.server()->copy_enable(options.box.c_str(), options.state == "on" ? 1 : 0);
+  check("set copying of " + options.box, static_cast<unsigned int>(code));
+}
+
+}  // namespace
+
+void add_event_commands(Commands& commands) {
+  CLI::App* event = commands.app.add_subcommand("event", "Events and event boxes");
+  event->require_subcommand(1);
+  commands.add<PutOptions>(*event, "put", "Put an event into one box",
+                           "event put alarms 'oven 3 hot'", describe_put, put);
+  commands.add<DeclareOptions>(*event, "declare", "Put events into every box of an event code",
+                               "event declare 42 'oven 3 hot'", describe_declare, declare);
+  commands.add<SubscribeOptions>(*event, "subscribe", "Let a box have the events of a code",
+                                 "event subscribe alarms 42", describe_subscribe, subscribe);
+  commands.add<WatchOptions>(*event, "watch", "Own an event box and print its events",
+                             "event watch alarms --count 10", describe_watch, watch);
+  commands.add<BoxOptions>(*event, "count", "Print how many events a box holds",
+                           "event count alarms", describe_box, count);
+  commands.add<BoxOptions>(*event, "clear", "Drop the events of a box", "event clear alarms",
+                           describe_box, clear);
+  commands.add<SwitchOptions>(*event, "persistent",
+                              "Keep a box that nobody reads, or let it expire after 2 minutes",
+                              "event persistent alarms off", describe_switch, persistent);
+  commands.add<SwitchOptions>(*event, "copy",
+                              "Copy what is forwarded into a box to the sub servers, or not",
+                              "event copy alarms off", describe_switch, copy);
+}
+
+}  // namespace portsvc::tools

@@ -1,0 +1,42 @@
+// What portctl sends: payloads from the command line, from a file or from standard input.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "middleware/orb/orb.h"
+
+namespace portsvc::tools {
+
+/// Where a payload comes from, as the command line says.
+struct PayloadOptions {
+  std::optional<std::string> data;  ///< given as an argument
+  std::string file;                 ///< given with --file
+};
+
+/// The payload: the argument, the file's bytes or, with neither, all of standard input.
+/// Throws UsageError when the file cannot be read or both are given, Interrupted.
+std::string read_payload(const PayloadOptions& options);
+
+/// Standard input, line by line. A line is what stands before a newline, or before the end.
+class LineReader {
+ public:
+  /// The next line without its newline, nothing at the end. Waits for input; throws Interrupted.
+  std::optional<std::string> next();
+  /// True when next() would answer a line without waiting.
+  bool has_line() const { return buffer_.find('\n', start_) != std::string::npos; }
+
+ private:
+  std::string buffer_;     // read and not yet handed out, from start_ on
+  std::size_t start_ = 0;  // what stands before it has been handed out
+  bool at_end_ = false;
+};
+
+/// Throws UsageError when a message with this payload would be larger than `max_message` bytes.
+void check_size(const std::string& payload, std::uint64_t max_message);
+
+/// Payload bytes, to and from their wire type.
+Varo::DATA_BUFFER to_buffer(const std::string& bytes);
+std::string to_bytes(const Varo::DATA_BUFFER& buffer);
+
+}  // namespace portsvc::tools

@@ -1,0 +1,20 @@
+// Ctrl-C and SIGTERM: a command that is asked to end finishes the slice of the wait it is in and
+// disconnects from its ports.
+#pragma once
+
+namespace portsvc::tools {
+
+/// From now on SIGINT and SIGTERM only leave a mark; a second one of the same kind ends the
+/// process at once. SIGPIPE is ignored: a closed pipe shows as a failed write.
+void catch_interrupts();
+
+/// The signal that arrived, 0 while none has.
+int interrupted();
+
+/// Readable from the moment a signal has arrived, for poll(). Never read it.
+int interrupt_fd();
+
+/// Throws Interrupted when a signal has arrived.
+void throw_if_interrupted();
+
+}  // namespace portsvc::tools

@@ -1,0 +1,216 @@
+// create, rm, exists, host, ping, clear and codes.
+#include <fmt/core.h>
+
+#include <chrono>
+#include <map>
+
+#include "idl/port_codes.h"
+#include "tools/commands.h"
+#include "tools/errors.h"
+#include "tools/interrupt.h"
+#include "tools/output.h"
+
+namespace portsvc::tools {
+namespace {
+
+using Varo::DT_PORT_SVC::Port_Factory_ptr;
+
+struct NameOptions {
+  std::string name;
+};
+
+void describe_name(CLI::App& command, NameOptions& options) {
+  command.add_option("NAME", options.name, "The port")->required();
+}
+
+struct CreateOptions {
+  std::string name;
+  std::string kind = "port";
+  unsigned int limit = 1000;
+};
+
+const std::map<std::string, unsigned int>& kind_words() {
+  static const std::map<std::string, unsigned int> words{
+      {"port", PORT_MASTER}, {"box", PORT_EVENTBOX}, {"proxy", PORT_SLAVE}};
+  return words;
+}
+
+unsigned int kind_code(const std::string& text) {
+  const auto word = kind_words().find(text);
+  if (word != kind_words().end()) return word->second;
+  unsigned int code = 0;
+  if (!CLI::detail::lexical_cast(text, code)) {
+    throw UsageError(fmt::format("'{}' is no kind: port, box, proxy or a number", text));
+  }
+  return code;
+}
+
+void describe_create(CLI::App& command, CreateOptions& options) {
+  command.add_option("NAME", options.name, "The new port")->required();
+  command
+      .add_option("--kind", options.kind,
+                  "port (30005), box (30006), proxy (30007) or a number. A sub server takes "
+                  "30005 for a proxy and 30007 for a port of its own")
+      ->capture_default_str();
+  command
+      .add_option("--limit", options.limit,
+                  "Packets or events it keeps; beyond that the oldest is dropped")
+      ->capture_default_str();
+}
+
+void create(Session& session, const CreateOptions& options) {
+  const unsigned int kind = kind_code(options.kind);
+  check("create " + options.name,
+        session.server()->create_port(options.name.c_str(), kind, options.limit));
+}
+
+struct RemoveOptions {
+  std::vector<std::string> names;
+};
+
+void describe_remove(CLI::App& command, RemoveOptions& options) {
+  command.add_option("NAME", options.names, "The ports; one that does not exist is no error")
+      ->required()
+      ->allow_extra_args(false);
+}
+
+void remove(Session& session, const RemoveOptions& options) {
+  for (const std::string& name : options.names) {
+    check("remove " + name, session.server()->delete_port(name.c_str()));
+  }
+}
+
+void exists(Session& session, const NameOptions& options) {
+  const CORBA::Long code = session.server()->exist(options.name.c_str());
+  check("look for " + options.name, static_cast<unsigned int>(code));
+}
+
+struct HostOptions {
+  std::string name;
+  std::string host;
+};
+
+void describe_host(CLI::App& command, HostOptions& options) {
+  command.add_option("NAME", options.name, "The port")->required();
+  command.add_option("TEXT", options.host, "The host text; \"\" takes it away")->required();
+}
+
+void set_host(Session& session, const HostOptions& options) {
+  check("set the host of " + options.name,
+        session.server()->set_connected_host(options.name.c_str(), options.host.c_str()));
+}
+
+struct NoOptions {};
+void describe_nothing(CLI::App&, NoOptions&) {}
+
+struct PingOptions {
+  unsigned int count = 1;
+};
+
+void describe_ping(CLI::App& command, PingOptions& options) {
+  command.add_option("--count", options.count, "Calls to make, one after the other")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+}
+
+void ping(Session& session, const PingOptions& options) {
+  using Milliseconds = std::chrono::duration<double, std::milli>;
+  Port_Factory_ptr server = session.server();
+  server->heart_bit();  // the first call opens the connection
+  Json list = Json::array();
+  for (unsigned int i = 0; i < options.count; ++i) {
+    throw_if_interrupted();
+    const auto start = std::chrono::steady_clock::now();
+    server->heart_bit();
+    const Milliseconds taken = std::chrono::steady_clock::now() - start;
+    if (session.options().json) {
+      list.push_back(taken.count());
+    } else {
+      write_output(fmt::format("round trip {:.3f} ms\n", taken.count()));
+    }
+  }
+  if (session.options().json) print_json({{"round_trip_ms", list}});
+}
+
+struct ClearOptions {
+  bool yes = false;
+};
+
+void describe_clear(CLI::App& command, ClearOptions& options) {
+  command.add_flag("--yes", options.yes, "Yes, really all of them");
+}
+
+void clear(Session& session, const ClearOptions& options) {
+  if (!options.yes) {
+    throw UsageError("clear removes every port, event box and subscription: say --yes");
+  }
+  session.server()->clearAll();
+}
+
+struct Code {
+  std::string_view subject;
+  unsigned int code;
+  std::string_view name;
+  std::string_view meaning;
+};
+
+void codes(Session& session, const NoOptions&) {
+  std::vector<Code> all;
+  for (const ResultText& text : result_texts) {
+    all.push_back({"result", text.code, text.name, text.meaning});
+  }
+  for (const auto& [kind, meaning] :
+       {std::pair{PORT_MASTER, "packet port whose owner this server serves"},
+        std::pair{PORT_EVENTBOX, "box of events"},
+        std::pair{PORT_SLAVE, "proxy for the port of the main server"}}) {
+    all.push_back({"kind", kind, kind_name(kind), meaning});
+  }
+  all.push_back({"mode", CONNECT_CLIENT, "CONNECT_CLIENT", "connect as a client"});
+  all.push_back({"mode", CONNECT_OWNER, "CONNECT_OWNER", "connect as the owner"});
+  all.push_back(
+      {"access", ACCESS_SELECT, "ACCESS_SELECT", "takes do not block; the port can be selected"});
+  all.push_back({"access", ACCESS_WAIT, "ACCESS_WAIT", "takes block until their time-out"});
+
+  if (session.options().json) {
+    Json list = Json::array();
+    for (const Code& code : all) {
+      list.push_back({{"subject", code.subject},
+                      {"code", code.code},
+                      {"name", code.name},
+                      {"meaning", code.meaning}});
+    }
+    print_json(list);
+    return;
+  }
+  Table table({"SUBJECT", "CODE", "NAME", "MEANING"});
+  for (const Code& code : all) {
+    table.add({std::string(code.subject), std::to_string(code.code), std::string(code.name),
+               std::string(code.meaning)});
+  }
+  table.print();
+}
+
+}  // namespace
+
+void add_registry_commands(Commands& commands) {
+  CLI::App& app = commands.app;
+  commands.add<CreateOptions>(app, "create",
+                              "Create a port; on a main server an existing one stays as it is",
+                              "create orders --limit 100", describe_create, create);
+  commands.add<RemoveOptions>(app, "rm", "Delete ports", "rm orders alarms", describe_remove,
+                              remove);
+  commands.add<NameOptions>(app, "exists", "Succeed when there is a port of that name",
+                            "exists orders && echo yes", describe_name, exists);
+  CLI::App* host = app.add_subcommand("host", "The host text of a port");
+  host->require_subcommand(1);
+  commands.add<HostOptions>(*host, "set", "Store the host text; it goes when the owner leaves",
+                            "host set orders press-7", describe_host, set_host);
+  commands.add<PingOptions>(app, "ping", "Measure the round trip to the server", "ping --count 5",
+                            describe_ping, ping);
+  commands.add<ClearOptions>(app, "clear", "Remove all ports, event boxes and subscriptions",
+                             "clear --yes", describe_clear, clear);
+  commands.add<NoOptions>(app, "codes", "List the result codes, kinds and modes", "codes",
+                          describe_nothing, codes);
+}
+
+}  // namespace portsvc::tools

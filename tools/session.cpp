@@ -1,0 +1,104 @@
+#include "tools/session.h"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <chrono>
+#include <regex>
+
+#include "idl/port_codes.h"
+#include "tools/errors.h"
+
+namespace portsvc::tools {
+
+using Varo::DT_PORT_SVC::Port_Factory;
+using Varo::DT_PORT_SVC::Port_Factory_ptr;
+using Varo::DT_PORT_SVC::Port_Factory_var;
+
+std::optional<std::string> reference_text(const std::string& server) {
+  for (const std::string_view scheme : {"corbaloc:", "corbaname:", "IOR:"}) {
+    if (server.compare(0, scheme.size(), scheme) == 0) return server;
+  }
+  static const std::regex host_and_port(R"(([^:/\[\]]+|\[[0-9A-Fa-f:.]+\]):[0-9]{1,5})");
+  if (!std::regex_match(server, host_and_port)) return std::nullopt;
+  return fmt::format("corbaloc:iiop:{}/{}", server, object_key);
+}
+
+orb::Broker& Session::broker() {
+  if (!broker_) {
+    orb::set_peer_call_timeout(std::chrono::seconds(options_.call_timeout));
+    orb::Options options;
+    options.max_message = options_.max_message;
+    broker_ = std::make_unique<orb::Broker>(options);
+    call_timeout_ = std::make_unique<orb::CallTimeout>();
+  }
+  return *broker_;
+}
+
+Directory& Session::directory() {
+  if (directory_) return *directory_;
+  if (options_.directory.empty() && options_.naming.empty()) {
+    throw UsageError("this takes a directory of servers: --directory FILE or --naming REF");
+  }
+  try {
+    directory_ = options_.directory.empty() ? open_naming_directory(broker(), options_.naming)
+                                            : open_file_directory(broker(), options_.directory);
+  } catch (const orb::Error& error) {
+    throw UsageError(error.what());
+  }
+  return *directory_;
+}
+
+Port_Factory_var Session::resolve(const std::string& server) {
+  CORBA::Object_var object;
+  if (const auto reference = reference_text(server)) {
+    try {
+      object = broker().from_text(*reference);
+    } catch (const orb::Error& error) {
+      // The text of a corbaname is looked up at once, so what failed is that look-up.
+      if (reference->compare(0, 10, "corbaname:") == 0) throw Unreachable(error.what());
+      throw UsageError(error.what());
+    }
+  } else {
+    if (options_.directory.empty() && options_.naming.empty()) {
+      throw UsageError(fmt::format(
+          "'{}' is no reference and no HOST:PORT; for a server's name give --directory or --naming",
+          server));
+    }
+    object = directory().resolve(server, options_.realm);
+    if (CORBA::is_nil(object)) {
+      throw Unreachable(fmt::format("the directory knows no server '{}'", server));
+    }
+  }
+  Port_Factory_var factory = Port_Factory::_narrow(object);
+  if (CORBA::is_nil(factory)) throw Unreachable(fmt::format("'{}' is no port service", server));
+  return factory;
+}
+
+Port_Factory_ptr Session::server() {
+  if (CORBA::is_nil(server_)) server_ = resolve(options_.server);
+  return server_;
+}
+
+Connection::Connection(Port_Factory_ptr server, const std::string& port, unsigned int mode,
+                       unsigned int access)
+    : server_(server) {
+  CORBA::ULong owner = 0;
+  const unsigned int code = server_->connect_port(port.c_str(), handle_, mode, access, owner);
+  check(fmt::format("connect to {} as {}", port, mode == CONNECT_OWNER ? "its owner" : "a client"),
+        code);
+}
+
+Connection::~Connection() {
+  // The request is under way whether or not an answer comes: a server that is frozen carries it
+  // out when it goes on, and is not waited for.
+  constexpr std::chrono::milliseconds patience{2000};
+  try {
+    const orb::CallTimeout limit(std::min(patience, orb::peer_call_timeout()));
+    (void)server_->disconnect_port(handle_);
+  } catch (const CORBA::Exception&) {
+    // A server that has gone knows the connection no more.
+  }
+}
+
+}  // namespace portsvc::tools

@@ -1,0 +1,81 @@
+// One run of portctl: its options for all commands, the broker, the server it talks to, and the
+// connections to ports that end with it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "middleware/directory.h"
+#include "middleware/orb/orb.h"
+
+namespace portsvc::tools {
+
+/// The options that stand before the command.
+struct GlobalOptions {
+  std::string server = "corbaloc:iiop:127.0.0.1:9700/PortService";
+  std::string directory;
+  std::string naming;
+  std::string realm;
+  bool json = false;
+  std::uint64_t max_message = 64ULL << 20;
+  unsigned int call_timeout = 7;
+};
+
+/// The reference that a --server text names: itself for corbaloc, corbaname and IOR texts, a
+/// corbaloc for HOST:PORT; nothing when the text is a server's name.
+std::optional<std::string> reference_text(const std::string& server);
+
+/// Made once, after the options have been read. Starts the broker at the first use, so that a
+/// command without a server needs none. Not thread-safe.
+class Session {
+ public:
+  explicit Session(const GlobalOptions& options) : options_(options) {}
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  const GlobalOptions& options() const { return options_; }
+
+  /// The server of --server; the session keeps the reference. Throws UsageError for a text that
+  /// is no reference, Unreachable, a broker exception when it does not answer.
+  Varo::DT_PORT_SVC::Port_Factory_ptr server();
+
+  /// Any other server, by reference or name; throws as server().
+  Varo::DT_PORT_SVC::Port_Factory_var resolve(const std::string& server);
+
+  /// The directory of --directory or --naming. Throws UsageError when there is none.
+  Directory& directory();
+
+ private:
+  orb::Broker& broker();
+
+  const GlobalOptions& options_;
+  // Destroyed from the last to the first: references before the broker.
+  std::unique_ptr<orb::Broker> broker_;
+  std::unique_ptr<orb::CallTimeout> call_timeout_;  // of every call that is no wait
+  std::shared_ptr<Directory> directory_;
+  Varo::DT_PORT_SVC::Port_Factory_var server_;
+};
+
+/// A connection to a port as its owner or as a client, ended by the destructor whatever happens
+/// to the command.
+class Connection {
+ public:
+  /// Connects; `mode` and `access` are those of connect_port. Throws ResultError; the server must
+  /// outlive the connection.
+  Connection(Varo::DT_PORT_SVC::Port_Factory_ptr server, const std::string& port, unsigned int mode,
+             unsigned int access);
+  ~Connection();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  /// The port id for an owner, the client handle for a client.
+  CORBA::ULong handle() const { return handle_; }
+
+ private:
+  Varo::DT_PORT_SVC::Port_Factory_ptr server_;
+  CORBA::ULong handle_ = 0;
+};
+
+}  // namespace portsvc::tools

@@ -1,0 +1,200 @@
+// snapshot save, load, download and show.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "idl/port_codes.h"
+#include "persistence/snapshot_file.h"
+#include "tools/commands.h"
+#include "tools/errors.h"
+#include "tools/input.h"
+#include "tools/interrupt.h"
+#include "tools/output.h"
+
+namespace portsvc::tools {
+namespace {
+
+struct NoOptions {};
+void describe_nothing(CLI::App&, NoOptions&) {}
+
+void save(Session& session, const NoOptions&) {
+  check("save the snapshot", session.server()->make_snapshot());
+}
+
+void load(Session& session, const NoOptions&) {
+  check("load the snapshot", session.server()->load_snapshot());
+}
+
+struct FileOptions {
+  std::string file;
+};
+
+// The server's open snapshot, closed whatever happens.
+class RemoteFile {
+ public:
+  explicit RemoteFile(Varo::FileHandle_ptr handle) : handle_(handle) {
+    if (CORBA::is_nil(handle_)) throw Failure("the server cannot open its snapshot file");
+  }
+  ~RemoteFile() {
+    try {
+      handle_->close();
+    } catch (const CORBA::Exception&) {
+      // The server closes a handle that is used no more.
+    }
+  }
+  RemoteFile(const RemoteFile&) = delete;
+  RemoteFile& operator=(const RemoteFile&) = delete;
+
+  std::string read_all() {
+    CORBA::Long size = 0;
+    if (handle_->size(size) != 0) throw Failure("the server cannot tell the snapshot's size");
+    std::string bytes;
+    for (;;) {
+      throw_if_interrupted();
+      CORBA::Long length = chunk;
+      Varo::DATA_BUFFER_var data;
+      const auto offset = static_cast<CORBA::Long>(bytes.size());
+      if (handle_->read(offset, length, data.out()) != 0) {
+        throw Failure(fmt::format("the server cannot read its snapshot at byte {}", offset));
+      }
+      if (length == 0) break;
+      bytes += to_bytes(data.in());
+    }
+    if (bytes.size() != static_cast<std::size_t>(size)) {
+      throw Failure(fmt::format("the server delivered {} of {} bytes", bytes.size(), size));
+    }
+    return bytes;
+  }
+
+ private:
+  static constexpr CORBA::Long chunk = 256 * 1024;
+  Varo::FileHandle_var handle_;
+};
+
+// Written beside the file and renamed, so that a file of that name is always a whole one.
+void write_file(const std::string& path, const std::string& bytes) {
+  const std::string draft = fmt::format("{}.{}", path, ::getpid());
+  std::ofstream file(draft, std::ios::binary | std::ios::trunc);
+  file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  file.close();
+  if (!file || std::rename(draft.c_str(), path.c_str()) != 0) {
+    const int error = errno;
+    std::remove(draft.c_str());
+    throw Failure(fmt::format("cannot write {}: {}", path, std::strerror(error)));
+  }
+}
+
+void describe_download(CLI::App& command, FileOptions& options) {
+  command.add_option("FILE", options.file, "Where to write it")->required();
+}
+
+void download(Session& session, const FileOptions& options) {
+  write_file(options.file, RemoteFile(session.server()->openSnapShot()).read_all());
+}
+
+std::vector<std::string> problems(const snapshot::Content& content) {
+  std::vector<std::string> found;
+  // A file that breaks off before its second section has no marker there.
+  const bool has_subscriptions = content.problem.empty() || content.subscriptions_marker != 0;
+  if (content.ports_marker != snapshot::ports_marker ||
+      (has_subscriptions && content.subscriptions_marker != snapshot::subscriptions_marker)) {
+    found.push_back(fmt::format("the section markers are {} and {}, not {} and {}",
+                                content.ports_marker, content.subscriptions_marker,
+                                snapshot::ports_marker, snapshot::subscriptions_marker));
+  }
+  if (content.unreadable_records != 0) {
+    found.push_back(
+        fmt::format("{} records have a name without an end", content.unreadable_records));
+  }
+  if (!content.problem.empty()) found.push_back(content.problem);
+  return found;
+}
+
+// Codes are kept signed in the file's order; -1 is the code 4294967295.
+std::int32_t signed_code(std::uint32_t code) { return static_cast<std::int32_t>(code); }
+
+void print_content_json(const snapshot::Content& content) {
+  Json ports = Json::array();
+  for (const auto& port : content.ports) {
+    Json object{{"name", port.name},
+                {"kind", kind_name(port.kind)},
+                {"kind_code", port.kind},
+                {"limit", port.limit}};
+    if (port.kind == PORT_EVENTBOX) object["persistent"] = port.persistent;
+    ports.push_back(std::move(object));
+  }
+  Json subscriptions = Json::array();
+  for (const auto& subscription : content.subscriptions) {
+    subscriptions.push_back({{"code", signed_code(subscription.code)}, {"box", subscription.name}});
+  }
+  print_json({{"ports", ports}, {"subscriptions", subscriptions}, {"problems", problems(content)}});
+}
+
+void print_content(const snapshot::Content& content) {
+  Table ports({"NAME", "KIND", "LIMIT", "PERSISTENT"});
+  for (const auto& port : content.ports) {
+    const bool is_box = port.kind == PORT_EVENTBOX;
+    const std::string_view kind = kind_name(port.kind);
+    ports.add({printable(port.name),
+               kind == "unknown" ? std::to_string(port.kind) : std::string(kind),
+               std::to_string(port.limit),
+               !is_box           ? "-"
+               : port.persistent ? "yes"
+                                 : "no"});
+  }
+  ports.print();
+  write_output("\n");
+  Table subscriptions({"CODE", "BOX"});
+  for (const auto& subscription : content.subscriptions) {
+    subscriptions.add(
+        {std::to_string(signed_code(subscription.code)), printable(subscription.name)});
+  }
+  subscriptions.print();
+}
+
+void describe_show(CLI::App& command, FileOptions& options) {
+  command.add_option("FILE", options.file, "The snapshot file")->required();
+}
+
+void show(Session& session, const FileOptions& options) {
+  std::string bytes;
+  if (!snapshot::read_file(options.file.c_str(), "rb", bytes)) {
+    throw UsageError(fmt::format("cannot read {}: {}", options.file, std::strerror(errno)));
+  }
+  const snapshot::Content content = snapshot::parse(bytes);
+  if (session.options().json) {
+    print_content_json(content);
+  } else {
+    print_content(content);
+  }
+  flush_output();
+  const auto found = problems(content);
+  if (!found.empty()) {
+    throw Failure(fmt::format("{} is damaged: {}", options.file, fmt::join(found, "; ")));
+  }
+}
+
+}  // namespace
+
+void add_snapshot_commands(Commands& commands) {
+  CLI::App* group = commands.app.add_subcommand("snapshot", "The server's snapshot file");
+  group->require_subcommand(1);
+  commands.add<NoOptions>(*group, "save", "Let the server write its snapshot", "snapshot save",
+                          describe_nothing, save);
+  commands.add<NoOptions>(*group, "load", "Let the server read its snapshot", "snapshot load",
+                          describe_nothing, load);
+  commands.add<FileOptions>(*group, "download", "Save a fresh snapshot and copy it here",
+                            "snapshot download plant.snp", describe_download, download);
+  commands.add<FileOptions>(*group, "show",
+                            "Print a snapshot file, also a damaged one as far as it goes",
+                            "snapshot show plant.snp --json", describe_show, show);
+}
+
+}  // namespace portsvc::tools
