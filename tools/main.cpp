@@ -66,8 +66,11 @@ int main(int argc, char** argv) {
   CLI::App app("portctl, the port service from the command line");
   app.require_subcommand(1);
   app.fallthrough();
-  app.failure_message([](const CLI::App*, const CLI::Error& error) {
-    return std::string("portctl: ") + error.what() + "\n";
+  app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
+    const auto unknown = failed->remaining();
+    const bool no_command = error.get_name() == "RequiredError" && !unknown.empty();
+    return no_command ? "portctl: there is no command '" + unknown.front() + "'\n"
+                      : std::string("portctl: ") + error.what() + "\n";
   });
   app.footer(
       "Exit status: 0 success, 1 a result code other than 0 (or a local file that failed), 2 bad "

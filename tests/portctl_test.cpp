@@ -1,0 +1,164 @@
+// The pieces of portctl that need no server: its command filter, its input and output, the texts
+// that name a server, and waits in slices.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "idl/port_codes.h"
+#include "tools/errors.h"
+#include "tools/input.h"
+#include "tools/interrupt.h"
+#include "tools/output.h"
+#include "tools/session.h"
+#include "tools/shell_command.h"
+#include "tools/waiting.h"
+
+namespace portsvc::tools {
+namespace {
+
+using std::chrono::steady_clock;
+
+// More than the pipes in both directions hold together.
+constexpr std::size_t large = 3 << 20;
+
+std::string all_bytes(std::size_t size) {
+  std::string bytes(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 31 + i / 251);
+  return bytes;
+}
+
+class Portctl : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { catch_interrupts(); }
+};
+
+using PortctlCommand = Portctl;
+
+TEST_F(PortctlCommand, GetsAndGivesBytesUnchanged) {
+  EXPECT_EQ(run_shell_command("tr a-z A-Z", "hello").output, "HELLO");
+  EXPECT_EQ(run_shell_command("cat", "").output, "");
+  const std::string bytes = all_bytes(large);
+  EXPECT_TRUE(run_shell_command("cat", bytes).output == bytes);
+}
+
+TEST_F(PortctlCommand, NeedNotReadItsInput) {
+  const CommandResult done = run_shell_command("exec <&-; echo done; exit 3", all_bytes(large));
+  EXPECT_EQ(done.output, "done\n");
+  EXPECT_EQ(done.status, 3);
+  EXPECT_EQ(run_shell_command("echo early; sleep 0.2", all_bytes(large)).output, "early\n");
+}
+
+TEST_F(PortctlCommand, MayPrintMoreThanItReads) {
+  const CommandResult done = run_shell_command("head -c 3000000 /dev/zero; cat", all_bytes(large));
+  EXPECT_EQ(done.output.size(), 3000000 + large);
+}
+
+TEST_F(PortctlCommand, SeesClosedPipesAndReportsSignals) {
+  // `yes` ends by SIGPIPE; with that signal ignored the pipeline would never end.
+  EXPECT_EQ(run_shell_command("yes | head -n 1", "").output, "y\n");
+  EXPECT_EQ(run_shell_command("kill -TERM $$", "").status, 128 + SIGTERM);
+}
+
+TEST(PortctlServer, IsAReferenceAnAddressOrAName) {
+  for (const char* reference : {"corbaloc:iiop:h:1/PortService", "IOR:0100", "corbaname::h#a"}) {
+    EXPECT_EQ(reference_text(reference), reference);
+  }
+  EXPECT_EQ(reference_text("plant1.local:9700"), "corbaloc:iiop:plant1.local:9700/PortService");
+  EXPECT_EQ(reference_text("[::1]:9700"), "corbaloc:iiop:[::1]:9700/PortService");
+  for (const char* name : {"plant1", "plant:one", "a:b:9700", ":9700", "plant:", ""}) {
+    EXPECT_EQ(reference_text(name), std::nullopt) << name;
+  }
+}
+
+TEST(PortctlOutput, ShowsPayloadsInJsonWithoutLoss) {
+  EXPECT_EQ(payload_json("gr\xc3\xbc\xc3\x9f\n").dump(), R"({"size":7,"text":"grüß\n"})");
+  EXPECT_EQ(payload_json("").dump(), R"({"size":0,"text":""})");
+  EXPECT_EQ(payload_json("\xff").dump(), R"({"size":1,"base64":"/w=="})");
+  EXPECT_EQ(payload_json("\xff\xfe").dump(), R"({"size":2,"base64":"//4="})");
+  EXPECT_EQ(payload_json("\xff\xfe\xfd").dump(), R"({"size":3,"base64":"//79"})");
+}
+
+TEST(PortctlOutput, KeepsNamesOnOneLineOfTheTerminal) {
+  EXPECT_EQ(printable("a\nb\x1b[2J"), "a\\x0ab\\x1b[2J");
+  EXPECT_EQ(printable("größe"), "größe");
+  EXPECT_EQ(printable(""), "\"\"");
+}
+
+TEST_F(Portctl, ReadsLinesAsTheyArrive) {
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  const int saved = ::dup(STDIN_FILENO);
+  ::dup2(ends[0], STDIN_FILENO);
+  const auto feed = [&](std::string_view text) {
+    ASSERT_EQ(::write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  };
+  LineReader reader;
+  feed("one\n\nthr");
+  EXPECT_EQ(reader.next(), "one");
+  EXPECT_TRUE(reader.has_line());
+  EXPECT_EQ(reader.next(), "");
+  EXPECT_FALSE(reader.has_line());
+  feed("ee\nrest");
+  ::close(ends[1]);
+  EXPECT_EQ(reader.next(), "three");
+  EXPECT_EQ(reader.next(), "rest");
+  EXPECT_EQ(reader.next(), std::nullopt);
+  ::dup2(saved, STDIN_FILENO);
+  ::close(saved);
+  ::close(ends[0]);
+}
+
+TEST_F(Portctl, WaitsInSlicesUntilSomethingHappensOrTheTimeIsUsedUp) {
+  int calls = 0;
+  const auto wait = [&](unsigned int seconds) {
+    ++calls;
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    return calls == 2 ? result::ok : result::timed_out;
+  };
+  EXPECT_EQ(wait_in_slices(0, result::timed_out, wait), result::ok);
+  EXPECT_EQ(calls, 2);
+  const auto start = steady_clock::now();
+  EXPECT_EQ(wait_in_slices(2, result::timed_out, wait), result::timed_out);
+  const auto waited = steady_clock::now() - start;
+  EXPECT_GE(waited, std::chrono::milliseconds(1900));
+  EXPECT_LT(waited, std::chrono::milliseconds(2900));
+  // Any other code is an answer.
+  EXPECT_EQ(wait_in_slices(0, result::reply_timed_out,
+                           [](unsigned int) { return result::unknown_handle; }),
+            result::unknown_handle);
+}
+
+// The last test: an interruption cannot be taken back.
+TEST_F(Portctl, EndsWaitsAndCommandsWhenInterrupted) {
+  EXPECT_EXIT(
+      {
+        std::thread([] {
+          std::this_thread::sleep_for(std::chrono::milliseconds(200));
+          ::kill(::getpid(), SIGTERM);
+        }).detach();
+        try {
+          (void)run_shell_command("sleep 30 | sleep 30", "");
+        } catch (const Interrupted&) {
+          bool slice_begun = false;
+          try {
+            (void)wait_in_slices(0, result::timed_out, [&](unsigned int) {
+              slice_begun = true;
+              return result::timed_out;
+            });
+          } catch (const Interrupted&) {
+            std::_Exit(slice_begun ? 1 : interrupted());
+          }
+        }
+        std::_Exit(2);
+      },
+      ::testing::ExitedWithCode(SIGTERM), "");
+}
+
+}  // namespace
+}  // namespace portsvc::tools
