@@ -47,8 +47,9 @@ class Broker {
   CORBA::ORB_ptr orb() const;
 
   /// Activates `servant` in the default adapter and under portsvc::object_key (corbaloc), and
-  /// starts taking calls. The adapter holds a reference of its own to the servant until shutdown.
-  /// Throws Error.
+  /// starts taking calls; those that arrive earlier wait for it. Answers the reference with the
+  /// well-known key, which stays good when the process is started again. The adapter holds a
+  /// reference of its own to the servant until shutdown. Throws Error.
   Varo::DT_PORT_SVC::Port_Factory_var serve(POA_Varo::DT_PORT_SVC::Port_Factory* servant);
 
   /// Stops taking calls and waits until those under way have ended, at most `patience`. False
@@ -57,8 +58,9 @@ class Broker {
 
   /// The stringified reference. Throws Error.
   std::string to_text(CORBA::Object_ptr object) const;
-  /// The reference that a corbaloc, corbaname or IOR text names, never nil. Nothing is called.
-  /// Throws Error for a text that is none.
+  /// The reference that a corbaloc, corbaname or IOR text names, never nil. Nothing is called, but
+  /// a corbaname asks its naming service, under the peer call time-out. Throws Error for a text
+  /// that is none.
   CORBA::Object_var from_text(const std::string& text) const;
 
  private:
@@ -88,8 +90,9 @@ class CallTimeout {
 };
 
 /// How many connections this process has opened, as a client, since it started, to the server
-/// behind `object`. A growing number tells that a peer may have been restarted in between. 0 for
-/// ever on a broker that cannot tell.
+/// behind `object`; to all servers together when the reference names its server by a host name. A
+/// growing number tells that a peer may have been restarted in between. 0 for ever on a broker that
+/// cannot tell.
 std::uint64_t connections_opened(CORBA::Object_ptr object);
 
 /// One line for people on a broker exception: its name, and what it usually means.
