@@ -22,7 +22,7 @@ int SnapSaveTask::svc() {
       if (owner_) servant::make_snapshot(owner_);
       last_save_ = calendar_seconds();
     }
-    clock().pause(save_round, &stop_);
+    portsvc::clock().pause(save_round, &stop_);
   }
   return 0;
 }
@@ -37,7 +37,7 @@ int TransitionCheckTask::svc() {
       servant::check_no_transition(owner_);
       last_check_ = now;
     }
-    clock().pause(check_round, &stop_);
+    portsvc::clock().pause(check_round, &stop_);
   }
   return 0;
 }

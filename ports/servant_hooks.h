@@ -10,8 +10,8 @@ class vrBuffer;
 
 namespace portsvc::servant {
 
-/// Reference to the peer server's port service, owned by the caller; nil when there is none.
-Varo::DT_PORT_SVC::Port_Factory_ptr get_remote_point(Port_Factory_i* servant);
+/// Reference to the peer server's port service; nil when there is none.
+Varo::DT_PORT_SVC::Port_Factory_var get_remote_point(Port_Factory_i* servant);
 /// Forgets a peer reference that failed.
 void releaseRemotePoint(Port_Factory_i* servant);
 /// An event box was handed a packet.

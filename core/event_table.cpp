@@ -1,0 +1,52 @@
+#include "core/event_table.h"
+
+#include <algorithm>
+
+namespace portsvc {
+
+std::shared_ptr<const Event_Table::Names> Event_Table::names(int code) const {
+  const auto found = names_.find(code);
+  return found == names_.end() ? nullptr : found->second;
+}
+
+bool Event_Table::add(const std::string& name, int code) {
+  std::vector<int>& codes = codes_[name];
+  if (std::find(codes.begin(), codes.end(), code) != codes.end()) return false;
+  codes.push_back(code);
+  to_change(names_[code]).push_back(name);
+  return true;
+}
+
+void Event_Table::remove(const std::string& name) {
+  const auto found = codes_.find(name);
+  if (found == codes_.end()) return;
+  for (const int code : found->second) {
+    Names& names = to_change(names_[code]);
+    names.erase(std::find(names.begin(), names.end(), name));
+  }
+  codes_.erase(found);
+}
+
+void Event_Table::clear() {
+  names_.clear();
+  codes_.clear();
+}
+
+std::size_t Event_Table::subscriptions() const {
+  std::size_t total = 0;
+  for (const auto& entry : names_) total += entry.second->size();
+  return total;
+}
+
+// A list that somebody still reads is copied first. New readers cannot come while the caller has
+// the table for writing.
+Event_Table::Names& Event_Table::to_change(std::shared_ptr<Names>& names) {
+  if (!names) {
+    names = std::make_shared<Names>();
+  } else if (names.use_count() != 1) {
+    names = std::make_shared<Names>(*names);
+  }
+  return *names;
+}
+
+}  // namespace portsvc

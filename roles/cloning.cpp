@@ -1,0 +1,75 @@
+// The sub role's copies of the main server's ports, and the ports it creates itself.
+
+#include <ace/Guard_T.h>
+
+#include "ports/port_creator.h"
+#include "roles/port_factory_sub.h"
+
+using namespace portsvc;
+using Varo::DT_PORT_SVC::PORT_INFO;
+
+namespace {
+
+const vrPort_Creator* creator() {
+  return ACE_Singleton<vrSubPort_Creator, ACE_Thread_Mutex>::instance();
+}
+
+}  // namespace
+
+void Port_Factory_Sub::clon_all_object() {
+  ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, sub_lock_);
+  const Port_Factory_var peer = get_remote_point();
+  if (CORBA::is_nil(peer)) return;
+  try {
+    const orb::CallTimeout scope;
+    Varo::STRING_LIST_var ports;
+    Varo::STRING_LIST_var boxes;
+    if (peer->patch_object_name(ports.out(), boxes.out()) != result::ok) return;
+    const auto clone_each = [&](const Varo::STRING_LIST& names) {
+      for (CORBA::ULong i = 0; i < names.length(); ++i) {
+        PORT_INFO info{};
+        if (peer->get_port_info(names[i], info) == result::ok) create_clon(names[i], info);
+      }
+    };
+    clone_each(ports.in());
+    clone_each(boxes.in());
+  } catch (const CORBA::Exception&) {
+    releaseRemotePoint();  // the copies made so far stay
+  }
+}
+
+boost::shared_ptr<Port_impl> Port_Factory_Sub::create_clon(const char* name,
+                                                           const PORT_INFO& info) {
+  if (registry_.find(name)) return {};
+  auto port = creator()->create(name, info.port_id, info.limit, info.kind, this);
+  if (!port) return {};
+  registry_.add(port, info.kind == PORT_EVENTBOX);
+  next_handle_ = registry_.last_id() + 1;
+  return port;
+}
+
+boost::shared_ptr<Port_impl> Port_Factory_Sub::create_clon_port(const char* name) {
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, sub_lock_, {});
+  const Port_Factory_var peer = get_remote_point();
+  if (CORBA::is_nil(peer)) return {};
+  try {
+    const orb::CallTimeout scope;
+    PORT_INFO info{};
+    if (peer->get_port_info(name, info) != result::ok) return {};
+    return create_clon(name, info);
+  } catch (const CORBA::Exception&) {
+    releaseRemotePoint();
+    return {};
+  }
+}
+
+CORBA::ULong Port_Factory_Sub::create_port(const char* name, CORBA::ULong kind,
+                                           CORBA::ULong limit) {
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
+  if (registry_.find(name)) return result::already_exists;
+  const auto port = creator()->create(name, next_handle_, limit, kind, this);
+  if (!port) return result::bad_mode;
+  registry_.add(port, kind == PORT_EVENTBOX);
+  ++next_handle_;
+  return result::ok;
+}

@@ -1,0 +1,88 @@
+#include "roles/event_forwarding.h"
+
+#include <ace/Guard_T.h>
+
+#include <utility>
+
+#include "idl/port_codes.h"
+#include "middleware/orb/orb.h"
+#include "middleware/reference_container.h"
+#include "platform/clock.h"
+#include "ports/wire.h"
+
+using namespace portsvc;
+
+namespace {
+
+constexpr std::size_t pending_limit = 3000;
+const ACE_Time_Value idle_pause(4, 0);
+const ACE_Time_Value yield(0, 0);
+
+bool is_delivery_failure(unsigned int answer) {
+  return (answer >= 99 && answer <= 199) || answer == result::unknown_name;
+}
+
+}  // namespace
+
+SendEventRequest::SendEventRequest(const char* port_name, const char* server, const char* realm,
+                                   const vrBuffer& data, unsigned int handle, bool front)
+    : handle_(handle),
+      front_(front),
+      data_(data),
+      port_name_(port_name),
+      server_(server),
+      realm_(realm ? realm : "") {}
+
+unsigned int SendEventRequest::execute() {
+  const char* const realm = realm_.empty() ? nullptr : realm_.c_str();
+  vrReferenceContainer* const container = vrReferenceContainer::instance();
+  const Varo::DT_PORT_SVC::Port_Factory_var peer =
+      container->GetPortReferenceWithServerName(server_.c_str(), realm);
+  if (CORBA::is_nil(peer)) return result::no_peer;
+  try {
+    const orb::CallTimeout scope;
+    const Varo::DATA_BUFFER_var bytes = to_wire(vrBuffer(data_));
+    return front_ ? peer->update_port_front(port_name_.c_str(), handle_, bytes.in())
+                  : peer->update_port(port_name_.c_str(), handle_, bytes.in());
+  } catch (const CORBA::Exception&) {
+    container->ReleasePortReference(server_.c_str(), realm);
+    return result::peer_forward;
+  }
+}
+
+EventSendTask::~EventSendTask() {
+  stop();
+  wait();
+}
+
+void EventSendTask::push_request(SendEventRequest* request) {
+  std::unique_ptr<SendEventRequest> owned(request);
+  Requests discarded;  // destroyed after the lock is released
+  if (!owned) return;
+  ACE_GUARD(ACE_Thread_Mutex, guard, queue_lock_);
+  if (requests_.size() <= pending_limit) {
+    requests_.push_back(std::move(owned));
+  } else {
+    discarded.swap(requests_);
+  }
+}
+
+int EventSendTask::svc() {
+  while (!stop_) {
+    Requests batch;
+    {
+      ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, queue_lock_, 0);
+      batch.swap(requests_);
+    }
+    if (batch.empty()) {
+      portsvc::clock().pause(idle_pause, &stop_);
+      continue;
+    }
+    for (const auto& request : batch) {
+      if (stop_ || is_delivery_failure(request->execute())) break;
+      portsvc::clock().pause(yield, &stop_);
+    }
+    portsvc::clock().pause(yield, &stop_);
+  }
+  return 0;
+}

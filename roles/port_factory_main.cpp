@@ -1,0 +1,139 @@
+#include "roles/port_factory_main.h"
+
+#include <ace/Guard_T.h>
+
+#include <boost/make_shared.hpp>
+
+#include "core/out_values.h"
+#include "core/port_id_generator.h"
+#include "middleware/server_list.h"
+#include "ports/port_creator.h"
+#include "ports/wire.h"
+
+using namespace portsvc;
+
+Port_Factory_Main::Port_Factory_Main(const char* interface_name) : Port_Factory_i(interface_name) {
+  Kestrum::ServerNameList list;
+  Kestrum::GetServerNames("slave", list);
+  for (int i = 0; i < list.count(); ++i) sub_servers_.emplace_back(list[i]);
+}
+
+Port_Factory_Main::~Port_Factory_Main() {
+  stop_housekeeping();
+  // All are asked before any is waited for: their pauses run side by side.
+  for (const auto& task : tasks_) task.second->stop();
+}
+
+Varo::DT_PORT_SVC::Port_Factory_var Port_Factory_Main::get_remote_point() {
+  return Varo::DT_PORT_SVC::Port_Factory::_nil();
+}
+
+CORBA::ULong Port_Factory_Main::create_port(const char* name, CORBA::ULong kind,
+                                            CORBA::ULong limit) {
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
+  if (registry_.find(name)) return result::ok;
+  unsigned int id = next_port_id();
+  while (registry_.has_id(id)) id = next_port_id();
+  const auto port = ACE_Singleton<vrMainPort_Creator, ACE_Thread_Mutex>::instance()->create(
+      name, id, limit, kind, this);
+  if (!port) return result::bad_mode;
+  registry_.add(port, kind == PORT_EVENTBOX);
+  return result::ok;
+}
+
+int Port_Factory_Main::process_event_data(Port_impl* port, unsigned int handle,
+                                          const vrBuffer& data, bool front) {
+  const auto event = boost::make_shared<vrPort_Buffer>(handle, data.size(), data.data());
+  if (front) {
+    port->push_event_front(event);
+  } else {
+    port->push_event(event);
+  }
+  for (const std::string& server : sub_servers_) {
+    if (port->copy_enable() == 0) continue;
+    auto request = std::make_unique<SendEventRequest>(
+        port->name(), server.c_str(), realm_.empty() ? nullptr : realm_.c_str(), data, handle,
+        front);
+    if (EventSendTask* const task = task_for(port->name())) task->push_request(request.release());
+  }
+  return 0;
+}
+
+EventSendTask* Port_Factory_Main::task_for(const char* port_name) {
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, task_table_lock_, nullptr);
+  std::unique_ptr<EventSendTask>& task = tasks_[port_name];
+  if (!task) {
+    task = std::make_unique<EventSendTask>();
+    task->activate(0, 1, 0, 0, -1);
+  }
+  return task.get();
+}
+
+CORBA::ULong Port_Factory_Main::update(const char* name, unsigned int handle,
+                                       const Varo::DATA_BUFFER& data, bool front) {
+  const auto port = get_port(name);
+  if (!port) return result::unknown_handle;
+  const auto event = boost::make_shared<vrPort_Buffer>(handle, from_wire(data));
+  if (front) {
+    port->push_event_front(event);
+  } else {
+    port->push_event(event);
+  }
+  return result::ok;
+}
+
+CORBA::ULong Port_Factory_Main::update_port(const char* name, CORBA::ULong handle,
+                                            const Varo::DATA_BUFFER& data) {
+  return update(name, handle, data, false);
+}
+
+CORBA::ULong Port_Factory_Main::update_port_front(const char* name, CORBA::ULong handle,
+                                                  const Varo::DATA_BUFFER& data) {
+  return update(name, handle, data, true);
+}
+
+CORBA::ULong Port_Factory_Main::sendEvcDatatoSlave(const char* name, CORBA::Long enable) {
+  return static_cast<CORBA::ULong>(copy_enable(name, enable));
+}
+
+CORBA::ULong Port_Factory_Main::push_remote_consumer(const char*) { return result::ok; }
+
+void Port_Factory_Main::enter_master(const char* name, const char* server) {
+  ACE_GUARD(ACE_Thread_Mutex, guard, master_lock_);
+  masters_.emplace(name, server);
+}
+
+CORBA::ULong Port_Factory_Main::force_toslave(const char* server, const char* name) {
+  enter_master(name, server);
+  return result::ok;
+}
+
+void Port_Factory_Main::set_notify_port(const char* name) {
+  enter_master(name, interface_name_.c_str());
+}
+
+CORBA::ULong Port_Factory_Main::inquire_master(const char* name, CORBA::String_out master) {
+  std::string server;
+  bool known = false;
+  {
+    ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, master_lock_, result::servant_lock);
+    const auto found = masters_.find(std::string_view(name));
+    known = found != masters_.end();
+    if (known) server = found->second;
+  }
+  master = CORBA::string_dup(server.c_str());
+  return known ? result::ok : result::unknown_name;
+}
+
+CORBA::ULong Port_Factory_Main::get_remote_sub(Varo::STRING_LIST_out list) {
+  std::vector<ACE_CString> consumers;
+  if (data_sender_) data_sender_->get_consumer_list(consumers);
+  auto* const names = fresh<Varo::STRING_LIST>(list);
+  if (!names) return result::out_of_memory;
+  if (consumers.empty()) return result::no_consumers;
+  if (!set_length(*names, consumers.size())) return result::out_of_memory;
+  for (unsigned int i = 0; i < consumers.size(); ++i) {
+    (*names)[i] = CORBA::string_dup(consumers[i].c_str());
+  }
+  return result::ok;
+}
