@@ -243,6 +243,7 @@ TEST_F(WithBroker, ServesUnderTheWellKnownKeyAndStopsOnlyWhenCallsHaveEnded) {
   const Port_Factory_var reference = broker.serve(dynamic_cast<PeerServant*>(owner.in()));
   EXPECT_EQ(broker.to_text(reference).rfind("IOR:", 0), 0u);
   EXPECT_EQ(reference->exist("p"), 0);
+  EXPECT_TRUE(broker.from_text(broker.corbaloc(reference))->_is_equivalent(reference));
   // The reference has the key of the corbaloc, so it survives a restart.
   const CORBA::Object_var again = broker.from_text(broker.to_text(reference));
   EXPECT_TRUE(reference->_is_equivalent(again));

@@ -14,6 +14,7 @@
 #include <future>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -36,6 +37,8 @@ constexpr const char* many = "16000";
 
 // A request or a reply that stands still for this long gives up its connection and its thread.
 constexpr const char* message_stall_ms = "60000";
+
+constexpr std::string_view tcp_prefix = "giop:tcp:";
 
 // An IORInfo names a peer by its numeric address or by a host name.
 bool is_numeric(const char* host) {
@@ -83,10 +86,9 @@ CORBA::Boolean count_connection(_OMNI_NS(omniInterceptors)::clientOpenConnection
 /// HOST and PORT of "giop:tcp:HOST:PORT"; HOST may be empty (every interface) or an IPv6 address
 /// in brackets. Throws Error for anything else.
 std::pair<std::string, unsigned int> split_endpoint(const std::string& endpoint) {
-  constexpr std::string_view prefix = "giop:tcp:";
   const auto colon = endpoint.rfind(':');
-  if (endpoint.compare(0, prefix.size(), prefix) == 0 && colon >= prefix.size()) {
-    std::string host = endpoint.substr(prefix.size(), colon - prefix.size());
+  if (endpoint.compare(0, tcp_prefix.size(), tcp_prefix) == 0 && colon >= tcp_prefix.size()) {
+    std::string host = endpoint.substr(tcp_prefix.size(), colon - tcp_prefix.size());
     const char* const end = endpoint.data() + endpoint.size();
     unsigned int port = 0;
     const auto number = std::from_chars(endpoint.data() + colon + 1, end, port);
@@ -236,6 +238,17 @@ bool Broker::shutdown(std::chrono::milliseconds patience) {
         std::move(done));
   }
   return impl_->stopped.wait_for(patience) == std::future_status::ready;
+}
+
+std::string Broker::corbaloc(CORBA::Object_ptr served) const {
+  const omniIOR_var ior = served->_PR_getobj()->_getIOR();
+  for (const auto* address : ior->getIORInfo()->addresses()) {
+    const std::string text = address->address();
+    if (text.compare(0, tcp_prefix.size(), tcp_prefix) == 0) {
+      return fmt::format("corbaloc:iiop:{}/{}", text.substr(tcp_prefix.size()), object_key);
+    }
+  }
+  throw Error("the reference has no address");
 }
 
 std::string Broker::to_text(CORBA::Object_ptr object) const {

@@ -56,6 +56,10 @@ class Broker {
   /// when some still run then; the broker must not be destroyed in that case.
   bool shutdown(std::chrono::milliseconds patience);
 
+  /// The short form of the reference that serve() answered, corbaloc:iiop:HOST:PORT/KEY with the
+  /// port that is really listened on. Throws Error.
+  std::string corbaloc(CORBA::Object_ptr served) const;
+
   /// The stringified reference. Throws Error.
   std::string to_text(CORBA::Object_ptr object) const;
   /// The reference that a corbaloc, corbaname or IOR text names, never nil. Nothing is called, but
