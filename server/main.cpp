@@ -1,0 +1,43 @@
+// port_server: hosts the servant of a main or a sub server.
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <exception>
+
+#include "middleware/orb/orb.h"
+#include "server/messages.h"
+#include "server/options.h"
+#include "server/server.h"
+#include "server/stop_signal.h"
+
+namespace {
+
+/// A connection per caller: as many as the system lets this process have.
+void allow_many_connections() {
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) != 0) return;
+  files.rlim_cur = files.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &files);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace portsvc::server;
+  Options options;
+  if (const auto status = parse(argc, argv, options)) return *status;
+
+  ::signal(SIGPIPE, SIG_IGN);
+  allow_many_connections();
+  StopSignal stop(std::chrono::seconds(9));
+  try {
+    run(options, stop);
+    return status::success;
+  } catch (const std::exception& error) {
+    tell(error.what());
+  } catch (const CORBA::Exception& exception) {
+    tell(portsvc::orb::describe(exception));
+  }
+  return status::failed;
+}

@@ -1,0 +1,76 @@
+#include "server/options.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+namespace portsvc::server {
+namespace {
+
+void add_options(CLI::App& command, Options& options) {
+  const auto not_empty = CLI::Validator(
+      [](const std::string& text) { return text.empty() ? "it is empty" : std::string(); }, "TEXT");
+  command.add_option("--name", options.name, "The server's name in the directory")
+      ->required()
+      ->check(not_empty);
+  command.add_option("--interface", options.interface_name,
+                     "Interface name, the server's name towards other servers (default: its name)");
+  command.add_option("--realm", options.realm, "Realm of the server and its peers (default: none)");
+  command
+      .add_option("--endpoint", options.endpoint,
+                  "Where to listen, giop:tcp:HOST:PORT; port 0 takes any free one, no host all "
+                  "interfaces")
+      ->capture_default_str();
+  command.add_option("--ior-file", options.ior_file,
+                     "File that receives the reference once the server is serving");
+  auto* directory = command.add_option("--directory", options.directory,
+                                       "Directory of servers: a file in which they are listed");
+  command
+      .add_option("--naming", options.naming,
+                  "Directory of servers: a naming service, corbaloc::HOST:2809/NameService")
+      ->excludes(directory);
+  command.add_option("--state-dir", options.state_dir,
+                     "Folder in which SnapShot/portsnap.snp lies (default: the executable's)");
+  command.add_flag("--restore", options.restore, "Load the snapshot of the previous run");
+  command
+      .add_option("--snapshot-every", options.snapshot_every,
+                  "Seconds between snapshots (default: none are made unasked)")
+      ->check(CLI::Range(1U, 31'536'000U));
+  command.add_option("--max-message", options.max_message, "Largest message, in bytes")
+      ->capture_default_str()
+      ->check(CLI::Range(std::uint64_t{8192}, std::uint64_t{0x7fffffff}));
+  command.add_option("--trace", options.trace, "Trace level of the broker, on standard error")
+      ->check(CLI::Range(0U, 40U));
+}
+
+}  // namespace
+
+const char* role_name(Role role) { return role == Role::main ? "main" : "sub"; }
+
+std::optional<int> parse(int argc, char** argv, Options& options) {
+  CLI::App app("port_server, a server of the port service");
+  app.require_subcommand(1);
+  app.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return std::string("port_server: ") + error.what() + "\n";
+  });
+  app.footer(
+      "SIGTERM or SIGINT stops the server. Exit status: 0 stopped, 1 it could not start, "
+      "2 bad usage.");
+
+  CLI::App* const main = app.add_subcommand("main", "Serve as a main server");
+  add_options(*main, options);
+  CLI::App* const sub = app.add_subcommand("sub", "Serve as a sub server of a main server");
+  add_options(*sub, options);
+  sub->add_option("--main", options.main_server, "The main server's name in the directory")
+      ->required();
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? status::success : status::bad_usage;
+  }
+  options.role = sub->parsed() ? Role::sub : Role::main;
+  if (options.interface_name.empty()) options.interface_name = options.name;
+  return std::nullopt;
+}
+
+}  // namespace portsvc::server

@@ -1,0 +1,43 @@
+// The command line of port_server.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace portsvc::server {
+
+enum class Role { main, sub };
+
+struct Options {
+  Role role = Role::main;
+  std::string name;            ///< the server's name in the directory
+  std::string main_server;     ///< sub role: the main server's name in the directory
+  std::string interface_name;  ///< the name itself unless chosen
+  std::string realm;           ///< empty for none
+  std::string endpoint = "giop:tcp:127.0.0.1:9700";
+  std::string ior_file;   ///< empty for none
+  std::string directory;  ///< a file, empty for none
+  std::string naming;     ///< a naming service, empty for none
+  std::string state_dir;  ///< empty: the executable's folder
+  bool restore = false;
+  unsigned int snapshot_every = 0;  ///< seconds, 0 for never
+  std::uint64_t max_message = 64ULL << 20;
+  unsigned int trace = 0;
+};
+
+/// "main" or "sub", as on the command line.
+const char* role_name(Role role);
+
+/// Exit statuses of port_server.
+namespace status {
+constexpr int success = 0;
+constexpr int failed = 1;     ///< it could not start
+constexpr int bad_usage = 2;  ///< the command line
+}  // namespace status
+
+/// Fills `options` from the command line. An answer is the exit status to end with at once: help
+/// was asked for and has been printed, or the one line that says what is wrong.
+std::optional<int> parse(int argc, char** argv, Options& options);
+
+}  // namespace portsvc::server

@@ -1,0 +1,181 @@
+#include "server/server.h"
+
+#include <ace/Reactor.h>
+#include <ace/Select_Reactor.h>
+#include <fmt/format.h>
+
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "idl/port_codes.h"
+#include "middleware/directory.h"
+#include "persistence/background_tasks.h"
+#include "roles/port_connect_manager.h"
+#include "roles/port_factory_main.h"
+#include "roles/port_factory_sub.h"
+#include "server/announcement.h"
+#include "server/messages.h"
+#include "server/state_files.h"
+
+namespace portsvc::server {
+namespace {
+
+/// Calls that have not ended by then are left behind.
+constexpr std::chrono::seconds patience_with_calls(3);
+
+template <typename Servant>
+using Servant_var = PortableServer::Servant_var<Servant>;
+
+/// Puts the directory of the options in use for the process.
+class UseOfDirectory {
+ public:
+  UseOfDirectory(const orb::Broker& broker, const Options& options) {
+    if (!options.directory.empty()) {
+      directory_ = open_file_directory(broker, options.directory);
+    } else if (!options.naming.empty()) {
+      directory_ = open_naming_directory(broker, options.naming);
+    }
+    use_directory(directory_, options.realm);
+  }
+  /// The references it led to go before the broker does.
+  ~UseOfDirectory() { use_directory(nullptr, ""); }
+  UseOfDirectory(const UseOfDirectory&) = delete;
+  UseOfDirectory& operator=(const UseOfDirectory&) = delete;
+
+  const std::shared_ptr<Directory>& directory() const { return directory_; }
+
+ private:
+  std::shared_ptr<Directory> directory_;
+};
+
+/// Keeps a sub server in touch with its main server, on a reactor thread of its own.
+class ConnectionToMain {
+ public:
+  ConnectionToMain(const Options& options, Port_Factory_Sub* servant)
+      : reactor_(new ACE_Select_Reactor, true),
+        manager_(options.main_server.c_str(), options.realm.c_str(), servant, &reactor_) {
+    manager_.start();
+    thread_ = std::thread([this] {
+      reactor_.owner(ACE_Thread::self());
+      reactor_.run_reactor_event_loop();
+    });
+  }
+  ~ConnectionToMain() {
+    manager_.stop();
+    reactor_.end_reactor_event_loop();
+    thread_.join();
+  }
+  ConnectionToMain(const ConnectionToMain&) = delete;
+  ConnectionToMain& operator=(const ConnectionToMain&) = delete;
+
+ private:
+  ACE_Reactor reactor_;
+  vrPortConnect_Manager manager_;
+  std::thread thread_;
+};
+
+/// Saves snapshots of a servant while it lives.
+class PeriodicSnapshots {
+ public:
+  PeriodicSnapshots(Port_Factory_i* servant, unsigned int every_seconds) : task_(servant) {
+    task_.set_period(every_seconds);
+    if (task_.activate() != 0) throw std::runtime_error("cannot start the snapshot thread");
+  }
+  ~PeriodicSnapshots() {
+    ask_to_stop();
+    task_.wait();
+  }
+  PeriodicSnapshots(const PeriodicSnapshots&) = delete;
+  PeriodicSnapshots& operator=(const PeriodicSnapshots&) = delete;
+
+  void ask_to_stop() { task_.ShutDown(); }
+
+ private:
+  SnapSaveTask task_;
+};
+
+void restore(Port_Factory_i* servant, const std::optional<std::string>& snapshot) {
+  if (!snapshot) {
+    tell("there is no snapshot to restore");
+    return;
+  }
+  if (servant->load_refsnapshot(snapshot->c_str()) != result::ok) {
+    throw std::runtime_error(fmt::format("cannot load the snapshot {}", *snapshot));
+  }
+  tell("restored the snapshot " + *snapshot);
+}
+
+Servant_var<Port_Factory_i> make_servant(const Options& options, const orb::Broker& broker,
+                                         Port_Factory_Sub*& sub) {
+  if (options.role == Role::main) {
+    Servant_var<Port_Factory_i> servant(new Port_Factory_Main(options.interface_name.c_str()));
+    servant->SetReleam(options.realm.c_str());
+    return servant;
+  }
+  sub = new Port_Factory_Sub(options.main_server.c_str(), options.interface_name.c_str(),
+                             options.realm.empty() ? nullptr : options.realm.c_str(),
+                             CORBA::ORB_var(CORBA::ORB::_duplicate(broker.orb())));
+  return Servant_var<Port_Factory_i>(sub);
+}
+
+/// Everything from the first call taken to the stop.
+void serve(const Options& options, StopSignal& stop, orb::Broker& broker, const UseOfDirectory& use,
+           Port_Factory_i* servant, Port_Factory_Sub* sub) {
+  const Varo::DT_PORT_SVC::Port_Factory_var reference = broker.serve(servant);
+  std::optional<ConnectionToMain> connection;
+  if (sub) connection.emplace(options, sub);
+  std::optional<Announcement> announcement;
+  if (use.directory()) {
+    announcement.emplace(use.directory(), options.name, options.realm,
+                         options.role == Role::main ? role_main : role_sub, reference.in());
+  }
+  if (!options.ior_file.empty()) {
+    write_by_rename(options.ior_file, broker.to_text(reference.in()) + "\n");
+  }
+  fmt::print("port_server: {} {} serving at {}\n", role_name(options.role), options.name,
+             broker.corbaloc(reference.in()));
+  std::fflush(stdout);
+
+  stop.wait();
+  announcement.reset();  // nobody new finds the way here
+  connection.reset();
+}
+
+}  // namespace
+
+void run(const Options& options, StopSignal& stop) {
+  // First of all the endpoint: a second server started by mistake fails here, before it could
+  // delete the snapshot of the first.
+  orb::Broker broker({options.endpoint, options.max_message, options.trace});
+  const UseOfDirectory use(broker, options);
+  if (options.role == Role::sub && !use.directory()) {
+    tell("without --directory or --naming the main server cannot be found");
+  }
+  use_state_folder(options.state_dir);
+  std::optional<std::string> snapshot;
+  if (options.restore) snapshot = set_aside_snapshot();
+
+  Port_Factory_Sub* sub = nullptr;
+  const Servant_var<Port_Factory_i> servant = make_servant(options, broker, sub);
+  if (options.restore) restore(servant.in(), snapshot);
+  std::optional<PeriodicSnapshots> snapshots;
+  if (options.snapshot_every > 0) snapshots.emplace(servant.in(), options.snapshot_every);
+
+  // Callers may wait for as long as they like. What a blocked call still uses must not be
+  // destroyed, so with one under way the process ends without destroying anything.
+  try {
+    serve(options, stop, broker, use, servant.in(), sub);
+  } catch (const std::exception& error) {
+    if (broker.shutdown(patience_with_calls)) throw;
+    tell(error.what());
+    end_process(status::failed);
+  }
+  if (snapshots) snapshots->ask_to_stop();  // it ends beside the calls
+  if (!broker.shutdown(patience_with_calls)) end_process(status::success);
+}
+
+}  // namespace portsvc::server
