@@ -1,7 +1,11 @@
 // master, subs, move and refresh: main and sub servers.
 #include <fmt/core.h>
 
+#include <chrono>
 #include <optional>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "idl/port_codes.h"
 #include "tools/commands.h"
@@ -91,6 +95,22 @@ bool is_sub_server(Port_Factory_ptr server) {
   return server->get_remote_sub(list.out()) == result::ok && list->length() == 0;
 }
 
+// Without its main server a sub server could not clone again what is deleted. A main server that
+// has just come back is found within a few beats of the sub server's probe.
+void wait_for_main_server(Session& session, Port_Factory_ptr sub) {
+  using std::chrono::steady_clock;
+  const auto end = steady_clock::now() + std::chrono::seconds(session.options().call_timeout);
+  for (;;) {
+    CORBA::String_var unused;
+    if (sub->inquire_master("", unused.out()) != result::failed) return;
+    if (steady_clock::now() >= end) {
+      throw ResultError("the sub server does not reach its main server", result::failed);
+    }
+    throw_if_interrupted();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+}
+
 // What was done about one proxy.
 struct Refreshed {
   std::string port;
@@ -128,11 +148,7 @@ void refresh(Session& session, const RefreshOptions& options) {
   if (!is_sub_server(sub)) {
     throw Failure("refresh is for sub servers: this server is a main server");
   }
-  // Without its main server a sub server could not clone again what is deleted here.
-  CORBA::String_var ignored;
-  if (sub->inquire_master("", ignored.out()) == result::failed) {
-    throw ResultError("the sub server does not reach its main server", result::failed);
-  }
+  wait_for_main_server(session, sub);
   Port_Factory_var main = Port_Factory::_nil();
   if (!options.main.empty()) main = session.resolve(options.main);
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "tools/arguments.h"
 #include "tools/session.h"
 
 namespace portsvc::tools {
@@ -27,6 +28,9 @@ struct Commands {
     command->footer("Example: portctl " + example);
     auto options = std::make_shared<Options>();
     describe(*command, *options);
+    for (CLI::Option* option : command->get_options()) {
+      if (option->get_positional()) option->transform(unshielded);
+    }
     command->callback([this, options, run] {
       chosen = [options, run](Session& session) { run(session, *options); };
     });

@@ -4,6 +4,10 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "idl/port_codes.h"
 #include "tools/commands.h"
@@ -34,7 +38,7 @@ void describe_put(CLI::App& command, PutOptions& options) {
 
 void put(Session& session, const PutOptions& options) {
   const std::string payload = read_payload(options.payload);
-  check_size(payload, session.options().max_message);
+  check_size(payload.size(), session.options().max_message);
   check("put into " + options.box,
         session.server()->send_event(options.box.c_str(), to_buffer(payload)));
 }
@@ -58,40 +62,43 @@ struct DeclareOptions {
 
 void describe_declare(CLI::App& command, DeclareOptions& options) {
   add_code(command, options.code);
-  command
-      .add_option("DATA", options.data,
-                  "The events; standard input as one event when there is no other source")
-      ->allow_extra_args(false);
+  command.add_option("DATA", options.data,
+                     "The events; standard input as one event when there is no other source");
   command.add_option("--file", options.file, "Declare the bytes of this file as one event");
   command.add_flag("--lines", options.lines, "Declare each line of standard input as an event");
 }
 
+// What an event adds to its bytes in a message: its length and up to three bytes of alignment.
+constexpr std::size_t event_overhead = 8;
+
 void declare_events(Session& session, unsigned int code, const std::vector<std::string>& events) {
   Varo::DATA_BUFFER_SEQ list;
   list.length(static_cast<CORBA::ULong>(events.size()));
-  std::string::size_type total = 0;
+  std::size_t bytes = 0;
   for (std::size_t i = 0; i < events.size(); ++i) {
     list[static_cast<CORBA::ULong>(i)] = to_buffer(events[i]);
-    total += events[i].size();
+    bytes += events[i].size() + event_overhead;
   }
+  check_size(bytes, session.options().max_message);
   check(fmt::format("declare event {}", code), session.server()->declare_event_n(code, list, 0));
 }
 
 // Lines that have arrived together go to the server together.
 void declare_lines(Session& session, unsigned int code) {
   constexpr std::size_t most_events = 1000;
-  constexpr std::size_t most_bytes = 1 << 20;
+  const std::uint64_t most_bytes =
+      std::min<std::uint64_t>(1 << 20, session.options().max_message / 2);
   LineReader reader;
-  while (auto line = reader.next()) {
+  std::optional<std::string> line;
+  while (line || (line = reader.next())) {
     std::vector<std::string> events;
     std::size_t bytes = 0;
-    for (;;) {
-      check_size(*line, session.options().max_message);
-      bytes += line->size();
+    do {
+      bytes += line->size() + event_overhead;
       events.push_back(std::move(*line));
-      if (!reader.has_line() || events.size() == most_events || bytes >= most_bytes) break;
-      line = reader.next();
-    }
+      line.reset();
+      if (reader.has_line()) line = reader.next();
+    } while (line && events.size() < most_events && bytes + line->size() < most_bytes);
     declare_events(session, code, events);
   }
 }
@@ -107,7 +114,7 @@ void declare(Session& session, const DeclareOptions& options) {
   if (!options.data.empty()) payload.data = options.data.front();
   payload.file = options.file;
   const std::string event = read_payload(payload);
-  check_size(event, session.options().max_message);
+  check_size(event.size(), session.options().max_message);
   check(fmt::format("declare event {}", options.code),
         session.server()->declare_event(options.wire_code(), to_buffer(event), 0));
 }

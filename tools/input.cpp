@@ -87,14 +87,14 @@ std::optional<std::string> LineReader::next() {
   }
 }
 
-void check_size(const std::string& payload, std::uint64_t max_message) {
+void check_size(std::size_t payload_bytes, std::uint64_t max_message) {
   // Addressing, operation and the other arguments of the call.
   constexpr std::uint64_t envelope = 1024;
-  if (payload.size() + envelope > max_message) {
+  if (payload_bytes + envelope > max_message) {
     throw UsageError(
         fmt::format("a payload of {} bytes does not fit a message of {} bytes "
                     "(--max-message)",
-                    payload.size(), max_message));
+                    payload_bytes, max_message));
   }
 }
 

@@ -32,8 +32,8 @@ class LineReader {
   bool at_end_ = false;
 };
 
-/// Throws UsageError when a message with this payload would be larger than `max_message` bytes.
-void check_size(const std::string& payload, std::uint64_t max_message);
+/// Throws UsageError when a message with so many payload bytes would be larger than `max_message`.
+void check_size(std::size_t payload_bytes, std::uint64_t max_message);
 
 /// Payload bytes, to and from their wire type.
 Varo::DATA_BUFFER to_buffer(const std::string& bytes);

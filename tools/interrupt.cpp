@@ -36,6 +36,10 @@ void catch_interrupts() {
   action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
   ::sigaction(SIGINT, &action, nullptr);
   ::sigaction(SIGTERM, &action, nullptr);
+  // Under nohup the terminal may go and the command stays.
+  struct sigaction hang_up {};
+  ::sigaction(SIGHUP, nullptr, &hang_up);
+  if (hang_up.sa_handler != SIG_IGN) ::sigaction(SIGHUP, &action, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
 }
 

@@ -1,11 +1,11 @@
-// Ctrl-C and SIGTERM: a command that is asked to end finishes the slice of the wait it is in and
-// disconnects from its ports.
+// Ctrl-C, SIGTERM and the end of the terminal: a command that is asked to end finishes the slice of
+// the wait it is in and disconnects from its ports.
 #pragma once
 
 namespace portsvc::tools {
 
-/// From now on SIGINT and SIGTERM only leave a mark; a second one of the same kind ends the
-/// process at once. SIGPIPE is ignored: a closed pipe shows as a failed write.
+/// From now on SIGINT, SIGTERM and SIGHUP only leave a mark; a second one of the same kind ends
+/// the process at once. SIGPIPE is ignored: a closed pipe shows as a failed write.
 void catch_interrupts();
 
 /// The signal that arrived, 0 while none has.

@@ -136,7 +136,7 @@ ServerPorts read_server(Session& session, const std::string& server) {
     const Port_Factory_var factory = session.resolve(server);
     read.rows = read_ports(factory);
   } catch (const CORBA::Exception& exception) {
-    read.problem = orb::describe(exception);
+    read.problem = server + ": " + orb::describe(exception);
   } catch (const std::runtime_error& error) {
     read.problem = error.what();
   }
@@ -197,7 +197,7 @@ void list_all(Session& session) {
   std::string silent;
   for (const ServerPorts& server : servers) {
     if (server.problem.empty()) continue;
-    warn(fmt::format("{}: {}", server.server, server.problem));
+    warn(server.problem);
     silent += (silent.empty() ? "" : ", ") + server.server;
   }
   if (!silent.empty()) throw Unreachable("the list lacks the ports of " + silent);

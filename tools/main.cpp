@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "tools/arguments.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
 #include "tools/interrupt.h"
@@ -63,7 +64,7 @@ int run(Session& session, const Commands& commands) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("portctl, the port service from the command line");
+  CLI::App app("portctl, the port service from the command line", "portctl");
   app.require_subcommand(1);
   app.fallthrough();
   app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
@@ -85,7 +86,7 @@ int main(int argc, char** argv) {
   add_cluster_commands(commands);
   add_snapshot_commands(commands);
   try {
-    app.parse(argc, argv);
+    app.parse(shielded_arguments(argc, argv));
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? status::success : status::bad_usage;
   }

@@ -1,7 +1,12 @@
 // send, receive, serve and select: packets through ports.
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "idl/port_codes.h"
 #include "tools/commands.h"
@@ -68,7 +73,7 @@ class Sender {
   }
 
   void send(const std::string& payload) {
-    check_size(payload, session_.options().max_message);
+    check_size(payload.size(), session_.options().max_message);
     const Varo::DATA_BUFFER data = to_buffer(payload);
     // A send whose time-out ran out has put nothing into the port, so it can be repeated.
     const unsigned int code =
@@ -180,7 +185,7 @@ void take(Port_Factory_ptr server, const Connection& owner, const std::string& p
 // Answers the sender of a packet. One that has gone meanwhile is no reason to stop.
 void answer(Session& session, const std::string& port, CORBA::ULong source,
             const std::string& reply) {
-  check_size(reply, session.options().max_message);
+  check_size(reply.size(), session.options().max_message);
   const unsigned int code = session.server()->packet_replay(source, to_buffer(reply), 0);
   if (code != result::ok) {
     warn(fmt::format("answer client {} of {}: {}", source, port, code_text(code)));
@@ -254,9 +259,7 @@ struct SelectOptions {
 };
 
 void describe_select(CLI::App& command, SelectOptions& options) {
-  command.add_option("NAME", options.ports, "The packet ports to own and watch")
-      ->required()
-      ->allow_extra_args(false);
+  command.add_option("NAME", options.ports, "The packet ports to own and watch")->required();
   command
       .add_option("--timeout", options.timeout,
                   "Seconds to wait for a packet; 0: as long as it takes")
@@ -278,12 +281,13 @@ void select(Session& session, const SelectOptions& options) {
   check("select", wait_in_slices(options.timeout, result::timed_out, [&](unsigned int seconds) {
           return server->select_event_port(handles, ready, seconds);
         }));
-  std::size_t index = 0;
-  while (owners.at(index).handle() != ready) ++index;
-  const std::string& port = options.ports[index];
+  const auto owner = std::find_if(owners.begin(), owners.end(),
+                                  [&](const Connection& each) { return each.handle() == ready; });
+  if (owner == owners.end()) throw Failure("the server selected a port that it was not asked for");
+  const std::string& port = options.ports[static_cast<std::size_t>(owner - owners.begin())];
 
   Packet packet;
-  if (options.receive) take(server, owners[index], port, 0, packet);
+  if (options.receive) take(server, *owner, port, 0, packet);
   if (session.options().json) {
     Json object{{"port", port}, {"port_id", ready}};
     if (options.receive) {

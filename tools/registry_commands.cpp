@@ -70,8 +70,7 @@ struct RemoveOptions {
 
 void describe_remove(CLI::App& command, RemoveOptions& options) {
   command.add_option("NAME", options.names, "The ports; one that does not exist is no error")
-      ->required()
-      ->allow_extra_args(false);
+      ->required();
 }
 
 void remove(Session& session, const RemoveOptions& options) {

@@ -70,7 +70,12 @@ Port_Factory_var Session::resolve(const std::string& server) {
       throw Unreachable(fmt::format("the directory knows no server '{}'", server));
     }
   }
-  Port_Factory_var factory = Port_Factory::_narrow(object);
+  Port_Factory_var factory;
+  try {
+    factory = Port_Factory::_narrow(object);
+  } catch (const CORBA::Exception& exception) {
+    throw Unreachable(fmt::format("{}: {}", server, orb::describe(exception)));
+  }
   if (CORBA::is_nil(factory)) throw Unreachable(fmt::format("'{}' is no port service", server));
   return factory;
 }

@@ -38,7 +38,7 @@ class Session {
   const GlobalOptions& options() const { return options_; }
 
   /// The server of --server; the session keeps the reference. Throws UsageError for a text that
-  /// is no reference, Unreachable, a broker exception when it does not answer.
+  /// is no reference, Unreachable when no port service answers there.
   Varo::DT_PORT_SVC::Port_Factory_ptr server();
 
   /// Any other server, by reference or name; throws as server().
