@@ -1,0 +1,41 @@
+# Sourced by ./run, ./test and .ci/run: makes sure that Debian packages are installed.
+# Works as root, or with sudo.
+
+# need PACKAGE...: installs the ones that are missing.
+need() {
+  local missing=() package
+  for package in "$@"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
+      missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  local as_root=()
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || {
+      echo "missing packages: ${missing[*]} (run as root, or install sudo)" >&2
+      return 1
+    }
+    as_root=(sudo)
+  fi
+  echo "installing: ${missing[*]}" >&2
+  "${as_root[@]}" apt-get update -qq >&2 &&
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
+      --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libomniorb4-dev omniidl libace-dev libloki-dev
+  libboost-dev libcli11-dev nlohmann-json3-dev libfmt-dev)
+TEST_PACKAGES=(libgtest-dev omniorb-nameserver)
+
+# configure_and_build DIR [CMAKE_OPTION...]: builds the tree in DIR with all processors.
+configure_and_build() {
+  local dir=$1 launcher=
+  shift
+  command -v ccache >/dev/null && launcher=ccache
+  cmake -S "$TOP" -B "$dir" -G Ninja -DCMAKE_CXX_COMPILER_LAUNCHER="$launcher" "$@" >"$dir.cmake.log" 2>&1 || {
+    cat "$dir.cmake.log" >&2
+    return 1
+  }
+  rm -f "$dir.cmake.log"
+  cmake --build "$dir"
+}
