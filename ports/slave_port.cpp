@@ -52,7 +52,7 @@ unsigned int vrSlave_Port::connect(unsigned int handle, unsigned int mode, unsig
   if (mode != CONNECT_OWNER) return result::bad_mode;
 
   const Peer peer = this->peer();
-  if (CORBA::is_nil(peer)) return result::no_peer;
+  if (CORBA::is_nil(peer.in())) return result::no_peer;
   try {
     const orb::CallTimeout scope;
     CORBA::ULong remote = 0;
@@ -86,7 +86,7 @@ unsigned int vrSlave_Port::disconnect(unsigned int handle) {
   }
 
   const Peer peer = this->peer();
-  if (CORBA::is_nil(peer)) return is_owner ? result::no_peer : result::ok;
+  if (CORBA::is_nil(peer.in())) return is_owner ? result::no_peer : result::ok;
   try {
     close_remote(peer, is_owner ? port_id() : remote);
   } catch (const CORBA::Exception&) {
@@ -101,7 +101,7 @@ unsigned int vrSlave_Port::disconnect(unsigned int handle) {
 
 unsigned int vrSlave_Port::receive(unsigned int& source, vrBuffer& data, unsigned int timeout) {
   const Peer peer = this->peer();
-  if (CORBA::is_nil(peer)) return result::no_peer;
+  if (CORBA::is_nil(peer.in())) return result::no_peer;
   if (remote_owner_mark_ == no_owner) return result::unknown_handle;
   try {
     DATA_BUFFER_var bytes;
@@ -135,7 +135,7 @@ void vrSlave_Port::enter_remote_client(unsigned int handle) {
 
 unsigned int vrSlave_Port::replay(unsigned int handle, vrBuffer data, unsigned int timeout) {
   const Peer peer = this->peer();
-  if (CORBA::is_nil(peer)) return result::no_peer;
+  if (CORBA::is_nil(peer.in())) return result::no_peer;
   try {
     const DATA_BUFFER_var bytes = to_wire(std::move(data));
     const orb::CallTimeout scope;
@@ -148,7 +148,7 @@ unsigned int vrSlave_Port::replay(unsigned int handle, vrBuffer data, unsigned i
 
 unsigned int vrSlave_Port::forward(unsigned int handle, vrBuffer data, unsigned int timeout) {
   const Peer peer = this->peer();
-  if (CORBA::is_nil(peer)) return result::no_peer;
+  if (CORBA::is_nil(peer.in())) return result::no_peer;
   try {
     const DATA_BUFFER_var bytes = to_wire(std::move(data));
     unsigned int access = 0;
@@ -196,7 +196,7 @@ unsigned int vrSlave_Port::forward_front(unsigned int, vrBuffer, unsigned int) {
 unsigned int vrSlave_Port::replay_wait(unsigned int handle, vrBuffer& data,
                                        unsigned int timeout) {
   const Peer peer = this->peer();
-  if (CORBA::is_nil(peer)) return result::no_peer;
+  if (CORBA::is_nil(peer.in())) return result::no_peer;
   unsigned int remote = 0;
   {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);

@@ -19,7 +19,7 @@ const vrPort_Creator* creator() {
 void Port_Factory_Sub::clon_all_object() {
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, sub_lock_);
   const Port_Factory_var peer = get_remote_point();
-  if (CORBA::is_nil(peer)) return;
+  if (CORBA::is_nil(peer.in())) return;
   try {
     const orb::CallTimeout scope;
     Varo::STRING_LIST_var ports;
@@ -51,7 +51,7 @@ boost::shared_ptr<Port_impl> Port_Factory_Sub::create_clon(const char* name,
 boost::shared_ptr<Port_impl> Port_Factory_Sub::create_clon_port(const char* name) {
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, sub_lock_, {});
   const Port_Factory_var peer = get_remote_point();
-  if (CORBA::is_nil(peer)) return {};
+  if (CORBA::is_nil(peer.in())) return {};
   try {
     const orb::CallTimeout scope;
     PORT_INFO info{};

@@ -38,7 +38,7 @@ unsigned int SendEventRequest::execute() {
   vrReferenceContainer* const container = vrReferenceContainer::instance();
   const Varo::DT_PORT_SVC::Port_Factory_var peer =
       container->GetPortReferenceWithServerName(server_.c_str(), realm);
-  if (CORBA::is_nil(peer)) return result::no_peer;
+  if (CORBA::is_nil(peer.in())) return result::no_peer;
   try {
     const orb::CallTimeout scope;
     const Varo::DATA_BUFFER_var bytes = to_wire(vrBuffer(data_));

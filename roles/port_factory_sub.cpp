@@ -59,7 +59,7 @@ unsigned int Port_Factory_Sub::back_call_(CORBA::Object_var& object) {
     try {
       const orb::CallTimeout scope;
       master_ = Peer::_narrow(object.in());
-      if (CORBA::is_nil(master_)) return result::failed;
+      if (CORBA::is_nil(master_.in())) return result::failed;
       master_->push_remote_consumer(interface_name_.c_str());
     } catch (const CORBA::Exception&) {
       master_ = Peer::_nil();
@@ -76,7 +76,7 @@ int Port_Factory_Sub::notify_masters() {
   const auto ports = ports_in_name_order([](Port_impl& port) { return port.notify() != 0; });
   for (const auto& port : ports) {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, sub_guard, sub_lock_, result::servant_lock);
-    if (CORBA::is_nil(master_)) return static_cast<int>(result::failed);
+    if (CORBA::is_nil(master_.in())) return static_cast<int>(result::failed);
     try {
       const orb::CallTimeout scope;
       master_->force_toslave(interface_name_.c_str(), port->name());
@@ -92,7 +92,7 @@ void Port_Factory_Sub::set_notify_port(const char* name) {
   const auto port = get_port(name);
   if (!port) return;
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, sub_lock_);
-  if (CORBA::is_nil(master_)) return;
+  if (CORBA::is_nil(master_.in())) return;
   try {
     const orb::CallTimeout scope;
     master_->force_toslave(interface_name_.c_str(), name);
@@ -106,7 +106,7 @@ int Port_Factory_Sub::process_event_data(Port_impl* port, unsigned int handle,
                                          const vrBuffer& data, bool) {
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, sub_lock_, 0);
   const Port_Factory_var peer = get_remote_point();
-  if (CORBA::is_nil(peer)) return result::no_peer;
+  if (CORBA::is_nil(peer.in())) return result::no_peer;
   try {
     const orb::CallTimeout scope;
     const Varo::DATA_BUFFER_var bytes = to_wire(vrBuffer(data));
@@ -184,7 +184,7 @@ CORBA::ULong Port_Factory_Sub::inquire_master(const char* name, CORBA::String_ou
     master = CORBA::string_dup("");
     return result::servant_lock;
   }
-  if (CORBA::is_nil(master_)) return not_asked();
+  if (CORBA::is_nil(master_.in())) return not_asked();
   try {
     const orb::CallTimeout scope;
     CORBA::String_var text;
@@ -202,7 +202,7 @@ CORBA::ULong Port_Factory_Sub::patch_object_name(Varo::STRING_LIST_out ports,
   ACE_Guard<ACE_Recursive_Thread_Mutex> guard(registry_lock_);
   Port_Factory_var peer;
   if (guard.locked()) peer = get_remote_point();
-  if (CORBA::is_nil(peer)) return Port_Factory_i::patch_object_name(ports, boxes);
+  if (CORBA::is_nil(peer.in())) return Port_Factory_i::patch_object_name(ports, boxes);
 
   Varo::STRING_LIST_var peer_ports;
   Varo::STRING_LIST_var peer_boxes;
