@@ -35,8 +35,9 @@ constexpr unsigned long thread_stack_bytes = 512UL << 10;
 // somebody else's wait.
 constexpr const char* many = "16000";
 
-// A request or a reply that stands still for this long gives up its connection and its thread.
-constexpr const char* message_stall_ms = "60000";
+// A request that has not arrived, or a reply that has not been taken, this long after its first
+// byte gives up its connection and its thread. The largest message on a slow line fits in.
+constexpr const char* message_stall_ms = "120000";
 
 constexpr std::string_view tcp_prefix = "giop:tcp:";
 
@@ -266,7 +267,10 @@ CORBA::Object_var Broker::from_text(const std::string& text) const {
     CORBA::Object_var object = impl_->orb->string_to_object(text.c_str());
     if (!CORBA::is_nil(object)) return object;
   } catch (const CORBA::Exception& e) {
-    throw Error(fmt::format("'{}' is no usable reference: {}", text, describe(e)));
+    // Only a name has to be looked up; with the other forms it is the text that is wrong.
+    const bool name = text.rfind("corbaname:", 0) == 0;
+    throw Error(name ? fmt::format("'{}' cannot be looked up: {}", text, describe(e))
+                     : fmt::format("'{}' is no reference", text));
   }
   throw Error(fmt::format("'{}' is the nil reference", text));
 }
