@@ -1,0 +1,158 @@
+// Operations that do not wait against the same calls on an empty servant of the same interface,
+// built on the same broker with the same options.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bench/sections.h"
+
+namespace portsvc::bench {
+namespace {
+
+constexpr unsigned int most_connections = 8;
+constexpr unsigned int takes_per_fill = 4;  // takes timed after each filling
+constexpr std::size_t largest_take = 4U << 20;
+
+/// Events taken at once: 64, or fewer when they are large.
+CORBA::ULong batch_of(std::size_t size) {
+  return static_cast<CORBA::ULong>(std::clamp<std::size_t>(largest_take / size, 1, 64));
+}
+
+/// One side of the comparison: the real server, or the empty one.
+class Side {
+ public:
+  Side(Port_Factory_ptr server, bool real) : server_(server), real_(real) {
+    require_ok(server_->create_port("replies", PORT_MASTER, 8));
+    for (unsigned int i = 0; i < most_connections; ++i) {
+      require_ok(server_->create_port(reply_port(i).c_str(), PORT_MASTER, 8));
+      clients_.push_back(connect_client(server_, "replies"));
+      own_clients_.push_back(connect_client(server_, reply_port(i)));
+    }
+  }
+
+  Work exist() const {
+    return {{}, [this](unsigned int) {
+              require_ok(static_cast<CORBA::ULong>(server_->exist("replies")));
+            }};
+  }
+
+  /// Into one box that holds a batch, so every event drives out an older one.
+  Work send_event(std::size_t size) const {
+    const std::string box = fmt::format("in{}", size);
+    require_ok(server_->create_port(box.c_str(), PORT_EVENTBOX, batch_of(size)));
+    return {{}, [=, data = payload(size)](unsigned int) {
+              require_ok(server_->send_event(box.c_str(), data));
+            }};
+  }
+
+  /// Full batches, from a box per connection, filled before.
+  Work packet_receive_n(std::size_t size) const {
+    const CORBA::ULong batch = batch_of(size);
+    std::vector<CORBA::ULong> ids;
+    const auto first_code = static_cast<CORBA::ULong>(size);
+    for (unsigned int i = 0; i < most_connections; ++i) {
+      const std::string box = fmt::format("out{}_{}", size, i);
+      require_ok(server_->create_port(box.c_str(), PORT_EVENTBOX, batch * takes_per_fill));
+      require_ok(server_->add_event(box.c_str(), first_code + i));
+      const CORBA::ULong id = connect_owner(server_, box);
+      ids.push_back(real_ ? id : static_cast<CORBA::ULong>(size));
+    }
+    DATA_BUFFER_SEQ events;
+    events.length(batch);
+    for (CORBA::ULong i = 0; i < batch; ++i) events[i] = payload(size);
+    return {[=](unsigned int thread) {
+              for (unsigned int i = 0; i < takes_per_fill; ++i) {
+                require_ok(server_->declare_event_n(first_code + thread, events, 0));
+              }
+            },
+            [=](unsigned int thread) {
+              Varo::DATA_BUFFER_SEQ_var taken;
+              require_ok(server_->packet_receive_n(ids[thread], taken.out(), batch, 0));
+              if (taken->length() != batch) throw std::runtime_error("not a full batch of events");
+            },
+            takes_per_fill};
+  }
+
+  /// Each connection answers a client of its own on one port, which keeps 32 replies.
+  Work packet_replay(std::size_t size) const {
+    return {{}, [=, data = payload(size)](unsigned int thread) {
+              require_ok(server_->packet_replay(clients_[thread], data, 0));
+            }};
+  }
+
+  /// The reply is there already.
+  Work packet_replay_wait(std::size_t size) const {
+    const auto queued =
+        static_cast<unsigned int>(std::min<std::size_t>(reply_limit, 2 * largest_take / size));
+    return {[=, data = payload(size)](unsigned int thread) {
+              for (unsigned int i = 0; i < queued; ++i) {
+                require_ok(server_->packet_replay(own_clients_[thread], data, 0));
+              }
+            },
+            [=](unsigned int thread) {
+              Varo::DATA_BUFFER_var reply;
+              const CORBA::ULong handle =
+                  real_ ? own_clients_[thread] : static_cast<CORBA::ULong>(size);
+              require_ok(server_->packet_replay_wait(handle, reply.out(), 1));
+              if (reply->length() != size) throw std::runtime_error("not the reply that was sent");
+            },
+            queued};
+  }
+
+ private:
+  static std::string reply_port(unsigned int thread) { return fmt::format("reply{}", thread); }
+
+  const Port_Factory_ptr server_;  // not owned
+  const bool real_;
+  std::vector<CORBA::ULong> clients_;      // by connection, of one port
+  std::vector<CORBA::ULong> own_clients_;  // by connection, each of a port of its own
+};
+
+}  // namespace
+
+void measure_against_empty_servant(const Bench& bench) {
+  const Server empty(bench, "empty", empty_server());
+  const Server real(bench, "limit", main_server(bench, "limit"));
+  const Side sides[] = {{empty.get(), false}, {real.get(), true}};
+
+  const auto compare = [&](const std::string& what, std::size_t size, const std::string& note,
+                           const std::vector<Work>& works) {
+    for (const unsigned int connections : {1U, 2U, most_connections}) {
+      std::unique_ptr<Pinned> pinned;
+      if (connections == 1) {
+        pinned =
+            std::make_unique<Pinned>(std::vector<const Child*>{&empty.process(), &real.process()});
+      }
+      const auto seconds = alternate(works, connections, bench.effort);
+      Row row;
+      row.what = what;
+      row.payload = size == 0 ? "" : size_text(size);
+      row.connections = connections;
+      row.pinned = pinned != nullptr;
+      row.against = "empty servant";
+      row.reference = seconds[0] * 1e6;
+      row.value = seconds[1] * 1e6;
+      row.unit = "us";
+      row.target = Target{1.10};
+      row.note = note;
+      bench.table.add(row);
+    }
+  };
+
+  compare("exist", 0, "", {sides[0].exist(), sides[1].exist()});
+  for (const std::size_t size :
+       {std::size_t{100}, std::size_t{4} << 10, std::size_t{64} << 10, std::size_t{1} << 20}) {
+    compare("send_event", size, "", {sides[0].send_event(size), sides[1].send_event(size)});
+    compare("packet_receive_n", size, fmt::format("{} at once", batch_of(size)),
+            {sides[0].packet_receive_n(size), sides[1].packet_receive_n(size)});
+    compare("packet_replay", size, "",
+            {sides[0].packet_replay(size), sides[1].packet_replay(size)});
+    compare("packet_replay_wait", size, "reply there",
+            {sides[0].packet_replay_wait(size), sides[1].packet_replay_wait(size)});
+  }
+}
+
+}  // namespace portsvc::bench

@@ -1,0 +1,131 @@
+// Measures the port service over the broker and prints one table.
+//
+//   port_bench [--quick] [--only TEXT]... [--json] [--server PATH]
+//
+//   --quick        a short run: everything is exercised, the figures are rough
+//   --only TEXT    only the sections whose name contains TEXT; may be repeated
+//   --list         names the sections
+//   --json         the rows as JSON, at the end
+//   --server PATH  the port_server to measure; default: the one beside this program
+//
+// It starts the servers it needs itself: port_server, an empty servant of the same interface (this
+// program in another process), redis-server, an omniEvents channel. They listen on free ports of
+// the loopback, keep their files in a temporary folder, and are killed when they are no longer
+// needed, or when this program ends in whatever way. A store that is not installed is said to be.
+//
+// How to read it: what is compared is measured in one run, in slices that alternate, and the
+// medians of the slices stand in `reference` (what is named under `against`) and `value`; `ratio`
+// is value by reference. `conns` is the number of connections that call at the same time; a time is
+// what one call takes as its caller sees it. `cpus one`: client and servers were pinned to one
+// processor, as all rows with one connection are but those beside blocked callers. Pinned, a call
+// costs the work that is done for it; free to move, mostly the waking of another processor.
+// `target` is the bound that the ratio (or the value, where nothing stands beside it) is held to,
+// with MISS where it is not kept.
+//
+// The empty servant has the same broker with the same options, gets the same arguments and gives
+// back results of the same size: fresh sequences, allocated and not written to. Calls that a
+// measured one needs beforehand, such as the filling of a box, are made to both and not timed.
+#include <fmt/format.h>
+#include <signal.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "bench/sections.h"
+#include "platform/process.h"
+
+namespace portsvc::bench {
+namespace {
+
+struct Section {
+  const char* name;
+  void (*measure)(const Bench&);
+};
+
+constexpr Section sections[] = {
+    {"limit", measure_against_empty_servant},
+    {"stores", measure_event_stores},
+    {"growth", measure_growth},
+    {"numbers", measure_large_numbers},
+    {"blocked", measure_blocked_callers},
+    {"exchange", measure_request_and_reply},
+    {"subs", measure_sub_servers},
+};
+
+int run(const std::string& server, bool quick, bool json, const std::vector<std::string>& only) {
+  allow_many_connections();
+  const TemporaryFolder folder;
+  Table table(json);
+  orb::Options options;
+  options.endpoint = "giop:tcp:127.0.0.1:0";  // an event channel calls its consumer
+  const orb::Broker broker(options);
+  const Effort effort =
+      quick ? Effort{3, std::chrono::milliseconds(15)} : Effort{15, std::chrono::milliseconds(40)};
+  const Bench bench{server, quick, effort, broker, folder, table};
+  for (const Section& section : sections) {
+    const bool chosen =
+        only.empty() || std::any_of(only.begin(), only.end(), [&](const std::string& text) {
+          return std::string(section.name).find(text) != std::string::npos;
+        });
+    if (!chosen) continue;
+    table.begin(section.name);
+    section.measure(bench);
+  }
+  table.finish();
+  return 0;
+}
+
+}  // namespace
+}  // namespace portsvc::bench
+
+int main(int argc, char** argv) {
+  using namespace portsvc::bench;
+  CLI::App app("Measures the port service over the broker");
+  std::string server = portsvc::executable_folder() + "/port_server";
+  bool quick = false;
+  bool json = false;
+  bool list = false;
+  std::vector<std::string> only;
+  app.add_flag("--quick", quick, "A short run");
+  app.add_option("--only", only, "Only the sections whose name contains this")
+      ->allow_extra_args(false);
+  app.add_flag("--list", list, "Name the sections");
+  app.add_flag("--json", json, "Print JSON");
+  app.add_option("--server", server, "The port_server to measure")->check(CLI::ExistingFile);
+
+  // The roles that this program plays in other processes.
+  std::string file;
+  std::string reference;
+  unsigned int count = 0;
+  CLI::App* const empty = app.add_subcommand("empty-server")->group("");
+  empty->add_option("--ior-file", file)->required();
+  CLI::App* const callers = app.add_subcommand("blocked-callers")->group("");
+  callers->add_option("reference", reference)->required();
+  callers->add_option("count", count)->required();
+  callers->add_option("ready", file)->required();
+  CLI::App* const bare = app.add_subcommand("bare-threads")->group("");
+  bare->add_option("count", count)->required();
+  bare->add_option("ready", file)->required();
+  CLI11_PARSE(app, argc, argv);
+
+  ::signal(SIGPIPE, SIG_IGN);
+  try {
+    if (*empty) return serve_empty(file);
+    if (*callers) return hold_callers(reference, count, file);
+    if (*bare) return run_bare_threads(count, file);
+    if (list) {
+      for (const Section& section : sections) fmt::print("{}\n", section.name);
+      return 0;
+    }
+    return run(server, quick, json, only);
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "port_bench: {}\n", error.what());
+  } catch (const CORBA::Exception& exception) {
+    fmt::print(stderr, "port_bench: {}\n", portsvc::orb::describe(exception));
+  }
+  return 1;
+}

@@ -1,0 +1,32 @@
+// The sections of port_bench. Each starts the servers it needs, adds its rows and stops them again.
+#pragma once
+
+#include "bench/servers.h"
+
+namespace portsvc::bench {
+
+/// Operations that do not wait against the same calls on an empty servant.
+void measure_against_empty_servant(const Bench& bench);
+/// Events from producers to a consumer, beside other stores that do the same.
+void measure_event_stores(const Bench& bench);
+/// Operations beside many ports and many client handles; ports, events and memory in large numbers.
+void measure_growth(const Bench& bench);
+void measure_large_numbers(const Bench& bench);
+/// The cost of blocked callers, to the server and to others.
+void measure_blocked_callers(const Bench& bench);
+/// How long after it could end each wait of a request and its reply ends.
+void measure_request_and_reply(const Bench& bench);
+/// Requests through a sub server, cloning, and copies of events to sub servers.
+void measure_sub_servers(const Bench& bench);
+
+// What this program does in processes of its own. They serve until they are killed.
+
+/// Writes the reference of an empty servant to `ior_file`.
+int serve_empty(const std::string& ior_file);
+/// Makes `count` blocked calls at once: the owner of each of the ports "waited0"... takes a packet
+/// that never comes. Makes the file `ready` once all are under way.
+int hold_callers(const std::string& reference, unsigned int count, const std::string& ready);
+/// `count` threads that take a free mutex and sleep 10 ms, over and over.
+int run_bare_threads(unsigned int count, const std::string& ready);
+
+}  // namespace portsvc::bench
