@@ -180,7 +180,7 @@ void list_all(Session& session) {
       servers.push_back(read_server(session, name));
     }
   }
-  if (servers.empty()) throw Unreachable("the directory lists no servers");
+  if (servers.empty()) throw Unreachable("the directory lists no servers or does not answer");
   if (session.options().json) {
     Json list = Json::array();
     for (const ServerPorts& server : servers) {

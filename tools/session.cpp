@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <regex>
+#include <string_view>
 
 #include "idl/port_codes.h"
 #include "tools/errors.h"
@@ -15,12 +15,27 @@ using Varo::DT_PORT_SVC::Port_Factory;
 using Varo::DT_PORT_SVC::Port_Factory_ptr;
 using Varo::DT_PORT_SVC::Port_Factory_var;
 
+namespace {
+
+// HOST:PORT, or [ADDRESS]:PORT for an address with colons.
+bool is_host_and_port(std::string_view text) {
+  const auto colon = text.rfind(':');
+  if (colon == std::string_view::npos) return false;
+  const std::string_view host = text.substr(0, colon);
+  const std::string_view port = text.substr(colon + 1);
+  if (port.empty() || port.size() > 5) return false;
+  if (port.find_first_not_of("0123456789") != std::string_view::npos) return false;
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') return true;
+  return !host.empty() && host.find_first_of(":/[]") == std::string_view::npos;
+}
+
+}  // namespace
+
 std::optional<std::string> reference_text(const std::string& server) {
   for (const std::string_view scheme : {"corbaloc:", "corbaname:", "IOR:"}) {
     if (server.compare(0, scheme.size(), scheme) == 0) return server;
   }
-  static const std::regex host_and_port(R"(([^:/\[\]]+|\[[0-9A-Fa-f:.]+\]):[0-9]{1,5})");
-  if (!std::regex_match(server, host_and_port)) return std::nullopt;
+  if (!is_host_and_port(server)) return std::nullopt;
   return fmt::format("corbaloc:iiop:{}/{}", server, object_key);
 }
 
@@ -67,7 +82,8 @@ Port_Factory_var Session::resolve(const std::string& server) {
     }
     object = directory().resolve(server, options_.realm);
     if (CORBA::is_nil(object)) {
-      throw Unreachable(fmt::format("the directory knows no server '{}'", server));
+      throw Unreachable(
+          fmt::format("the directory knows no server '{}' or does not answer", server));
     }
   }
   Port_Factory_var factory;
