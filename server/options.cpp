@@ -38,6 +38,11 @@ void add_options(CLI::App& command, Options& options) {
   command.add_option("--max-message", options.max_message, "Largest message, in bytes")
       ->capture_default_str()
       ->check(CLI::Range(std::uint64_t{8192}, std::uint64_t{0x7fffffff}));
+  command
+      .add_option("--call-timeout", options.call_timeout,
+                  "Seconds after which a call to another server, that is no wait, has failed")
+      ->capture_default_str()
+      ->check(CLI::Range(1U, 3600U));
   command.add_option("--trace", options.trace, "Trace level of the broker, on standard error")
       ->check(CLI::Range(0U, 40U));
 }

@@ -23,6 +23,7 @@ struct Options {
   bool restore = false;
   unsigned int snapshot_every = 0;  ///< seconds, 0 for never
   std::uint64_t max_message = 64ULL << 20;
+  unsigned int call_timeout = 5;  ///< seconds a call to another server may take that is no wait
   unsigned int trace = 0;
 };
 

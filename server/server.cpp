@@ -4,6 +4,7 @@
 #include <ace/Select_Reactor.h>
 #include <fmt/format.h>
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -151,6 +152,7 @@ void run(const Options& options, StopSignal& stop) {
   // First of all the endpoint: a second server started by mistake fails here, before it could
   // delete the snapshot of the first.
   orb::Broker broker({options.endpoint, options.max_message, options.trace});
+  orb::set_peer_call_timeout(std::chrono::seconds(options.call_timeout));
   const UseOfDirectory use(broker, options);
   if (options.role == Role::sub && !use.directory()) {
     tell("without --directory or --naming the main server cannot be found");
