@@ -67,7 +67,7 @@ void vrConnect_Manager::run_beat() {
 
 void vrConnect_Manager::beat() {
   const Port_Factory_var peer = probe();
-  if (CORBA::is_nil(peer)) {
+  if (CORBA::is_nil(peer.in())) {
     reached_ = false;
   } else {
     // Read after the probe, which reconnects when the peer was restarted, and before the hook,
@@ -86,7 +86,7 @@ Port_Factory_ptr vrConnect_Manager::probe() {
   vrReferenceContainer* const references = vrReferenceContainer::instance();
   Port_Factory_var peer =
       references->GetPortReferenceWithServerName(server_.c_str(), realm_.c_str());
-  if (CORBA::is_nil(peer)) return Port_Factory::_nil();
+  if (CORBA::is_nil(peer.in())) return Port_Factory::_nil();
   try {
     const portsvc::orb::CallTimeout limit;
     peer->heart_bit();

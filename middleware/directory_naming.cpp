@@ -35,7 +35,7 @@ class NamingDirectory final : public Directory {
       for (const std::string& context : realms_to_ask(realm)) {
         for (const char* role : {role_main, role_sub}) {
           CORBA::Object_var found = lookup({top_context, context, role, server});
-          if (!CORBA::is_nil(found)) return found;
+          if (!CORBA::is_nil(found.in())) return found;
         }
       }
     } catch (const CORBA::Exception&) {
@@ -81,7 +81,7 @@ class NamingDirectory final : public Directory {
       const orb::CallTimeout limit;
       const std::string context = realm_context(realm);
       const CORBA::Object_var entered = lookup({top_context, context, role, server});
-      if (CORBA::is_nil(entered) || !entered->_is_equivalent(reference)) return;
+      if (CORBA::is_nil(entered.in()) || !entered->_is_equivalent(reference)) return;
       root_->unbind(name_of({top_context, context, role, server}));
     } catch (const CORBA::Exception&) {
       // The entry stays behind; the next start of this server replaces it.
@@ -109,7 +109,7 @@ class NamingDirectory final : public Directory {
   static std::vector<std::string> entries(CORBA::Object_ptr object) {
     std::vector<std::string> names;
     const CosNaming::NamingContext_var context = CosNaming::NamingContext::_narrow(object);
-    if (CORBA::is_nil(context)) return names;
+    if (CORBA::is_nil(context.in())) return names;
     constexpr CORBA::ULong batch = 1000;
     CosNaming::BindingList_var list;
     CosNaming::BindingIterator_var rest;
@@ -119,9 +119,9 @@ class NamingDirectory final : public Directory {
         const CosNaming::Name& name = list[i].binding_name;
         if (name.length() > 0) names.emplace_back(name[0].id.in());
       }
-      more = !CORBA::is_nil(rest) && rest->next_n(batch, list);
+      more = !CORBA::is_nil(rest.in()) && rest->next_n(batch, list);
     }
-    if (!CORBA::is_nil(rest)) rest->destroy();
+    if (!CORBA::is_nil(rest.in())) rest->destroy();
     return names;
   }
 

@@ -28,7 +28,7 @@ Port_Factory_ptr vrReferenceContainer::GetPortReferenceWithServerName(const char
   } catch (const CORBA::Exception&) {
     return Port_Factory::_nil();
   }
-  if (CORBA::is_nil(reference)) return Port_Factory::_nil();
+  if (CORBA::is_nil(reference.in())) return Port_Factory::_nil();
   const std::lock_guard<std::mutex> guard(lock_);
   references_[key] = reference;
   return reference._retn();

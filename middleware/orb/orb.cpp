@@ -3,22 +3,18 @@
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
-#include <netdb.h>
 #include <omniORB4/minorCode.h>
 #include <omniORB4/omniInterceptors.h>
 #include <omnithread.h>
 
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <future>
 #include <map>
 #include <mutex>
 #include <string_view>
-#include <thread>
-#include <utility>
 
 #include "idl/port_codes.h"
+#include "middleware/orb/broker_parts.h"
 
 namespace portsvc::orb {
 namespace {
@@ -84,37 +80,6 @@ CORBA::Boolean count_connection(_OMNI_NS(omniInterceptors)::clientOpenConnection
   return true;
 }
 
-/// HOST and PORT of "giop:tcp:HOST:PORT"; HOST may be empty (every interface) or an IPv6 address
-/// in brackets. Throws Error for anything else.
-std::pair<std::string, unsigned int> split_endpoint(const std::string& endpoint) {
-  const auto colon = endpoint.rfind(':');
-  if (endpoint.compare(0, tcp_prefix.size(), tcp_prefix) == 0 && colon >= tcp_prefix.size()) {
-    std::string host = endpoint.substr(tcp_prefix.size(), colon - tcp_prefix.size());
-    const char* const end = endpoint.data() + endpoint.size();
-    unsigned int port = 0;
-    const auto number = std::from_chars(endpoint.data() + colon + 1, end, port);
-    const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
-    if (number.ec == std::errc() && number.ptr == end && port <= 65535 &&
-        (bracketed || host.find(':') == std::string::npos)) {
-      if (bracketed) host = host.substr(1, host.size() - 2);
-      return {host, port};
-    }
-  }
-  throw Error(fmt::format("the endpoint '{}' is malformed, wanted: giop:tcp:HOST:PORT", endpoint));
-}
-
-/// The broker only says that an endpoint failed; the host's name is the one cause it is worth
-/// telling apart.
-std::string why_not_listening(const std::string& host) {
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  const int failure = host.empty() ? 0 : ::getaddrinfo(host.c_str(), nullptr, &hints, &found);
-  if (failure != 0) return fmt::format("the host '{}' is unknown", host);
-  if (found) ::freeaddrinfo(found);
-  return "the address is in use or not local";
-}
-
 /// The time-out in force for this thread's calls.
 thread_local std::chrono::milliseconds thread_timeout{0};
 
@@ -135,13 +100,12 @@ void apply_thread_timeout(std::chrono::milliseconds timeout) {
 struct Broker::Impl {
   CORBA::ORB_var orb;
   PortableServer::POA_var root_poa;  ///< nil in a pure client
-  std::thread stopper;               ///< runs the shutdown, see Broker::shutdown
-  std::future<void> stopped;
+  PatientShutdown shutdown;
 };
 
 Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
-  std::string host;
-  if (!options.endpoint.empty()) host = split_endpoint(options.endpoint).first;
+  Endpoint endpoint;
+  if (!options.endpoint.empty()) endpoint = parse_endpoint(options.endpoint);
 
   omni_thread::stacksize(thread_stack_bytes);
   const std::string max_message = std::to_string(options.max_message);
@@ -169,24 +133,21 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
     const CORBA::Object_var object = impl_->orb->resolve_initial_references("RootPOA");
     impl_->root_poa = PortableServer::POA::_narrow(object);
   } catch (const CORBA::INITIALIZE& e) {
-    if (!CORBA::is_nil(impl_->orb)) impl_->orb->destroy();
+    if (!CORBA::is_nil(impl_->orb.in())) impl_->orb->destroy();
     if (e.minor() == _OMNI_NS(INITIALIZE_TransportError)) {
       throw Error(
-          fmt::format("cannot listen on {}: {}", options.endpoint, why_not_listening(host)));
+          fmt::format("cannot listen on {}: {}", options.endpoint, why_not_listening(endpoint)));
     }
     throw Error("the broker cannot start: " + describe(e));
   } catch (const CORBA::Exception& e) {
-    if (!CORBA::is_nil(impl_->orb)) impl_->orb->destroy();
+    if (!CORBA::is_nil(impl_->orb.in())) impl_->orb->destroy();
     throw Error("the broker cannot start: " + describe(e));
   }
 }
 
 Broker::~Broker() {
   try {
-    if (impl_->stopper.joinable()) {
-      impl_->stopper.join();
-    } else if (!impl_->stopped.valid()) {
-      impl_->orb->shutdown(true);
+    while (!shutdown(std::chrono::hours(1))) {
     }
     impl_->root_poa = PortableServer::POA::_nil();
     impl_->orb->destroy();
@@ -195,7 +156,7 @@ Broker::~Broker() {
   }
 }
 
-CORBA::ORB_ptr Broker::orb() const { return impl_->orb; }
+CORBA::ORB_ptr Broker::orb() const { return impl_->orb.in(); }
 
 Varo::DT_PORT_SVC::Port_Factory_var Broker::serve(POA_Varo::DT_PORT_SVC::Port_Factory* servant) {
   try {
@@ -222,23 +183,7 @@ Varo::DT_PORT_SVC::Port_Factory_var Broker::serve(POA_Varo::DT_PORT_SVC::Port_Fa
 }
 
 bool Broker::shutdown(std::chrono::milliseconds patience) {
-  if (!impl_->stopped.valid()) {
-    // The broker waits for the calls under way without a limit, so a thread of its own does that
-    // waiting and may be left behind.
-    std::promise<void> done;
-    impl_->stopped = done.get_future();
-    impl_->stopper = std::thread(
-        [orb = CORBA::ORB_var(CORBA::ORB::_duplicate(impl_->orb))](std::promise<void> finished) {
-          try {
-            orb->shutdown(true);
-          } catch (const CORBA::Exception&) {
-            // Shut down already.
-          }
-          finished.set_value();
-        },
-        std::move(done));
-  }
-  return impl_->stopped.wait_for(patience) == std::future_status::ready;
+  return impl_->shutdown.run(impl_->orb.in(), patience);
 }
 
 std::string Broker::corbaloc(CORBA::Object_ptr served) const {
@@ -250,29 +195,6 @@ std::string Broker::corbaloc(CORBA::Object_ptr served) const {
     }
   }
   throw Error("the reference has no address");
-}
-
-std::string Broker::to_text(CORBA::Object_ptr object) const {
-  try {
-    const CORBA::String_var text = impl_->orb->object_to_string(object);
-    return text.in();
-  } catch (const CORBA::Exception& e) {
-    throw Error("the reference has no text: " + describe(e));
-  }
-}
-
-CORBA::Object_var Broker::from_text(const std::string& text) const {
-  try {
-    const CallTimeout limit;
-    CORBA::Object_var object = impl_->orb->string_to_object(text.c_str());
-    if (!CORBA::is_nil(object)) return object;
-  } catch (const CORBA::Exception& e) {
-    // Only a name has to be looked up; with the other forms it is the text that is wrong.
-    const bool name = text.rfind("corbaname:", 0) == 0;
-    throw Error(name ? fmt::format("'{}' cannot be looked up: {}", text, describe(e))
-                     : fmt::format("'{}' is no reference", text));
-  }
-  throw Error(fmt::format("'{}' is the nil reference", text));
 }
 
 CallTimeout::CallTimeout(std::chrono::milliseconds timeout) : outer_(thread_timeout) {

@@ -39,6 +39,29 @@ void set_peer_call_timeout(std::chrono::milliseconds timeout) {
   peer_timeout_ms.store(timeout.count(), std::memory_order_relaxed);
 }
 
+std::string Broker::to_text(CORBA::Object_ptr object) const {
+  try {
+    const CORBA::String_var text = orb()->object_to_string(object);
+    return text.in();
+  } catch (const CORBA::Exception& e) {
+    throw Error("the reference has no text: " + describe(e));
+  }
+}
+
+CORBA::Object_var Broker::from_text(const std::string& text) const {
+  try {
+    const CallTimeout limit;
+    CORBA::Object_var object = orb()->string_to_object(text.c_str());
+    if (!CORBA::is_nil(object.in())) return object;
+  } catch (const CORBA::Exception& e) {
+    // Only a name has to be looked up; with the other forms it is the text that is wrong.
+    const bool name = text.rfind("corbaname:", 0) == 0;
+    throw Error(name ? fmt::format("'{}' cannot be looked up: {}", text, describe(e))
+                     : fmt::format("'{}' is no reference", text));
+  }
+  throw Error(fmt::format("'{}' is the nil reference", text));
+}
+
 std::string describe(const CORBA::Exception& exception) {
   const std::string meaning = usual_meaning(exception);
   return meaning.empty() ? exception._name() : fmt::format("{} ({})", meaning, exception._name());

@@ -64,9 +64,8 @@ inline Octets take(const Varo::DATA_BUFFER& data, bool may_take) {
 
 /// A new sequence that owns `bytes`; nullptr, with errno ENOMEM, when it cannot be allocated.
 inline Varo::DATA_BUFFER* give(std::unique_ptr<unsigned char[]> bytes, unsigned int size) {
-  auto* const data = size == 0
-                         ? new (std::nothrow) Varo::DATA_BUFFER
-                         : new (std::nothrow) Varo::DATA_BUFFER(size, size, bytes.get(), 1);
+  auto* const data = size == 0 ? new (std::nothrow) Varo::DATA_BUFFER
+                               : new (std::nothrow) Varo::DATA_BUFFER(size, size, bytes.get(), 1);
   if (!data) {
     errno = ENOMEM;
     return nullptr;

@@ -1,0 +1,65 @@
+#include "middleware/orb/broker_parts.h"
+
+#include <fmt/format.h>
+#include <netdb.h>
+
+#include <charconv>
+#include <string_view>
+#include <utility>
+
+namespace portsvc::orb {
+
+Endpoint parse_endpoint(const std::string& text) {
+  constexpr std::string_view prefix = "giop:tcp:";
+  const auto colon = text.rfind(':');
+  if (text.compare(0, prefix.size(), prefix) == 0 && colon >= prefix.size()) {
+    Endpoint endpoint;
+    endpoint.host = text.substr(prefix.size(), colon - prefix.size());
+    const char* const end = text.data() + text.size();
+    const auto number = std::from_chars(text.data() + colon + 1, end, endpoint.port);
+    std::string& host = endpoint.host;
+    const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    if (number.ec == std::errc() && number.ptr == end && endpoint.port <= 65535 &&
+        (bracketed || host.find(':') == std::string::npos)) {
+      if (bracketed) host = host.substr(1, host.size() - 2);
+      return endpoint;
+    }
+  }
+  throw Error(fmt::format("the endpoint '{}' is malformed, wanted: giop:tcp:HOST:PORT", text));
+}
+
+std::string why_not_listening(const Endpoint& endpoint) {
+  const std::string& host = endpoint.host;
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  const int failure = host.empty() ? 0 : ::getaddrinfo(host.c_str(), nullptr, &hints, &found);
+  if (failure != 0) return fmt::format("the host '{}' is unknown", host);
+  if (found) ::freeaddrinfo(found);
+  return "the address is in use or not local";
+}
+
+PatientShutdown::~PatientShutdown() {
+  if (thread_.joinable()) thread_.join();
+}
+
+bool PatientShutdown::run(CORBA::ORB_ptr orb, std::chrono::milliseconds patience) {
+  if (!ended_.valid()) {
+    std::promise<void> end;
+    ended_ = end.get_future();
+    const CORBA::ORB_var mine = CORBA::ORB::_duplicate(orb);
+    thread_ = std::thread(
+        [mine](std::promise<void> ended) {
+          try {
+            mine->shutdown(true);
+          } catch (const CORBA::Exception&) {
+            // Shut down already.
+          }
+          ended.set_value();
+        },
+        std::move(end));
+  }
+  return ended_.wait_for(patience) == std::future_status::ready;
+}
+
+}  // namespace portsvc::orb
