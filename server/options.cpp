@@ -8,7 +8,7 @@ namespace {
 
 void add_options(CLI::App& command, Options& options) {
   const auto not_empty = CLI::Validator(
-      [](const std::string& text) { return text.empty() ? "it is empty" : std::string(); }, "TEXT");
+      [](const std::string& text) { return text.empty() ? "it is empty" : std::string(); }, "");
   command.add_option("--name", options.name, "The server's name in the directory")
       ->required()
       ->check(not_empty);
@@ -54,8 +54,13 @@ const char* role_name(Role role) { return role == Role::main ? "main" : "sub"; }
 std::optional<int> parse(int argc, char** argv, Options& options) {
   CLI::App app("port_server, a server of the port service");
   app.require_subcommand(1);
-  app.failure_message([](const CLI::App*, const CLI::Error& error) {
-    return std::string("port_server: ") + error.what() + "\n";
+  app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
+    const auto unknown = failed->remaining();
+    const bool no_role = error.get_name() == "RequiredError" && !unknown.empty();
+    return "port_server: " +
+           (no_role ? "there is no role '" + unknown.front() + "', wanted: main or sub"
+                    : std::string(error.what())) +
+           "\n";
   });
   app.footer(
       "SIGTERM or SIGINT stops the server. Exit status: 0 stopped, 1 it could not start, "
