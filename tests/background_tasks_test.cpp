@@ -1,0 +1,130 @@
+#include "persistence/background_tasks.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+
+#include "tests/support/servers.h"
+#include "tests/support/threads.h"
+
+namespace portsvc {
+namespace {
+
+class BackgroundTasks : public ::testing::Test {
+ protected:
+  BackgroundTasks() {
+    for (const char* name : {"idle", "read", "kept"}) {
+      EXPECT_EQ(server.create_port(name, PORT_EVENTBOX, 5), result::ok);
+      EXPECT_EQ(server.setPersistent(name, name == std::string("kept")), result::ok);
+    }
+    EXPECT_EQ(server.create_port("packets", PORT_MASTER, 5), result::ok);
+    server.add_event("idle", 7);
+  }
+  bool exists(const char* name) { return server.exist(name) == 0; }
+
+  TestClock clock;
+  MainServer server;
+};
+
+TEST_F(BackgroundTasks, AnExpiryPassTakesWhatNobodyHasReadForMoreThan120Seconds) {
+  clock.advance(120);
+  server.checkNoTransition();
+  EXPECT_EQ(names(server), Names({"packets"}, {"idle", "read", "kept"}));
+  drain(server, "read");
+  clock.advance(1);
+  server.checkNoTransition();
+  EXPECT_EQ(names(server), Names({"packets"}, {"read", "kept"}));
+  EXPECT_EQ(server.declare_event(7, wire("x"), 0), result::not_subscribed);
+  for (int minute = 0; minute < 10; ++minute) {
+    receive(server, id_of(server, "read"));
+    clock.advance(120);
+    server.checkNoTransition();
+    ASSERT_TRUE(exists("read"));
+  }
+  server.setPersistent("read", 1);
+  clock.advance(10000);
+  server.checkNoTransition();
+  EXPECT_EQ(names(server), Names({"packets"}, {"read", "kept"}));
+}
+
+TEST_F(BackgroundTasks, AServantChecksByItself) {
+  clock.advance(120);
+  ASSERT_TRUE(clock.await_round(3));
+  EXPECT_TRUE(exists("idle"));
+  clock.advance(1);
+  EXPECT_TRUE(eventually([&] { return !exists("idle"); }));
+  // The next pass comes more than 120 seconds after this one.
+  server.create_port("late", PORT_EVENTBOX, 5);
+  server.setPersistent("late", 0);
+  clock.advance(120);
+  ASSERT_TRUE(clock.await_round(3));
+  EXPECT_TRUE(exists("late"));
+  clock.advance(1);
+  EXPECT_TRUE(eventually([&] { return !exists("late"); }));
+  EXPECT_TRUE(exists("kept"));
+  EXPECT_TRUE(exists("packets"));
+}
+
+TEST_F(BackgroundTasks, SavesInTheFirstRoundMoreThan60SecondsAfterTheLast) {
+  SnapSaveTask saver(&server);
+  std::vector<double> saved;
+  clock.on_pause = [&](const ACE_Time_Value& length) {
+    EXPECT_EQ(length, ACE_Time_Value(3, 0));
+    if (std::filesystem::remove(server.get_snap_path())) saved.push_back(clock.elapsed() - 3);
+    if (clock.elapsed() >= 200) saver.ShutDown();
+  };
+  EXPECT_EQ(saver.svc(), 0);
+  EXPECT_EQ(saved, (std::vector<double>{63, 126, 189}));
+  EXPECT_EQ(clock.elapsed(), 201) << "one round after it was told to end";
+}
+
+TEST_F(BackgroundTasks, SavesOnAThreadUntilShutDown) {
+  const std::string path = server.get_snap_path();
+  SnapSaveTask saver(&server);
+  saver.set_period(10);
+  saver.activate(0, 1, 0, 0, -1);
+  ASSERT_TRUE(clock.await_round(4));
+  EXPECT_FALSE(std::filesystem::exists(path));
+  clock.advance(11);
+  EXPECT_TRUE(eventually([&] { return std::filesystem::exists(path); }));
+  saver.ShutDown();
+  saver.wait();
+  std::filesystem::remove(path);
+  clock.advance(100);
+  EXPECT_FALSE(std::filesystem::exists(path));
+
+  SnapSaveTask without_servant(nullptr);
+  clock.on_pause = [&](const ACE_Time_Value&) {
+    if (clock.elapsed() > 300) without_servant.ShutDown();
+  };
+  EXPECT_EQ(without_servant.svc(), 0);
+}
+
+TEST_F(BackgroundTasks, AServantGoesOnlyWhenItsCheckHasEnded) {
+  // A pass that is slow: the role's lookup is still needed while the servant is being destroyed.
+  class Slow : public MainServer {
+   public:
+    explicit Slow(std::atomic<int>& lookups) : lookups_(lookups) {}
+    ~Slow() override { stop_housekeeping(); }
+    using MainServer::get_port;
+    boost::shared_ptr<Port_impl> get_port(const char* name) override {
+      ++lookups_;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      return MainServer::get_port(name);
+    }
+
+   private:
+    std::atomic<int>& lookups_;
+  };
+  std::atomic<int> lookups{0};
+  auto slow = std::make_unique<Slow>(lookups);
+  for (const char* name : {"a", "b", "c"}) slow->create_port(name, PORT_EVENTBOX, 5);
+  clock.advance(121);
+  ASSERT_TRUE(eventually([&] { return lookups == 1; }));
+  slow.reset();
+  EXPECT_EQ(lookups, 3);
+}
+
+}  // namespace
+}  // namespace portsvc

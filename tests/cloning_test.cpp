@@ -1,0 +1,228 @@
+// A main server and a sub server in one process: copies of ports, and requests across both.
+#include <gtest/gtest.h>
+
+#include <typeinfo>
+
+#include "ports/event_box.h"
+#include "ports/master_port.h"
+#include "ports/slave_port.h"
+#include "tests/support/peers.h"
+#include "tests/support/threads.h"
+
+namespace portsvc {
+namespace {
+
+class Cloning : public WithPeers {
+ protected:
+  template <class Main>
+  void reach(const Active<Main>& main) {
+    directory->enter("main", main.object());
+  }
+  SubServer& start() {
+    sub = std::make_unique<SubServer>("main", "plant/sub", "north",
+                                      CORBA::ORB_var(CORBA::ORB::_duplicate(broker.orb())));
+    return *sub;
+  }
+  template <class Class>
+  void expect_copy(const char* name, unsigned int kind, unsigned int id, unsigned int limit) {
+    const auto port = sub->get_port(name);
+    ASSERT_TRUE(port) << name;
+    const Port_impl& object = *port;
+    EXPECT_EQ(typeid(object), typeid(Class)) << name;
+    Varo::DT_PORT_SVC::PORT_INFO info{};
+    sub->get_port_info(name, info);
+    EXPECT_EQ(info.kind, kind);
+    EXPECT_EQ(info.port_id, id);
+    EXPECT_EQ(info.limit, limit);
+    EXPECT_EQ(info.owner_connected, 0u);
+    EXPECT_EQ(info.owner_access, 0u);
+    EXPECT_EQ(sub->get_port(id), port);
+  }
+  // An owner that answers `requests` requests.
+  static void serve(Port_Factory_i& server, unsigned int id, int requests) {
+    for (int n = 0; n < requests; ++n) {
+      const Received request = receive(server, id, 60);
+      ASSERT_EQ(std::get<0>(request), result::ok);
+      ASSERT_EQ(server.packet_replay(std::get<1>(request), wire("re: " + std::get<2>(request)), 0),
+                result::ok);
+    }
+  }
+  static void ask(Port_Factory_i& server, const char* port, int requests) {
+    const unsigned int handle = client(server, port);
+    for (int n = 0; n < requests; ++n) {
+      const std::string request = std::to_string(handle) + "." + std::to_string(n);
+      ASSERT_EQ(send(server, handle, request.c_str(), 60), result::ok);
+      ASSERT_EQ(reply(server, handle, 60), Reply(result::ok, "re: " + request));
+    }
+    EXPECT_EQ(server.disconnect_port(handle), result::ok);
+  }
+
+  std::unique_ptr<SubServer> sub;
+};
+
+TEST_F(Cloning, CopiesAllPortsOfTheMainServerAtStart) {
+  Active<MainServer> main;
+  reach(main);
+  main->create_port("E", PORT_EVENTBOX, 6);
+  main->create_port("B", PORT_SLAVE, 5);
+  main->create_port("A", PORT_MASTER, 4);
+  main->send_event("E", wire("not copied"));
+  main->setPersistent("E", 0);
+  main->add_event("E", 7);
+  owner(*main, "A");
+  start();
+  EXPECT_EQ(directory->asked("main@north"), 1);
+  const unsigned int ids[] = {id_of(*main, "A"), id_of(*main, "B"), id_of(*main, "E")};
+  EXPECT_EQ(sub->next_handle_, *std::max_element(ids, ids + 3) + 1);
+  expect_copy<vrSlave_Port>("A", PORT_SLAVE, ids[0], 4);
+  expect_copy<vrMaster_Port>("B", PORT_MASTER, ids[1], 5);
+  expect_copy<vrEventBox>("E", PORT_EVENTBOX, ids[2], 6);
+  EXPECT_EQ(event_count(*sub, "E"), 0u);
+  EXPECT_TRUE(dynamic_cast<vrEventBox&>(*sub->get_port("E")).persistent());
+  EXPECT_EQ(sub->declare_event(7, wire("x"), 0), result::no_subscriptions);
+  main.stop();
+  directory->enter("main", CORBA::Object::_nil());
+  use_directory(directory, "");
+  EXPECT_EQ(names(*sub), Names({"B", "A"}, {"E"})) << "in the main server's order of creation";
+}
+
+TEST_F(Cloning, CopiesAPortWhenItIsNamed) {
+  Active<MainServer> main;
+  reach(main);
+  start();
+  main->create_port("p", PORT_MASTER, 4);
+  const unsigned int id = id_of(*main, "p");
+  EXPECT_EQ(sub->get_port(id), nullptr);
+  EXPECT_EQ(sub->exist("p"), static_cast<int>(result::ok));
+  EXPECT_EQ(sub->get_port(id), sub->get_port("p"));
+  EXPECT_EQ(sub->exist("nobody"), static_cast<int>(result::unknown_name));
+  const auto first = sub->get_port("p");
+  EXPECT_EQ(sub->delete_port("p"), result::ok);
+  EXPECT_EQ(std::get<0>(connect(*sub, "p", CONNECT_CLIENT, ACCESS_WAIT)), result::ok);
+  EXPECT_NE(sub->get_port("p"), first);
+  in_parallel(4, [&](int) { EXPECT_EQ(sub->exist("p"), static_cast<int>(result::ok)); });
+}
+
+TEST_F(Cloning, NumbersItsOwnPortsAboveTheCopies) {
+  start();
+  EXPECT_EQ(sub->create_port("x", PORT_SLAVE, 5), result::ok);
+  EXPECT_EQ(sub->create_port("y", PORT_EVENTBOX, 5), result::ok);
+  EXPECT_EQ(sub->create_port("x", PORT_EVENTBOX, 9), result::already_exists);
+  EXPECT_EQ(sub->create_port("z", 30008, 5), result::bad_mode);
+  EXPECT_EQ(id_of(*sub, "x"), 758u);
+  EXPECT_EQ(id_of(*sub, "y"), 759u);
+  EXPECT_EQ(client(*sub, "x"), 760u) << "neither refusal took a number";
+
+  Active<FakePeer> peer;
+  reach(peer);
+  Varo::DT_PORT_SVC::PORT_INFO info{};
+  info.kind = PORT_MASTER;
+  for (const unsigned int id : {5000u, 4000u}) {
+    info.port_id = id;
+    peer->info[std::to_string(id)] = info;
+    sub->exist(std::to_string(id).c_str());
+    EXPECT_EQ(sub->next_handle_, 5001u);
+  }
+  sub->next_handle_ = 9000;
+  info.port_id = 4500;
+  peer->info["later"] = info;
+  sub->exist("later");
+  EXPECT_EQ(sub->next_handle_, 5001u) << "also when that is lower than before";
+}
+
+TEST_F(Cloning, SkipsWhatItCannotCopy) {
+  Active<FakePeer> peer;
+  reach(peer);
+  Varo::DT_PORT_SVC::PORT_INFO info{};
+  info.port_id = 3000;
+  for (const unsigned int kind : {0u, 30008u, PORT_MASTER}) {
+    info.kind = kind;
+    peer->info[std::to_string(kind)] = info;
+  }
+  // "missing" has been deleted meanwhile; a name may come twice.
+  peer->listed = {{"0", "missing", "30005", "30008", "30005"}, {"30005"}};
+  start();
+  EXPECT_EQ(sub->next_handle_, 3001u);
+  EXPECT_EQ(sub->exist("30005"), static_cast<int>(result::ok));
+  for (const char* name : {"0", "30008", "missing"}) {
+    EXPECT_EQ(sub->exist(name), static_cast<int>(result::unknown_name)) << name;
+    EXPECT_EQ(sub->update_port(name, 1, wire("x")), result::failed) << name;
+  }
+  EXPECT_FALSE(sub->find_port(758));
+  peer->answer("patch_object_name", {result::servant_lock});
+  start();
+  EXPECT_FALSE(sub->get_port(3000u));
+}
+
+TEST_F(Cloning, KeepsTheCopiesMadeBeforeAFailure) {
+  class Failing : public FakePeer {
+   public:
+    CORBA::ULong get_port_info(const char* name, Varo::DT_PORT_SVC::PORT_INFO& out) override {
+      if (name == std::string("b")) throw CORBA::COMM_FAILURE();
+      return FakePeer::get_port_info(name, out);
+    }
+  };
+  Active<Failing> peer;
+  reach(peer);
+  peer->info["a"].kind = peer->info["c"].kind = PORT_MASTER;
+  peer->info["a"].port_id = 3000;
+  peer->info["c"].port_id = 4000;
+  peer->listed.first = {"a", "b", "c"};
+  start();
+  EXPECT_TRUE(sub->get_port(3000u));
+  EXPECT_FALSE(sub->get_port(4000u));
+  const int asked = directory->asked("main@north");
+  EXPECT_EQ(sub->exist("b"), static_cast<int>(result::unknown_name));
+  EXPECT_EQ(sub->exist("c"), static_cast<int>(result::ok)) << "later lookups fill the gaps";
+  EXPECT_EQ(directory->asked("main@north"), asked + 2) << "failed references are looked up again";
+}
+
+TEST_F(Cloning, CarriesRequestsAcrossBothServers) {
+  constexpr int requests = 5;
+  Active<MainServer> main;
+  reach(main);
+  for (const char* name : {"main and sub", "sub and main", "both sub"}) {
+    main->create_port(name, PORT_MASTER, 9);
+  }
+  start();  // copies them all: a copy made later would set client handles back
+  const unsigned int on_main = owner(*main, "main and sub");
+  const unsigned int by_proxy = owner(*sub, "sub and main");
+  const unsigned int twice = owner(*sub, "both sub");
+  in_parallel(9, [&](int i) {
+    switch (i) {
+      case 0:
+        return serve(*main, on_main, 2 * requests);
+      case 1:
+        return serve(*sub, by_proxy, 2 * requests);
+      case 2:
+        return serve(*sub, twice, 2 * requests);
+      default:
+        return ask(i < 5 || i > 6 ? *sub : static_cast<Port_Factory_i&>(*main),
+                   i < 5   ? "main and sub"
+                   : i < 7 ? "sub and main"
+                           : "both sub",
+                   requests);
+    }
+  });
+  EXPECT_EQ(sub->disconnect_port(by_proxy), result::ok);
+  EXPECT_EQ(std::get<0>(connect(*main, "sub and main", CONNECT_OWNER, ACCESS_WAIT)), result::ok)
+      << "the owner has left the main server too";
+}
+
+TEST_F(Cloning, DistributesAnEventToTheSubServersBox) {
+  Active<SubServer> served("main", "plant/sub", nullptr,
+                           CORBA::ORB_var(CORBA::ORB::_duplicate(broker.orb())));
+  directory->subs = {"sub"};
+  directory->enter("sub", served.object());
+  Active<MainServer> main;
+  reach(main);
+  main->create_port("box", PORT_EVENTBOX, 9);
+  main->get_port("box")->forward(1, buffer("down"), 0);
+  EXPECT_TRUE(eventually([&] { return event_count(*served, "box") == 1; }));
+  served->get_port("box")->forward(1, buffer("up"), 0);
+  EXPECT_EQ(drain(*main, "box"), (Texts{"down", "up"}));
+  EXPECT_EQ(drain(*served, "box"), (Texts{"down"}));
+}
+
+}  // namespace
+}  // namespace portsvc

@@ -1,0 +1,238 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "core/port_id_generator.h"
+#include "roles/port_factory_main.h"
+#include "roles/value_types.h"
+#include "tests/support/allocation.h"
+#include "tests/support/peers.h"
+#include "tests/support/threads.h"
+
+namespace portsvc {
+namespace {
+
+using Master = std::pair<unsigned int, std::string>;
+
+Master inquire(Port_Factory_i& server, const char* name) {
+  CORBA::String_var master;
+  const unsigned int code = server.inquire_master(name, master.out());
+  return {code, master.in()};
+}
+
+using Consumers = std::pair<unsigned int, Texts>;
+
+Consumers remote_subs(Port_Factory_i& server) {
+  Varo::STRING_LIST_var list;
+  const unsigned int code = server.get_remote_sub(list.out());
+  return {code, texts(list.in())};
+}
+
+class MainRole : public ::testing::Test {
+ protected:
+  TestClock clock;
+  MainServer server{"plant/main"};
+};
+
+TEST_F(MainRole, CreatesEachNameOnce) {
+  for (const unsigned int kind : {PORT_MASTER, PORT_EVENTBOX, PORT_SLAVE}) {
+    EXPECT_EQ(server.create_port(std::to_string(kind).c_str(), kind, 3), result::ok);
+  }
+  EXPECT_EQ(server.create_port("30005", PORT_EVENTBOX, 9), result::ok);
+  EXPECT_EQ(names(server), Names({"30005", "30007"}, {"30006"}));
+  for (const unsigned int kind : {PORT_MASTER, PORT_EVENTBOX, PORT_SLAVE}) {
+    Varo::DT_PORT_SVC::PORT_INFO info{};
+    EXPECT_EQ(server.get_port_info(std::to_string(kind).c_str(), info), result::ok);
+    EXPECT_EQ(info.kind, kind);
+    EXPECT_EQ(info.limit, 3u);
+  }
+  EXPECT_EQ(owner(server, "30006"), id_of(server, "30006"));
+  for (const unsigned int kind : {0u, CONNECT_OWNER, 0xFFFFFFFFu}) {
+    EXPECT_EQ(server.create_port("strange", kind, 3), result::bad_mode);
+  }
+  EXPECT_EQ(server.exist("strange"), static_cast<int>(result::unknown_name));
+  EXPECT_FALSE(server.find_port(758)) << "a lookup walks over ports only";
+}
+
+TEST_F(MainRole, DrawsPortIdsFromTheGeneratorAndNoneTwice) {
+  // The first and the ten thousandth number that MT19937 gives for its default seed.
+  seed_port_ids(5489);
+  EXPECT_EQ(next_port_id(), 3499211612u >> 1);
+  for (int i = 2; i < 10000; ++i) next_port_id();
+  EXPECT_EQ(next_port_id(), 4123659995u >> 1);
+
+  seed_port_ids(5489);
+  server.create_port("a", PORT_MASTER, 3);
+  EXPECT_EQ(id_of(server, "a"), 3499211612u >> 1);
+  server.clearAll();
+  seed_port_ids(5489);
+  server.create_port("b", PORT_MASTER, 3);
+  EXPECT_EQ(id_of(server, "b"), 581869302u >> 1) << "the first is still in the id table";
+}
+
+TEST_F(MainRole, StoresWhatAPeerSends) {
+  server.create_port("box", PORT_EVENTBOX, 5);
+  server.create_port("packets", PORT_MASTER, 5);
+  EXPECT_EQ(server.update_port("nobody", 1, wire("x")), result::unknown_handle);
+  EXPECT_EQ(server.update_port_front("nobody", 1, wire("x")), result::unknown_handle);
+  EXPECT_EQ(server.update_port("packets", 1, wire("x")), result::ok);
+  EXPECT_EQ(server.update_port("box", 11, wire("a")), result::ok);
+  EXPECT_EQ(server.update_port_front("box", 22, wire("b")), result::ok);
+  unsigned int source = untouched;
+  std::vector<Event_ptr> events;
+  EXPECT_EQ(server.get_port("box")->receive_n(source, events, 5, 0), result::ok);
+  EXPECT_EQ(source, 22u);
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(text(*events[0]), "b");
+  EXPECT_EQ(events[1]->handle(), 11u);
+}
+
+TEST_F(MainRole, RemembersWhoKeepsAPort) {
+  EXPECT_EQ(inquire(server, "p"), Master(result::unknown_name, ""));
+  EXPECT_EQ(server.force_toslave("A", "p"), result::ok);
+  EXPECT_EQ(server.force_toslave("B", "p"), result::ok);
+  server.set_notify_port("p");
+  server.set_notify_port("q");
+  EXPECT_EQ(server.force_toslave("B", "q"), result::ok);
+  server.clearAll();
+  EXPECT_EQ(inquire(server, "p"), Master(result::ok, "A")) << "the first record stays";
+  EXPECT_EQ(inquire(server, "q"), Master(result::ok, "plant/main"));
+  in_parallel(4, [&](int i) {
+    for (int n = 0; n < 100; ++n) {
+      const std::string name = std::to_string(n);
+      server.force_toslave(std::to_string(i).c_str(), name.c_str());
+      EXPECT_EQ(inquire(server, name.c_str()).first, result::ok);
+    }
+  });
+}
+
+TEST_F(MainRole, SwitchesCopyingAndHasNoPeerAbove) {
+  server.create_port("p", PORT_MASTER, 5);
+  EXPECT_EQ(server.sendEvcDatatoSlave("p", -3), result::ok);
+  EXPECT_EQ(server.get_port("p")->copy_enable(), -3);
+  EXPECT_EQ(server.sendEvcDatatoSlave("q", 1), result::unknown_name);
+  EXPECT_TRUE(CORBA::is_nil(Varo::DT_PORT_SVC::Port_Factory_var(server.get_remote_point())));
+  server.create_port("proxy", PORT_SLAVE, 5);
+  EXPECT_EQ(send(server, client(server, "proxy"), "x"), result::no_peer);
+  EXPECT_EQ(std::get<0>(connect(server, "proxy", CONNECT_OWNER, ACCESS_WAIT)), result::no_peer);
+}
+
+TEST_F(MainRole, HasValueTypesThatCopyPointersOnly) {
+  unsigned char data[] = {1};
+  const vrPort original(5, "name", data);
+  vrPort copy(6, nullptr, nullptr);
+  copy = original;
+  EXPECT_EQ(copy.name(), original.name());
+  EXPECT_EQ(copy.number(), 5u);
+  EXPECT_EQ(copy.data(), data);
+  const vrPoint point(vrPoint("name", data));
+  EXPECT_EQ(point.data(), data);
+}
+
+class MainRoleWithPeers : public WithPeers {
+ protected:
+  // A main server with three sub servers, the second of which is not in reach.
+  MainRoleWithPeers() {
+    directory->subs = {"sub1", "sub2", "sub3"};
+    directory->enter("sub1", peers[0].object());
+    directory->enter("sub3", peers[2].object());
+  }
+  static std::size_t threads() {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+  }
+  static void expect_calls(FakePeer& peer, const Texts& expected) {
+    Texts calls;
+    eventually([&] {
+      for (std::string& call : peer.calls()) calls.push_back(std::move(call));
+      return calls.size() >= expected.size();
+    });
+    EXPECT_EQ(calls, expected);
+  }
+
+  Active<FakePeer> peers[3];
+};
+
+TEST_F(MainRoleWithPeers, CopiesForwardedPacketsToEverySubServer) {
+  directory->enter("sub2", peers[1].object());
+  MainServer server;
+  server.create_port("box", PORT_EVENTBOX, 9);
+  const auto box = server.get_port("box");
+  EXPECT_EQ(box->forward(11, buffer("a"), 0), result::ok);
+  EXPECT_EQ(box->forward_front(22, buffer("b"), 0), result::ok);
+  EXPECT_EQ(box->forward(33, buffer(""), 0), result::ok);
+  server.update_port("box", 44, wire("from a peer"));
+  server.send_event("box", wire("sent"));
+  server.copy_enable("box", 0);
+  EXPECT_EQ(box->forward(55, buffer("kept here"), 0), result::ok);
+  server.copy_enable("box", 1);
+  EXPECT_EQ(box->forward(66, buffer("z"), 0), result::ok);
+
+  EXPECT_EQ(drain(server, "box"), (Texts{"b", "a", "", "from a peer", "sent", "kept here", "z"}));
+  for (auto& peer : peers) {
+    expect_calls(*peer, {"update_port box 11 a", "update_port_front box 22 b",
+                         "update_port box 33 ", "update_port box 66 z"});
+  }
+}
+
+TEST_F(MainRoleWithPeers, SendsEachPortOnAThreadOfItsOwn) {
+  directory->subs = {"sub1"};
+  MainServer server;
+  for (const char* name : {"A", "B"}) {
+    server.create_port(name, PORT_EVENTBOX, 9);
+    server.get_port(name)->forward(1, buffer("x"), 0);
+  }
+  EXPECT_EQ(server.task_for("A"), server.task_for("A"));
+  EXPECT_NE(server.task_for("A"), server.task_for("B"));
+  EXPECT_TRUE(eventually([&] { return peers[0]->calling_threads() == 2; }));
+}
+
+TEST_F(MainRoleWithPeers, StartsNoThreadWithoutSubServersOrCopies) {
+  MainServer with_subs;
+  directory->subs.clear();
+  MainServer without;
+  const std::size_t before = threads();
+  with_subs.create_port("box", PORT_EVENTBOX, 9);
+  without.create_port("box", PORT_EVENTBOX, 9);
+  with_subs.copy_enable("box", 0);
+  with_subs.get_port("box")->forward(1, buffer("x"), 0);
+  without.get_port("box")->forward(1, buffer("x"), 0);
+  EXPECT_EQ(threads(), before);
+  with_subs.copy_enable("box", 1);
+  with_subs.get_port("box")->forward(1, buffer("x"), 0);
+  EXPECT_EQ(threads(), before + 1);
+}
+
+TEST_F(MainRoleWithPeers, StoresLocallyWhateverBecomesOfTheCopies) {
+  MainServer server;
+  server.SetReleam("north");
+  peers[2]->fail("update_port");
+  server.create_port("box", PORT_EVENTBOX, 5000);
+  for (int i = 0; i < 4000; ++i) server.get_port("box")->forward(1, buffer("x"), 0);
+  EXPECT_EQ(event_count(server, "box"), 4000u);
+  // Sending goes on, and names the realm.
+  EXPECT_TRUE(eventually([&] {
+    server.get_port("box")->forward(1, buffer("x"), 0);
+    return directory->asked("sub1@north") > 0 && directory->asked("sub2@north") > 0;
+  }));
+}
+
+TEST_F(MainRoleWithPeers, ListsItsConsumers) {
+  MainServer server;
+  EXPECT_EQ(remote_subs(server), Consumers(result::ok, {"sub1", "sub2", "sub3"}));
+  EXPECT_EQ(server.push_remote_consumer("another"), result::ok);
+  EXPECT_EQ(remote_subs(server).second.size(), 3u);
+  {
+    Varo::STRING_LIST_var list;
+    const NoMemory scope;
+    errno = 0;
+    EXPECT_EQ(server.get_remote_sub(list.out()), result::out_of_memory);
+    EXPECT_EQ(errno, ENOMEM);
+  }
+  use_directory(nullptr, "");
+  EXPECT_EQ(remote_subs(server), Consumers(result::no_consumers, {}));
+}
+
+}  // namespace
+}  // namespace portsvc

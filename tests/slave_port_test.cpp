@@ -1,0 +1,255 @@
+#include "ports/slave_port.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/peers.h"
+#include "tests/support/threads.h"
+
+namespace portsvc {
+namespace {
+
+// A servant whose peer the test chooses.
+class Host : public MainServer {
+ public:
+  Varo::DT_PORT_SVC::Port_Factory_var get_remote_point() override { return peer; }
+  void releaseRemotePoint() override { ++released; }
+
+  Varo::DT_PORT_SVC::Port_Factory_var peer;
+  std::atomic<int> released{0};
+};
+
+class SlavePort : public WithPeers {
+ protected:
+  void reach(CORBA::Object_var object) {
+    host.peer = Varo::DT_PORT_SVC::Port_Factory::_narrow(object);
+  }
+  unsigned int connect(unsigned int handle, unsigned int mode,
+                       unsigned int access = ACCESS_SELECT) {
+    reported = untouched;
+    return port.connect(handle, mode, access, reported);
+  }
+  Received receive(unsigned int timeout = 5) {
+    unsigned int source = untouched;
+    vrBuffer data = buffer("untouched");
+    const unsigned int code = port.receive(source, data, timeout);
+    return {code, source, text(data)};
+  }
+  unsigned int send(unsigned int handle, unsigned int timeout = 5) {
+    return port.forward(handle, buffer("data"), timeout);
+  }
+  Reply reply(unsigned int handle, unsigned int timeout = 5) {
+    vrBuffer data = buffer("untouched");
+    const unsigned int code = port.replay_wait(handle, data, timeout);
+    return {code, text(data)};
+  }
+  bool owner_connected() {
+    unsigned int access = 0, kind = 0, limit = 0;
+    bool connected = false;
+    port.info(access, kind, connected, limit);
+    EXPECT_EQ(access, 0u) << "the owner's access is the peer's affair";
+    return connected;
+  }
+
+  Active<FakePeer> peer;
+  Host host;
+  vrSlave_Port port{"p", 77, 3, &host};
+  unsigned int reported = untouched;
+};
+
+TEST_F(SlavePort, AnswersThatItHasNoPeer) {
+  EXPECT_EQ(connect(77, CONNECT_OWNER), result::no_peer);
+  EXPECT_EQ(reported, untouched);
+  EXPECT_EQ(receive(), Received(result::no_peer, untouched, "untouched"));
+  EXPECT_EQ(port.replay(1, buffer("x"), 5), result::no_peer);
+  EXPECT_EQ(port.disconnect(77), result::no_peer);
+  EXPECT_EQ(send(758), result::no_peer);
+  EXPECT_EQ(port.has_client(758), result::unknown_name);
+  EXPECT_EQ(reply(758), Reply(result::no_peer, "untouched"));
+  // Clients are a local matter.
+  EXPECT_EQ(connect(758, CONNECT_CLIENT), result::ok);
+  EXPECT_EQ(reported, 0u);
+  EXPECT_EQ(port.disconnect(758), result::ok);
+  EXPECT_EQ(port.disconnect(758), result::unknown_handle);
+  EXPECT_EQ(host.released, 0);
+}
+
+TEST_F(SlavePort, KeepsToItselfWhatThePeerNeedNotKnow) {
+  reach(peer.object());
+  EXPECT_EQ(connect(758, CONNECT_CLIENT), result::ok);
+  EXPECT_EQ(connect(758, PORT_SLAVE), result::bad_mode);
+  EXPECT_EQ(port.forward_front(758, buffer("x"), 5), result::ok);
+  EXPECT_EQ(port.disconnect(758), result::ok);
+  port.set_connected_host("host");
+  EXPECT_EQ(port.connected_host(), "");
+  port.push_event(event("e"));
+  EXPECT_EQ(port.event_count(), 0u);
+  vrPort_Buffer packet;
+  EXPECT_EQ(port.take_packet(packet, 0), result::failed);
+  EXPECT_EQ(port.wait_receiver(758, 0), result::failed);
+  EXPECT_EQ(port.take_reply(758, 0, packet), result::failed);
+  EXPECT_EQ(receive(), Received(result::unknown_handle, untouched, "untouched"))
+      << "no owner has connected through the peer";
+  EXPECT_EQ(peer->calls(), Texts());
+}
+
+TEST_F(SlavePort, ConnectsItsOwnerAtThePeer) {
+  reach(peer.object());
+  EXPECT_EQ(connect(77, CONNECT_OWNER), result::ok);
+  EXPECT_EQ(peer->calls(), (Texts{"connect_port p 30004 30002"}));
+  EXPECT_TRUE(owner_connected());
+  EXPECT_EQ(port.select(true), result::access_refused);
+
+  peer->answer("packet_receive", {result::ok, result::timed_out});
+  EXPECT_EQ(receive(), Received(result::ok, remote_client_offset + 42, "packet"));
+  EXPECT_EQ(port.has_client(remote_client_offset + 42), result::ok);
+  EXPECT_EQ(receive(), Received(result::timed_out, untouched, "untouched"));
+  peer->answer("packet_replay", {result::unknown_handle});
+  EXPECT_EQ(port.replay(42, buffer("answer"), 6), result::unknown_handle);
+  EXPECT_EQ(peer->calls(),
+            (Texts{"packet_receive 77 5", "packet_receive 77 5", "packet_replay 42 answer 6"}));
+
+  peer->answer("disconnect_port", {result::not_connected});
+  EXPECT_EQ(port.disconnect(77), result::ok);
+  EXPECT_FALSE(owner_connected());
+  EXPECT_EQ(std::get<0>(receive()), result::timed_out) << "the peer answers for its own port";
+}
+
+TEST_F(SlavePort, TakesOverTheIdOfARefusedOwner) {
+  reach(peer.object());
+  connect(77, CONNECT_OWNER);
+  peer->answer("connect_port", {result::owner_exists});
+  peer->reported_owner = 55;
+  EXPECT_EQ(connect(77, CONNECT_OWNER), result::owner_exists);
+  EXPECT_EQ(reported, 55u);
+  EXPECT_EQ(port.port_id(), 55u);
+  EXPECT_FALSE(owner_connected());
+  EXPECT_EQ(std::get<0>(receive()), result::unknown_handle);
+}
+
+TEST_F(SlavePort, CarriesARequestToThePeerAndItsAnswerBack) {
+  reach(peer.object());
+  connect(758, CONNECT_CLIENT);
+  EXPECT_EQ(send(758, 6), result::ok);
+  EXPECT_EQ(reply(758, 7), Reply(result::ok, "reply"));
+  EXPECT_EQ(peer->calls(), (Texts{"connect_port p 30003 30001", "packet_foward 1 data 6",
+                                  "packet_replay_wait 1 7", "disconnect_port 1"}));
+  // A client that nobody knows is entered with no access.
+  EXPECT_EQ(send(999), result::ok);
+  EXPECT_EQ(peer->calls().front(), "connect_port p 30003 0");
+  EXPECT_EQ(port.has_client(999), result::ok);
+
+  peer->answer("packet_replay_wait", {result::reply_timed_out});
+  EXPECT_EQ(reply(999), Reply(result::reply_timed_out, "untouched"));
+  EXPECT_EQ(peer->calls().back(), "disconnect_port 2") << "also when no answer came";
+  peer->answer("packet_foward", {result::owner_not_taking});
+  EXPECT_EQ(send(758), result::owner_not_taking);
+  peer->answer("connect_port", {result::unknown_name});
+  peer->calls();
+  EXPECT_EQ(send(759), result::unknown_name);
+  EXPECT_EQ(peer->calls().size(), 1u);
+}
+
+TEST_F(SlavePort, LeavesNoConnectionOpenAtThePeer) {
+  reach(peer.object());
+  for (const unsigned int handle : {758u, 759u}) connect(handle, CONNECT_CLIENT);
+  send(758);
+  send(759);
+  send(758);  // without having waited
+  EXPECT_EQ(reply(759), Reply(result::ok, "reply"));
+  port.disconnect(758);
+  std::set<std::string> open;
+  int connections = 0;
+  for (const std::string& call : peer->calls()) {
+    if (call.rfind("connect_port", 0) == 0) open.insert(std::to_string(++connections));
+    if (call.rfind("disconnect_port ", 0) == 0) open.erase(call.substr(16));
+  }
+  EXPECT_EQ(connections, 3);
+  EXPECT_EQ(open, std::set<std::string>());
+}
+
+TEST_F(SlavePort, WaitsForEverInPieces) {
+  reach(peer.object());
+  connect(77, CONNECT_OWNER);
+  connect(758, CONNECT_CLIENT);
+  peer->calls();
+  peer->answer("packet_receive", {result::timed_out, result::timed_out, result::ok});
+  peer->answer("packet_foward", {result::send_timed_out, result::ok});
+  peer->answer("packet_replay_wait", {result::reply_timed_out, result::ok});
+  EXPECT_EQ(std::get<0>(receive(0)), result::ok);
+  EXPECT_EQ(send(758, 0), result::ok);
+  EXPECT_EQ(reply(758, 0), Reply(result::ok, "reply"));
+  std::map<std::string, int> count;
+  for (const std::string& call : peer->calls()) ++count[call.substr(0, call.find(' '))];
+  EXPECT_EQ(count["packet_receive"], 3);
+  EXPECT_EQ(count["packet_foward"], 2);
+  EXPECT_EQ(count["packet_replay_wait"], 2);
+  EXPECT_EQ(count["connect_port"], 1);
+  EXPECT_EQ(count["disconnect_port"], 1);
+}
+
+TEST_F(SlavePort, AnswersACodeForEveryBrokerException) {
+  reach(peer.object());
+  connect(758, CONNECT_CLIENT);
+  peer->fail("connect_port");
+  EXPECT_EQ(connect(77, CONNECT_OWNER), result::ok);
+  EXPECT_EQ(host.released, 1);
+  EXPECT_FALSE(owner_connected());
+  EXPECT_EQ(std::get<0>(receive()), result::unknown_handle);
+  EXPECT_EQ(send(758), result::peer_forward);
+  EXPECT_EQ(host.released, 2);
+  peer->fail("connect_port", false);
+  connect(77, CONNECT_OWNER);
+
+  for (const char* operation : {"packet_receive", "packet_foward", "packet_replay",
+                                "packet_replay_wait", "disconnect_port"}) {
+    peer->fail(operation);
+  }
+  EXPECT_EQ(receive(), Received(result::peer_receive, untouched, "untouched"));
+  EXPECT_EQ(port.replay(42, buffer("x"), 5), result::peer_receive);
+  EXPECT_EQ(send(758), result::peer_forward);
+  EXPECT_EQ(host.released, 5);
+  EXPECT_EQ(reply(758), Reply(result::failed, "untouched"));
+  EXPECT_EQ(port.disconnect(77), result::peer_disconnect);
+  EXPECT_TRUE(owner_connected());
+  EXPECT_EQ(host.released, 5) << "these two keep the reference";
+
+  peer->fail("packet_foward", false);
+  EXPECT_EQ(send(758), result::ok);
+  EXPECT_EQ(port.disconnect(758), result::ok) << "whatever the peer says";
+  peer.stop();
+  EXPECT_EQ(send(759), result::peer_forward);
+}
+
+TEST_F(SlavePort, ServesManyClientsAtOnceEachItsOwnReply) {
+  constexpr int clients = 6;
+  constexpr int requests = 10;
+  Active<MainServer> main;
+  reach(main.object());
+  ASSERT_EQ(main->create_port("p", PORT_MASTER, 3), result::ok);
+  const unsigned int id = owner(*main, "p");
+  in_parallel(clients + 1, [&](int i) {
+    if (i == clients) {
+      for (int n = 0; n < clients * requests; ++n) {
+        const Received request = portsvc::receive(*main, id);
+        main->packet_replay(std::get<1>(request), wire("re: " + std::get<2>(request)), 0);
+      }
+      return;
+    }
+    const auto handle = static_cast<unsigned int>(1000 + i);
+    unsigned int ignored = 0;
+    port.connect(handle, CONNECT_CLIENT, ACCESS_WAIT, ignored);
+    for (int n = 0; n < requests; ++n) {
+      const std::string request = std::to_string(i) + "." + std::to_string(n);
+      ASSERT_EQ(port.forward(handle, buffer(request), 60), result::ok);
+      ASSERT_EQ(reply(handle, 60), Reply(result::ok, "re: " + request));
+    }
+  });
+  const auto port_of_main = main->get_port("p");
+  for (unsigned int handle = first_client_handle; handle < main->next_handle_; ++handle) {
+    ASSERT_EQ(port_of_main->has_client(handle), result::unknown_name);
+  }
+  EXPECT_EQ(main->next_handle_, first_client_handle + clients * requests);
+}
+
+}  // namespace
+}  // namespace portsvc

@@ -1,0 +1,258 @@
+#include <ace/Reactor.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "roles/port_connect_manager.h"
+#include "roles/port_factory_sub.h"
+#include "tests/support/allocation.h"
+#include "tests/support/peers.h"
+#include "tests/support/threads.h"
+
+namespace portsvc {
+namespace {
+
+class SubRole : public WithPeers {
+ protected:
+  // The main server is found from here on.
+  void reach() { directory->enter("main", peer.object()); }
+  void has(const char* name, unsigned int kind, unsigned int id, unsigned int limit) {
+    Varo::DT_PORT_SVC::PORT_INFO info{};
+    info.kind = kind;
+    info.port_id = id;
+    info.limit = limit;
+    peer->info[name] = info;
+  }
+  unsigned int back_call(CORBA::Object_var object) { return sub.back_call_(object); }
+  std::pair<unsigned int, std::string> inquire(const char* name) {
+    CORBA::String_var master;
+    const unsigned int code = sub.inquire_master(name, master.out());
+    return {code, master.in()};
+  }
+
+  Active<FakePeer> peer;
+  SubServer sub{"main", "plant/sub", nullptr, CORBA::ORB::_duplicate(broker.orb())};
+  const std::pair<unsigned int, std::string> cannot_ask{result::failed, "DUMMY"};
+};
+
+TEST_F(SubRole, WorksOnItsOwnWithoutAPeer) {
+  EXPECT_EQ(names(sub), Names());
+  EXPECT_EQ(sub.exist("p"), static_cast<int>(result::unknown_name));
+  EXPECT_EQ(std::get<0>(connect(sub, "p", CONNECT_OWNER, ACCESS_WAIT)), result::unknown_name);
+  EXPECT_EQ(sub.update_port("p", 1, wire("x")), result::failed);
+  EXPECT_EQ(sub.force_toslave("any", "p"), result::unknown_name);
+  EXPECT_EQ(inquire("p"), cannot_ask);
+  sub.set_notify_port("p");
+
+  EXPECT_EQ(sub.create_port("box", PORT_EVENTBOX, 5), result::ok);
+  EXPECT_EQ(sub.create_port("proxy", PORT_MASTER, 5), result::ok);
+  EXPECT_EQ(names(sub), Names({"proxy"}, {"box"}));
+  EXPECT_EQ(sub.get_port("box")->forward(1, buffer("x"), 0), result::no_peer);
+  EXPECT_EQ(send(sub, client(sub, "proxy"), "x"), result::no_peer);
+}
+
+TEST_F(SubRole, ChangesNothingWhereTheRoleHasNoPart) {
+  EXPECT_EQ(sub.create_port("box", PORT_EVENTBOX, 5), result::ok);
+  EXPECT_EQ(sub.sendEvcDatatoSlave("box", 9), result::ok);
+  EXPECT_EQ(sub.sendEvcDatatoSlave("nobody", 9), result::ok);
+  EXPECT_EQ(sub.get_port("box")->copy_enable(), 1);
+  EXPECT_EQ(sub.push_remote_consumer("consumer"), result::ok);
+  Varo::STRING_LIST_var list;
+  EXPECT_EQ(sub.get_remote_sub(list.out()), result::ok);
+  EXPECT_EQ(list->length(), 0u);
+  sub.heart_bit();
+}
+
+TEST_F(SubRole, AnnouncesItselfAndItsPortsAtEveryConnection) {
+  for (const char* name : {"b", "a", "c"}) sub.create_port(name, PORT_SLAVE, 5);
+  EXPECT_EQ(back_call(peer.object()), result::ok);
+  EXPECT_EQ(peer->calls(), (Texts{"push_remote_consumer plant/sub"}));
+  for (const char* name : {"b", "a"}) {
+    sub.set_notify_port(name);
+    EXPECT_EQ(sub.get_port(name)->notify(), 1u);
+  }
+  EXPECT_EQ(peer->calls(), (Texts{"force_toslave plant/sub b", "force_toslave plant/sub a"}));
+  EXPECT_EQ(back_call(peer.object()), result::ok);
+  EXPECT_EQ(peer->calls(), (Texts{"push_remote_consumer plant/sub", "force_toslave plant/sub a",
+                                  "force_toslave plant/sub b"}));
+  peer->answer("inquire_master", {result::unknown_name});
+  EXPECT_EQ(inquire("a"), std::make_pair(result::unknown_name, std::string("keeper")));
+}
+
+TEST_F(SubRole, DropsAMasterReferenceThatFails) {
+  sub.create_port("p", PORT_SLAVE, 5);
+  // Nil, and an object that is no port service.
+  EXPECT_EQ(back_call(CORBA::Object::_nil()), result::failed);
+  EXPECT_EQ(back_call(broker.orb()->resolve_initial_references("RootPOA")), result::failed);
+  EXPECT_EQ(inquire("p"), cannot_ask);
+
+  peer->fail("push_remote_consumer");
+  EXPECT_EQ(back_call(peer.object()), result::failed);
+  EXPECT_EQ(inquire("p"), cannot_ask);
+  peer->fail("push_remote_consumer", false);
+
+  const auto reconnect = [&] {
+    EXPECT_EQ(back_call(peer.object()), result::ok);
+    peer->calls();
+  };
+  reconnect();
+  peer->fail("force_toslave");
+  sub.set_notify_port("p");
+  EXPECT_EQ(sub.get_port("p")->notify(), 0u);
+  EXPECT_EQ(inquire("p"), cannot_ask);
+  sub.get_port("p")->set_notify(1);
+  reconnect();  // answers 0 although the report fails
+  EXPECT_EQ(inquire("p"), cannot_ask);
+  peer->fail("force_toslave", false);
+
+  reconnect();
+  peer->fail("inquire_master");
+  EXPECT_EQ(inquire("p"), cannot_ask);
+  EXPECT_EQ(inquire("p"), cannot_ask);
+  sub.set_notify_port("p");
+  EXPECT_EQ(peer->calls(), (Texts{"inquire_master p"})) << "asked once, then dropped";
+}
+
+TEST_F(SubRole, SendsForwardedPacketsUp) {
+  reach();
+  sub.create_port("box", PORT_EVENTBOX, 5);
+  const auto box = sub.get_port("box");
+  peer->answer("update_port", {result::unknown_handle});
+  EXPECT_EQ(box->forward(11, buffer("a"), 0), result::ok);
+  EXPECT_EQ(box->forward_front(22, buffer("b"), 0), result::ok);
+  EXPECT_EQ(peer->calls(), (Texts{"update_port box 11 a", "update_port box 22 b"}));
+  EXPECT_EQ(box->event_count(), 0u) << "it comes back from the main server";
+
+  const int asked = directory->asked("main@");
+  peer->fail("update_port");
+  EXPECT_EQ(box->forward(33, buffer("c"), 0), result::ok);
+  EXPECT_EQ(directory->asked("main@"), asked);
+  EXPECT_EQ(box->forward(33, buffer("c"), 0), result::ok);
+  EXPECT_EQ(directory->asked("main@"), asked + 1) << "the failed reference was forgotten";
+}
+
+TEST_F(SubRole, StoresWhatTheMainServerDistributes) {
+  reach();
+  has("box", PORT_EVENTBOX, 3000, 5);
+  has("packets", PORT_MASTER, 3001, 5);
+  EXPECT_EQ(sub.update_port("nobody", 1, wire("x")), result::failed);
+  EXPECT_EQ(sub.update_port("box", 11, wire("a")), result::ok);
+  EXPECT_EQ(sub.update_port_front("box", 22, wire("b")), result::ok);
+  EXPECT_EQ(sub.update_port("packets", 1, wire("x")), result::ok);
+  EXPECT_EQ(drain(sub, "box"), (Texts{"b", "a"}));
+  EXPECT_EQ(id_of(sub, "box"), 3000u);
+}
+
+TEST_F(SubRole, AnswersTheClientsOfTheMainServerAndItsOwn) {
+  reach();
+  has("proxy", PORT_MASTER, 3000, 5);
+  const unsigned int id = owner(sub, "proxy");
+  const Received request = receive(sub, id);
+  EXPECT_EQ(request, Received(result::ok, 300000042, "packet"));
+  peer->calls();
+  EXPECT_EQ(sub.packet_replay(300000042, wire("answer"), 5), result::ok);
+  EXPECT_EQ(peer->calls(), (Texts{"packet_replay 42 answer 5"}));
+  EXPECT_EQ(sub.packet_replay(300000043, wire("answer"), 5), result::unknown_handle);
+
+  sub.create_port("local", PORT_SLAVE, 5);
+  const unsigned int handle = client(sub, "local");
+  EXPECT_EQ(sub.packet_replay(handle, wire("answer"), 5), result::ok);
+  EXPECT_EQ(reply(sub, handle), Reply(result::ok, "answer"));
+}
+
+TEST_F(SubRole, TakesAPortOver) {
+  reach();
+  has("p", PORT_MASTER, 3000, 7);
+  EXPECT_EQ(sub.force_toslave("ignored", "nobody"), result::unknown_name);
+  EXPECT_EQ(sub.exist("nobody"), static_cast<int>(result::unknown_name));
+  EXPECT_EQ(sub.force_toslave("ignored", "p"), result::ok);
+  Varo::DT_PORT_SVC::PORT_INFO info{};
+  sub.get_port_info("p", info);
+  EXPECT_EQ(info.kind, PORT_MASTER) << "served here";
+  EXPECT_EQ(info.limit, 7u);
+  EXPECT_EQ(info.port_id, 3001u);
+  EXPECT_EQ(sub.get_port(3000u), nullptr);
+}
+
+TEST_F(SubRole, ListsTheNamesOfTheMainServer) {
+  sub.create_port("mine", PORT_SLAVE, 5);
+  reach();
+  peer->listed = {{"p", "q"}, {"e"}};
+  EXPECT_EQ(names(sub), Names({"p", "q"}, {"e"}));
+  Varo::STRING_LIST_var ports;
+  Varo::STRING_LIST_var boxes;
+  peer->answer("patch_object_name", {result::servant_lock});
+  EXPECT_EQ(sub.patch_object_name(ports.out(), boxes.out()), result::servant_lock);
+  EXPECT_EQ(texts(ports.in()), (Texts{"p", "q"}));
+
+  const int asked = directory->asked("main@");
+  peer->fail("patch_object_name");
+  for (int i : {0, 1}) {
+    EXPECT_EQ(names(sub), Names()) << "nothing, not even stale names";
+    EXPECT_EQ(directory->asked("main@"), asked + i);
+  }
+  directory->enter("main", CORBA::Object::_nil());
+  EXPECT_EQ(names(sub), Names({"mine"}, {}));
+  const NoMemory scope;
+  errno = 0;
+  EXPECT_EQ(sub.patch_object_name(ports.out(), boxes.out()), result::out_of_memory);
+  EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST_F(SubRole, TakesAServerThatIsNoPortServiceForNone) {
+  directory->enter("main", broker.orb()->resolve_initial_references("RootPOA"));
+  EXPECT_EQ(sub.exist("p"), static_cast<int>(result::unknown_name));
+  EXPECT_EQ(names(sub), Names());
+}
+
+TEST_F(SubRole, HearsFromTheConnectionManager) {
+  Active<SubServer> served("main", "plant/served", nullptr,
+                           CORBA::ORB_var(CORBA::ORB::_duplicate(broker.orb())));
+  ACE_Reactor reactor;
+  vrPortConnect_Manager manager("main", nullptr, &*served, &reactor);
+  EXPECT_TRUE(manager.self()->_is_equivalent(served.reference()));
+  CORBA::Object_var object = peer.object();
+  EXPECT_EQ(manager.on_connected(object), result::ok);
+  EXPECT_EQ(peer->calls(), (Texts{"push_remote_consumer plant/served"}));
+  object = CORBA::Object::_nil();
+  EXPECT_EQ(manager.on_connected(object), result::failed);
+  manager.on_heartbeat();
+}
+
+TEST_F(SubRole, NeverBlocksItselfWhateverComesAtOnce) {
+  // A slow main server; cloning on demand, reconnections, reports and stores meet all the time.
+  reach();
+  for (int i = 0; i < 40; ++i) has(("p" + std::to_string(i)).c_str(), PORT_EVENTBOX, 3000 + i, 5);
+  peer->delay_ms = 1;
+  in_parallel(6, [&](int thread) {
+    for (int n = 0; n < 40; ++n) {
+      const std::string name = "p" + std::to_string(n);
+      switch (thread) {
+        case 0:
+          EXPECT_EQ(back_call(peer.object()), result::ok);
+          break;
+        case 1:
+          sub.set_notify_port(name.c_str());
+          break;
+        case 2:
+          sub.delete_port(name.c_str());
+          sub.heart_bit();
+          break;
+        case 3:
+          EXPECT_EQ(sub.update_port(name.c_str(), 1, wire("x")), result::ok);
+          break;
+        case 4:
+          if (const auto port = sub.get_port(name.c_str())) port->forward(1, buffer("x"), 0);
+          inquire(name.c_str());
+          break;
+        default:
+          EXPECT_EQ(sub.exist(name.c_str()), static_cast<int>(result::ok));
+          connect(sub, name.c_str(), CONNECT_CLIENT, ACCESS_WAIT);
+          names(sub);
+      }
+    }
+  });
+}
+
+}  // namespace
+}  // namespace portsvc

@@ -1,0 +1,37 @@
+// Payloads from texts and back.
+#pragma once
+
+#include <boost/make_shared.hpp>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "middleware/orb/orb.h"
+#include "ports/port_impl.h"
+
+namespace portsvc {
+
+inline vrBuffer buffer(std::string_view text) {
+  return vrBuffer(static_cast<unsigned int>(text.size()), text.data());
+}
+
+inline std::string text(const vrBuffer& data) {
+  return std::string(reinterpret_cast<const char*>(data.data()), data.size());
+}
+
+inline Event_ptr event(std::string_view text, unsigned int handle = 0) {
+  return boost::make_shared<vrPort_Buffer>(handle, buffer(text));
+}
+
+inline Varo::DATA_BUFFER wire(std::string_view text) {
+  Varo::DATA_BUFFER data;
+  data.length(static_cast<CORBA::ULong>(text.size()));
+  if (!text.empty()) std::memcpy(data.get_buffer(), text.data(), text.size());
+  return data;
+}
+
+inline std::string text(const Varo::DATA_BUFFER& data) {
+  return std::string(reinterpret_cast<const char*>(data.get_buffer()), data.length());
+}
+
+}  // namespace portsvc

@@ -1,0 +1,105 @@
+#include "platform/wait.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "tests/support/test_clock.h"
+
+namespace portsvc {
+namespace {
+
+using Answer = std::optional<unsigned int>;
+
+constexpr unsigned int done = 1;
+constexpr unsigned int given_up = 2;
+constexpr unsigned int refused = 3;
+
+Answer no() { return std::nullopt; }
+
+TEST(Countdown, CountsOffWhatHasElapsed) {
+  TestClock clock;
+  ACE_Time_Value remaining(1);
+  Countdown countdown(&remaining);
+  const struct {
+    double move;
+    bool expired;
+    int left_ms;
+  } steps[] = {
+      {0.4, false, 600},    {0, false, 600},
+      {-5, false, 600},  // a clock that steps back counts as no time
+      {0.5, false, 100},    {-0.1, false, 100},
+      {0.099999, false, 1}, {0.000001, true, 0},  // what is left is used up, not only passed
+      {-100, true, 0},                            // and stays so
+      {0, true, 0},
+  };
+  for (const auto& step : steps) {
+    clock.advance(step.move);
+    countdown.update();
+    EXPECT_EQ(countdown.expired(), step.expired) << "after " << step.move;
+    EXPECT_NEAR(static_cast<double>(remaining.msec()), step.left_ms, 1);
+  }
+}
+
+TEST(Countdown, NeverExpiresWithoutALimit) {
+  TestClock clock;
+  Countdown countdown(nullptr);
+  clock.advance(1e9);
+  countdown.update();
+  EXPECT_FALSE(countdown.expired());
+}
+
+TEST(Wait, TestsBeforeItPausesAndBeforeItGivesUp) {
+  TestClock clock;
+  EXPECT_EQ(wait(
+                1, given_up, nullptr, [] { return Answer(done); }, no),
+            done);
+  EXPECT_EQ(clock.pauses(), 0);
+
+  EXPECT_EQ(wait(1, given_up, nullptr, no, no), given_up);
+  EXPECT_EQ(clock.pauses(), 100);
+
+  // What is there at the very last test is still taken.
+  const double end = clock.elapsed() + 1;
+  const auto at_the_end = [&] { return clock.elapsed() >= end ? Answer(done) : no(); };
+  EXPECT_EQ(wait(1, given_up, nullptr, at_the_end, no), done);
+}
+
+TEST(Wait, GoesOnForEverWithoutALimitAndEndsWhenTheModeSaysSo) {
+  TestClock clock;
+  const auto next_day = [&] { return clock.elapsed() > 86400 ? Answer(done) : no(); };
+  clock.on_pause = [&](const ACE_Time_Value&) { clock.advance(60); };
+  EXPECT_EQ(wait(0, given_up, nullptr, next_day, no), done);
+  EXPECT_EQ(wait(0, given_up, nullptr, no, [] { return Answer(refused); }), refused);
+}
+
+TEST(Wait, HeedsAClockThatIsSet) {
+  TestClock clock;
+  // A step back of an hour after half the time: the other half is still waited for, not more.
+  clock.on_pause = [&](const ACE_Time_Value&) {
+    if (clock.pauses() == 50) clock.advance(-3600);
+  };
+  EXPECT_EQ(wait(1, given_up, nullptr, no, no), given_up);
+  EXPECT_GE(clock.pauses(), 100);
+  EXPECT_LE(clock.pauses(), 102);
+
+  const int before = clock.pauses();
+  clock.on_pause = [&](const ACE_Time_Value&) { clock.advance(3600); };
+  EXPECT_EQ(wait(1, given_up, nullptr, no, no), given_up);
+  EXPECT_EQ(clock.pauses(), before + 1);
+}
+
+TEST(Wait, NamesWhatItWaitsFor) {
+  TestClock clock;
+  int object = 0;
+  std::thread waiter([&] {
+    wait(
+        0, given_up, &object, [&] { return clock.elapsed() > 0 ? Answer(done) : no(); }, no);
+  });
+  EXPECT_TRUE(clock.await_poll(&object, 2));
+  clock.advance(1);
+  waiter.join();
+}
+
+}  // namespace
+}  // namespace portsvc
