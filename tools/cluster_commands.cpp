@@ -162,7 +162,7 @@ void refresh(Session& session, const RefreshOptions& options) {
       const std::string name = ports[i].in();
       const auto copy = port_info(sub, name);
       if (!copy || copy->kind != PORT_SLAVE) continue;
-      if (!CORBA::is_nil(main)) {
+      if (!CORBA::is_nil(main.in())) {
         const auto original = port_info(main, name);
         if (original && original->port_id == copy->port_id) continue;
       }

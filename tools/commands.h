@@ -38,7 +38,7 @@ struct Commands {
 };
 
 void add_listing_commands(Commands& commands);   ///< ls info connections
-void add_registry_commands(Commands& commands);  ///< create rm exists host ping clear codes
+void add_registry_commands(Commands& commands);  ///< create rm exists release host ping clear codes
 void add_packet_commands(Commands& commands);    ///< send receive serve select
 void add_event_commands(Commands& commands);     ///< event ...
 void add_cluster_commands(Commands& commands);   ///< master subs move refresh

@@ -1,4 +1,4 @@
-// create, rm, exists, host, ping, clear and codes.
+// create, rm, exists, release, host, ping, clear and codes.
 #include <fmt/core.h>
 
 #include <chrono>
@@ -82,6 +82,13 @@ void remove(Session& session, const RemoveOptions& options) {
 void exists(Session& session, const NameOptions& options) {
   const CORBA::Long code = session.server()->exist(options.name.c_str());
   check("look for " + options.name, static_cast<unsigned int>(code));
+}
+
+// Frees a port whose owner died without disconnecting; what is queued stays for the next owner.
+void release(Session& session, const NameOptions& options) {
+  Varo::DT_PORT_SVC::PORT_INFO info{};
+  check("look for " + options.name, session.server()->get_port_info(options.name.c_str(), info));
+  check("release " + options.name, session.server()->disconnect_port(info.port_id));
 }
 
 struct HostOptions {
@@ -200,6 +207,9 @@ void add_registry_commands(Commands& commands) {
                               remove);
   commands.add<NameOptions>(app, "exists", "Succeed when there is a port of that name",
                             "exists orders && echo yes", describe_name, exists);
+  commands.add<NameOptions>(app, "release",
+                            "Disconnect a port's owner, for one that died without doing so",
+                            "release orders", describe_name, release);
   CLI::App* host = app.add_subcommand("host", "The host text of a port");
   host->require_subcommand(1);
   commands.add<HostOptions>(*host, "set", "Store the host text; it goes when the owner leaves",

@@ -81,7 +81,7 @@ Port_Factory_var Session::resolve(const std::string& server) {
           server));
     }
     object = directory().resolve(server, options_.realm);
-    if (CORBA::is_nil(object)) {
+    if (CORBA::is_nil(object.in())) {
       throw Unreachable(
           fmt::format("the directory knows no server '{}' or does not answer", server));
     }
@@ -92,12 +92,13 @@ Port_Factory_var Session::resolve(const std::string& server) {
   } catch (const CORBA::Exception& exception) {
     throw Unreachable(fmt::format("{}: {}", server, orb::describe(exception)));
   }
-  if (CORBA::is_nil(factory)) throw Unreachable(fmt::format("'{}' is no port service", server));
+  if (CORBA::is_nil(factory.in()))
+    throw Unreachable(fmt::format("'{}' is no port service", server));
   return factory;
 }
 
 Port_Factory_ptr Session::server() {
-  if (CORBA::is_nil(server_)) server_ = resolve(options_.server);
+  if (CORBA::is_nil(server_.in())) server_ = resolve(options_.server);
   return server_;
 }
 

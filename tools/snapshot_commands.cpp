@@ -40,7 +40,7 @@ struct FileOptions {
 class RemoteFile {
  public:
   explicit RemoteFile(Varo::FileHandle_ptr handle) : handle_(handle) {
-    if (CORBA::is_nil(handle_)) throw Failure("the server cannot open its snapshot file");
+    if (CORBA::is_nil(handle_.in())) throw Failure("the server cannot open its snapshot file");
   }
   ~RemoteFile() {
     try {
