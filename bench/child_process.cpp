@@ -29,6 +29,18 @@ std::runtime_error system_error(const std::string& what) {
 
 std::string proc_file(pid_t pid, const char* name) { return fmt::format("/proc/{}/{}", pid, name); }
 
+/// A field of /proc/PID/stat, numbered from 1 as in proc(5).
+double stat_field(pid_t pid, int number) {
+  const std::string text = read_text(proc_file(pid, "stat"));
+  // The second, a name in parentheses, may hold spaces: count from behind it.
+  std::istringstream words(text.substr(text.rfind(')') + 1));
+  std::string skipped;
+  for (int i = 3; i < number; ++i) words >> skipped;
+  double value = 0;
+  words >> value;
+  return value;
+}
+
 /// Threads come and go while they are listed; those that went need no pinning, and new ones
 /// inherit.
 void pin_all_threads(pid_t pid, const cpu_set_t& processors) {
@@ -92,17 +104,11 @@ void Child::freeze() const { ::kill(pid_, SIGSTOP); }
 void Child::thaw() const { ::kill(pid_, SIGCONT); }
 
 double Child::cpu_seconds() const {
-  const std::string text = read_text(proc_file(pid_, "stat"));
-  // The name, in parentheses, may hold spaces; utime and stime are the 12th and 13th words after
-  // it.
-  std::istringstream words(text.substr(text.rfind(')') + 1));
-  std::string skipped;
-  for (int i = 0; i < 11; ++i) words >> skipped;
-  double user = 0;
-  double system = 0;
-  words >> user >> system;
-  return (user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+  return (stat_field(pid_, 14) + stat_field(pid_, 15)) /
+         static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
+
+unsigned int Child::threads() const { return static_cast<unsigned int>(stat_field(pid_, 20)); }
 
 double Child::resident_bytes() const {
   std::istringstream words(read_text(proc_file(pid_, "statm")));

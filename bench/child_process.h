@@ -49,6 +49,7 @@ class Child {
   double cpu_seconds() const;
   /// Resident memory in bytes.
   double resident_bytes() const;
+  unsigned int threads() const;
 
  private:
   const std::string log_;

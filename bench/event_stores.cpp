@@ -100,9 +100,9 @@ double transfer_rate(EventStore& store, std::size_t size, unsigned int producers
       } else if (Clock::now() - last > patience) {
         throw std::runtime_error(fmt::format("{}: {} of {} events are missing", store.name(),
                                              produced - consumed, produced.load()));
-      } else {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
       }
+      // A batch that was not full has emptied the store: let the next one fill.
+      if (taken < batch) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     seconds = std::chrono::duration<double>(last - start).count();
   };

@@ -314,11 +314,13 @@ void measure_growth(const Bench& bench) {
   const Crowd large(bench, "crowd100000", 100000, 10);
   const Crowd handles(bench, "crowd-handles", 10, 10000);
   const Pinned pinned({&small.process(), &middle.process(), &large.process(), &handles.process()});
-  const auto compare = [&](const std::string& operation, Work (Crowd::*work)() const) {
+  const std::string with_data = size_text(payload_size);
+  const auto compare = [&](const std::string& operation, const std::string& payload,
+                           Work (Crowd::*work)() const) {
     const std::vector<double> seconds = alternate(
         {(small.*work)(), (middle.*work)(), (large.*work)(), (handles.*work)()}, 1, bench.effort);
     Row row;
-    row.payload = size_text(payload_size);
+    row.payload = payload;
     row.connections = 1;
     row.pinned = true;
     row.against = "10 ports, 10 handles";
@@ -332,12 +334,12 @@ void measure_growth(const Bench& bench) {
       bench.table.add(row);
     }
   };
-  compare("exist", &Crowd::exist);
-  compare("packet_foward", &Crowd::packet_foward);
-  compare("packet_replay_wait", &Crowd::packet_replay_wait);
-  compare("packet_receive", &Crowd::packet_receive);
-  compare("packet_receive_n", &Crowd::packet_receive_n);
-  compare("packet_replay", &Crowd::packet_replay);
+  compare("exist", "", &Crowd::exist);
+  compare("packet_foward", with_data, &Crowd::packet_foward);
+  compare("packet_replay_wait", with_data, &Crowd::packet_replay_wait);
+  compare("packet_receive", with_data, &Crowd::packet_receive);
+  compare("packet_receive_n", with_data, &Crowd::packet_receive_n);
+  compare("packet_replay", with_data, &Crowd::packet_replay);
 }
 
 void measure_large_numbers(const Bench& bench) {

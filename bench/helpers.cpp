@@ -1,13 +1,13 @@
 // What port_bench does in processes of its own.
-#include <fmt/format.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <fstream>
 #include <mutex>
-#include <thread>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "bench/sections.h"
 #include "tests/empty_servant.h"
@@ -44,10 +44,6 @@ void announce(const std::string& path, const std::string& text) {
   }
 }
 
-[[noreturn]] void wait_to_be_killed() {
-  for (;;) ::pause();
-}
-
 }  // namespace
 
 int serve_empty(const std::string& ior_file) {
@@ -58,42 +54,32 @@ int serve_empty(const std::string& ior_file) {
   const PortableServer::Servant_var<SizedServant> servant(new SizedServant);
   const Port_Factory_var reference = broker.serve(servant.in());
   announce(ior_file, broker.to_text(reference.in()));
-  wait_to_be_killed();
+  for (;;) ::pause();
 }
 
-int hold_callers(const std::string& reference, unsigned int count, const std::string& ready) {
+int hold_callers(const std::string& reference, const std::vector<unsigned int>& ids) {
   allow_many_connections();
   orb::Broker broker(orb::Options{});
   const CORBA::Object_var object = broker.from_text(reference);
   const Port_Factory_var server = Varo::DT_PORT_SVC::Port_Factory::_narrow(object.in());
-  std::atomic<unsigned int> blocked{0};
-  std::thread([&] {
-    in_threads(count, [&](unsigned int thread) {
-      const CORBA::ULong id = connect_owner(server.in(), fmt::format("waited{}", thread));
-      ++blocked;
-      CORBA::ULong source = 0;
-      Varo::DATA_BUFFER_var data;
-      server->packet_receive(id, source, data.out(), 0);  // without a limit
-    });
-  }).detach();
-  wait_until([&] { return blocked == count; }, std::chrono::seconds(60), "the callers block");
-  announce(ready, "ready");
-  wait_to_be_killed();
+  in_threads(static_cast<unsigned int>(ids.size()), [&](unsigned int thread) {
+    CORBA::ULong source = 0;
+    Varo::DATA_BUFFER_var data;
+    server->packet_receive(ids[thread], source, data.out(), 0);  // without a limit
+  });
+  throw std::runtime_error("a blocked call ended");
 }
 
-int run_bare_threads(unsigned int count, const std::string& ready) {
-  std::thread([count] {
-    in_threads(count, [](unsigned int) {
-      std::mutex free;
-      const timespec pause{0, 10'000'000};
-      for (;;) {
-        { const std::lock_guard<std::mutex> guard(free); }
-        ::nanosleep(&pause, nullptr);
-      }
-    });
-  }).detach();
-  announce(ready, "ready");
-  wait_to_be_killed();
+int run_bare_threads(unsigned int count) {
+  in_threads(count, [](unsigned int) {
+    std::mutex free;
+    const timespec pause{0, 10'000'000};
+    for (;;) {
+      { const std::lock_guard<std::mutex> guard(free); }
+      ::nanosleep(&pause, nullptr);
+    }
+  });
+  return 1;
 }
 
 }  // namespace portsvc::bench

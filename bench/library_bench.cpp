@@ -60,9 +60,8 @@ DATA_BUFFER payload(std::size_t size) {
   return data;
 }
 
-/// Resident memory of this process after the allocator has given back what it can, in bytes.
+/// Resident memory of this process in bytes.
 double resident_bytes() {
-  ::malloc_trim(0);
   std::ifstream statm("/proc/self/statm");
   std::size_t pages = 0;
   statm >> pages >> pages;
@@ -316,6 +315,7 @@ void memory_of_idle_ports(benchmark::State& state) {
   const auto total = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     servant().set_ports(0);
+    ::malloc_trim(0);
     const double resident = resident_bytes();
     const double allocated = allocated_bytes();
     servant().set_ports(total);
@@ -332,6 +332,7 @@ void memory_of_events(benchmark::State& state) {
   const DATA_BUFFER data = payload(100);
   for (auto _ : state) {
     const Port box("box", PORT_EVENTBOX, total);
+    ::malloc_trim(0);
     const double resident = resident_bytes();
     const double allocated = allocated_bytes();
     for (unsigned int i = 0; i < total; ++i) require_ok(servant().send_event(box.name(), data));
@@ -352,6 +353,7 @@ void memory_of_packets(benchmark::State& state) {
   for (auto _ : state) {
     vrPort_Buffer_Queue queue;
     queue.set_limit(total);
+    ::malloc_trim(0);
     const double resident = resident_bytes();
     const double allocated = allocated_bytes();
     for (unsigned int i = 0; i < total; ++i) {

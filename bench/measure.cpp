@@ -39,6 +39,7 @@ double seconds_per_call(const Work& work, unsigned int threads, std::chrono::mil
       for (unsigned int i = 0; i < work.burst; ++i) work.call(thread);
       own_seconds += seconds_since(start);
       own_calls += work.burst;
+      if (work.finish) work.finish(thread);
     } while (Clock::now() < end);
     const std::lock_guard<std::mutex> guard(lock);
     seconds += own_seconds;

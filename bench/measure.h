@@ -20,12 +20,14 @@ struct Effort {
   std::chrono::milliseconds slice;
 };
 
-/// What each of several threads, numbered from 0, does over and over: `prepare` once, untimed (it
-/// may be empty), then `call` as often as `burst` says, timed.
+/// What each of several threads, numbered from 0, does over and over: `prepare` once, then `call`
+/// as often as `burst` says, then `finish` once. Only the calls are timed; the other two may be
+/// empty.
 struct Work {
   std::function<void(unsigned int thread)> prepare;
   std::function<void(unsigned int thread)> call;
   unsigned int burst = 1;
+  std::function<void(unsigned int thread)> finish = {};
 };
 
 /// Does the work with `threads` threads for about `slice`: the mean time of a call, as its caller

@@ -23,10 +23,10 @@ void measure_sub_servers(const Bench& bench);
 
 /// Writes the reference of an empty servant to `ior_file`.
 int serve_empty(const std::string& ior_file);
-/// Makes `count` blocked calls at once: the owner of each of the ports "waited0"... takes a packet
-/// that never comes. Makes the file `ready` once all are under way.
-int hold_callers(const std::string& reference, unsigned int count, const std::string& ready);
+/// Makes one blocked call for each of the port ids, all at once: its owner takes a packet that
+/// never comes.
+int hold_callers(const std::string& reference, const std::vector<unsigned int>& ids);
 /// `count` threads that take a free mutex and sleep 10 ms, over and over.
-int run_bare_threads(unsigned int count, const std::string& ready);
+int run_bare_threads(unsigned int count);
 
 }  // namespace portsvc::bench

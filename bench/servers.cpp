@@ -43,7 +43,7 @@ Server::Server(const Bench& bench, const std::string& name, std::vector<std::str
       std::chrono::seconds(60), name + " starts");
   const CORBA::Object_var object = bench.broker.from_text(reference());
   reference_ = Varo::DT_PORT_SVC::Port_Factory::_narrow(object.in());
-  if (CORBA::is_nil(reference_)) throw std::runtime_error(name + " is no port service");
+  if (CORBA::is_nil(reference_.in())) throw std::runtime_error(name + " is no port service");
 }
 
 std::string Server::reference() const {

@@ -8,7 +8,7 @@ namespace portsvc::bench {
 namespace {
 
 constexpr const char* line =
-    "{:<9} {:<44} {:>7} {:>5} {:>4}  {:<26} {:>11} {:>11} {:<6} {:>7} {:<9} {}\n";
+    "{:<9} {:<51} {:>7} {:>5} {:>4}  {:<26} {:>11} {:>11} {:<6} {:>7} {:<9} {}\n";
 
 std::string number(const std::optional<double>& value) {
   if (!value) return "";

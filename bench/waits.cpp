@@ -29,16 +29,21 @@ class Waited {
                 main_server(bench, fmt::format("waited{}", callers))) {
     require_ok(server_->create_port("free", PORT_MASTER, 8));
     if (callers != 0) {
+      std::vector<std::string> command{own_path(), "blocked-callers", server_.reference()};
       for (unsigned int i = 0; i < callers; ++i) {
-        require_ok(server_->create_port(fmt::format("waited{}", i).c_str(), PORT_MASTER, 8));
+        const std::string port = fmt::format("waited{}", i);
+        require_ok(server_->create_port(port.c_str(), PORT_MASTER, 8));
+        command.push_back(std::to_string(connect_owner(server_.get(), port)));
       }
-      const std::string ready = bench.folder.file(fmt::format("callers{}.ready", callers));
-      holder_ = std::make_unique<Child>(
-          std::vector<std::string>{own_path(), "blocked-callers", server_.reference(),
-                                   std::to_string(callers), ready},
-          bench.folder.file(fmt::format("callers{}.log", callers)));
-      wait_until([&] { return !read_text(ready).empty(); }, std::chrono::seconds(60),
-                 "the callers block");
+      holder_ = std::make_unique<Child>(command,
+                                        bench.folder.file(fmt::format("callers{}.log", callers)));
+      // A blocked call holds a thread of the server.
+      wait_until(
+          [&] {
+            holder_->require_alive();
+            return server_.process().threads() > callers;
+          },
+          std::chrono::seconds(120), "the callers block");
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     freeze();
@@ -112,10 +117,9 @@ void measure_blocked_callers(const Bench& bench) {
   for (const unsigned int callers : {0U, 100U, compared_callers, 3000U}) {
     crowds.push_back(std::make_unique<Waited>(bench, callers));
   }
-  const std::string ready = bench.folder.file("bare.ready");
-  const Child bare({own_path(), "bare-threads", std::to_string(compared_callers), ready},
+  const Child bare({own_path(), "bare-threads", std::to_string(compared_callers)},
                    bench.folder.file("bare.log"));
-  wait_until([&] { return !read_text(ready).empty(); }, std::chrono::seconds(20),
+  wait_until([&] { return bare.threads() > compared_callers; }, std::chrono::seconds(20),
              "the bare threads start");
   bare.freeze();
 
