@@ -4,10 +4,10 @@
 #include <ace/RW_Thread_Mutex.h>
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/SString.h>
+#include <loki/AssocVector.h>
 
 #include <boost/shared_ptr.hpp>
 #include <deque>
-#include <loki/AssocVector.h>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,13 +21,13 @@
 #include "ports/port_impl.h"
 
 /// Servant of Varo::DT_PORT_SVC::Port_Factory without its role: registry of ports, client handles,
-/// lookups, packet operations, selection, event operations, snapshots and the expiry of event boxes.
-/// The two roles derive from it.
+/// lookups, packet operations, selection, event operations, snapshots and the expiry of event
+/// boxes. The two roles derive from it.
 ///
 /// Operations come from any number of broker threads at once. Each finds its port under the
 /// registry lock, keeps a shared pointer to it, and calls it without any lock of the servant. None
-/// raises an exception; each answers a result code of port_codes.h. Out sequences and strings always
-/// get a fresh value; out numbers are written only where an operation's comment says so.
+/// raises an exception; each answers a result code of port_codes.h. Out sequences and strings
+/// always get a fresh value; out numbers are written only where an operation's comment says so.
 class Port_Factory_i : public virtual portsvc::orb::Port_Factory_Skeleton,
                        public virtual PortableServer::RefCountServantBase {
  public:
@@ -61,10 +61,10 @@ class Port_Factory_i : public virtual portsvc::orb::Port_Factory_Skeleton,
   virtual boost::shared_ptr<Port_impl> get_port(unsigned int id);
   virtual boost::shared_ptr<Port_impl> find_port(unsigned int handle);
 
-  /// Waits until one of the watched ports has a packet, or one of the watched clients a reply. 0 and
-  /// its port id, or client handle, in `ready`, the first in the set's order; 2000 and 0 in `ready`;
-  /// 2010 when nothing is left to watch. Ports that have lost their owner, and clients that have
-  /// disconnected, are dropped from the set.
+  /// Waits until one of the watched ports has a packet, or one of the watched clients a reply. 0
+  /// and its port id, or client handle, in `ready`, the first in the set's order; 2000 and 0 in
+  /// `ready`; 2010 when nothing is left to watch. Ports that have lost their owner, and clients
+  /// that have disconnected, are dropped from the set.
   virtual unsigned int wait_for_signal(Owner_Set& set, unsigned int& ready, unsigned int timeout);
   virtual unsigned int wait_for_replay_signal(Client_Set& set, unsigned int& ready,
                                               unsigned int timeout);
@@ -94,8 +94,7 @@ class Port_Factory_i : public virtual portsvc::orb::Port_Factory_Skeleton,
   /// Drops all ports and subscriptions. The id table and the handle counter go on.
   void clearAll() override;
   /// All names in creation order: ports, event boxes. 0; 5; 10.
-  CORBA::ULong patch_object_name(Varo::STRING_LIST_out ports,
-                                 Varo::STRING_LIST_out boxes) override;
+  CORBA::ULong patch_object_name(Varo::STRING_LIST_out ports, Varo::STRING_LIST_out boxes) override;
   void heart_bit() override;
   /// 0; `code` is not written.
   CORBA::ULong gen_evc_code(CORBA::ULong_out code) override;
@@ -107,10 +106,10 @@ class Port_Factory_i : public virtual portsvc::orb::Port_Factory_Skeleton,
                              CORBA::ULong timeout) override;
   CORBA::ULong packet_foward_front(CORBA::ULong handle, const Varo::DATA_BUFFER& data,
                                    CORBA::ULong timeout) override;
-  CORBA::ULong packet_receive(CORBA::ULong id, CORBA::ULong_out source,
-                              Varo::DATA_BUFFER_out data, CORBA::ULong timeout) override;
-  CORBA::ULong packet_receive_n(CORBA::ULong id, Varo::DATA_BUFFER_SEQ_out list,
-                                CORBA::ULong count, CORBA::ULong timeout) override;
+  CORBA::ULong packet_receive(CORBA::ULong id, CORBA::ULong_out source, Varo::DATA_BUFFER_out data,
+                              CORBA::ULong timeout) override;
+  CORBA::ULong packet_receive_n(CORBA::ULong id, Varo::DATA_BUFFER_SEQ_out list, CORBA::ULong count,
+                                CORBA::ULong timeout) override;
   CORBA::ULong packet_replay(CORBA::ULong handle, const Varo::DATA_BUFFER& data,
                              CORBA::ULong timeout) override;
   CORBA::ULong packet_replay_wait(CORBA::ULong handle, Varo::DATA_BUFFER_out data,
@@ -181,7 +180,7 @@ class Port_Factory_i : public virtual portsvc::orb::Port_Factory_Skeleton,
   // client index's lock, and in the sub role the sub lock.
   ACE_Recursive_Thread_Mutex registry_lock_;
   unsigned int handle_limit_ = 0;
-  ACE_CString first_part_;   // of the interface name
+  ACE_CString first_part_;  // of the interface name
   ACE_CString second_part_;
   const ACE_CString interface_name_;  // this server's own name towards the others
   std::unique_ptr<vrData_Sender> data_sender_;

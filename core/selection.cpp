@@ -15,25 +15,25 @@ std::optional<unsigned int> go_on() { return std::nullopt; }
 
 unsigned int Port_Factory_i::wait_for_signal(Owner_Set& set, unsigned int& ready,
                                              unsigned int timeout) {
-  const unsigned int waited =
-      wait(timeout, result::timed_out, &set,
-           [&]() -> std::optional<unsigned int> {
-             if (set.empty()) return result::nothing_selected;
-             for (auto entry = set.begin(); entry != set.end();) {
-               switch ((*entry)->owner_signal()) {
-                 case result::ok:
-                   ready = (*entry)->port_id();
-                   return result::ok;
-                 case result::not_connected:
-                   entry = set.erase(entry);
-                   break;
-                 default:
-                   ++entry;
-               }
-             }
-             return std::nullopt;
-           },
-           go_on);
+  const unsigned int waited = wait(
+      timeout, result::timed_out, &set,
+      [&]() -> std::optional<unsigned int> {
+        if (set.empty()) return result::nothing_selected;
+        for (auto entry = set.begin(); entry != set.end();) {
+          switch ((*entry)->owner_signal()) {
+            case result::ok:
+              ready = (*entry)->port_id();
+              return result::ok;
+            case result::not_connected:
+              entry = set.erase(entry);
+              break;
+            default:
+              ++entry;
+          }
+        }
+        return std::nullopt;
+      },
+      go_on);
   if (waited == result::timed_out) ready = 0;
   if (waited != result::nothing_selected) signal_off(set);
   return waited;
@@ -41,28 +41,28 @@ unsigned int Port_Factory_i::wait_for_signal(Owner_Set& set, unsigned int& ready
 
 unsigned int Port_Factory_i::wait_for_replay_signal(Client_Set& set, unsigned int& ready,
                                                     unsigned int timeout) {
-  const unsigned int waited =
-      wait(timeout, result::timed_out, &set,
-           [&]() -> std::optional<unsigned int> {
-             if (set.empty()) return result::nothing_selected;
-             for (auto entry = set.begin(); entry != set.end();) {
-               switch (entry->second->reply_signal(entry->first)) {
-                 case result::ok:
-                   ready = entry->first;
-                   return result::ok;
-                 case result::not_connected: {
-                   const auto index = entry - set.begin();
-                   set.erase(entry);
-                   entry = set.begin() + index;
-                   break;
-                 }
-                 default:
-                   ++entry;
-               }
-             }
-             return std::nullopt;
-           },
-           go_on);
+  const unsigned int waited = wait(
+      timeout, result::timed_out, &set,
+      [&]() -> std::optional<unsigned int> {
+        if (set.empty()) return result::nothing_selected;
+        for (auto entry = set.begin(); entry != set.end();) {
+          switch (entry->second->reply_signal(entry->first)) {
+            case result::ok:
+              ready = entry->first;
+              return result::ok;
+            case result::not_connected: {
+              const auto index = entry - set.begin();
+              set.erase(entry);
+              entry = set.begin() + index;
+              break;
+            }
+            default:
+              ++entry;
+          }
+        }
+        return std::nullopt;
+      },
+      go_on);
   if (waited == result::timed_out) ready = 0;
   if (waited != result::nothing_selected) signal_off_replay(set);
   return waited;

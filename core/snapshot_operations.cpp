@@ -32,8 +32,7 @@ using File = std::unique_ptr<std::FILE, Close_File>;
 
 // Writes a section; false when the disk did not take all of it.
 bool write(std::FILE* file, const std::string& bytes) {
-  return std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() &&
-         std::fflush(file) == 0;
+  return std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() && std::fflush(file) == 0;
 }
 
 }  // namespace

@@ -13,8 +13,7 @@ constexpr std::int64_t check_period = 120;
 
 }  // namespace
 
-SnapSaveTask::SnapSaveTask(Port_Factory_i* owner)
-    : owner_(owner), last_save_(calendar_seconds()) {}
+SnapSaveTask::SnapSaveTask(Port_Factory_i* owner) : owner_(owner), last_save_(calendar_seconds()) {}
 
 int SnapSaveTask::svc() {
   while (!stop_) {

@@ -31,8 +31,8 @@ class SnapSaveTask : public ACE_Task_Base {
   std::int64_t period_ = 60;
 };
 
-/// Removes a servant's expired event boxes, in the first round, one every 2 seconds, that comes more
-/// than 120 seconds after the last pass. Part of every servant, from its construction to its
+/// Removes a servant's expired event boxes, in the first round, one every 2 seconds, that comes
+/// more than 120 seconds after the last pass. Part of every servant, from its construction to its
 /// destruction.
 class TransitionCheckTask : public ACE_Task_Base {
  public:

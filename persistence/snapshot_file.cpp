@@ -94,8 +94,8 @@ Content parse(std::string_view bytes) {
   Content content;
   Cursor cursor(bytes);
   const auto broken = [&](const char* what, std::uint32_t index, std::uint32_t count) {
-    content.problem = fmt::format("{} record {} of {} breaks off at byte {}", what, index + 1, count,
-                                  cursor.position());
+    content.problem = fmt::format("{} record {} of {} breaks off at byte {}", what, index + 1,
+                                  count, cursor.position());
   };
 
   std::string_view header = cursor.next(header_size);

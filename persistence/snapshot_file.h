@@ -82,8 +82,8 @@ struct Content {
 /// Reads a snapshot from memory. Never fails: a damaged one yields what could be read.
 Content parse(std::string_view bytes);
 
-/// Reads the file at `path`, opened for reading and writing as `mode` says ("rb", "r+b"). False when
-/// it cannot be opened or read.
+/// Reads the file at `path`, opened for reading and writing as `mode` says ("rb", "r+b"). False
+/// when it cannot be opened or read.
 bool read_file(const char* path, const char* mode, std::string& bytes);
 
 }  // namespace portsvc::snapshot

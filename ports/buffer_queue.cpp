@@ -74,8 +74,7 @@ void vrPort_Buffer_Queue::hand_over(Entry& entry, vrPort_Buffer& out) {
 unsigned int vrPort_Buffer_Queue::find(unsigned int handle) {
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, lock_, result::port_lock);
   if (entries_.empty()) return result::queue_empty;
-  const bool queued =
-      std::any_of(entries_.begin(), entries_.end(),
-                  [=](const Entry& entry) { return entry.handle == handle; });
+  const bool queued = std::any_of(entries_.begin(), entries_.end(),
+                                  [=](const Entry& entry) { return entry.handle == handle; });
   return queued ? result::ok : result::unknown_name;
 }

@@ -82,8 +82,7 @@ unsigned int vrEventBox::forward(unsigned int handle, vrBuffer data, unsigned in
 }
 
 unsigned int vrEventBox::forward_front(unsigned int handle, vrBuffer data, unsigned int) {
-  return static_cast<unsigned int>(
-      servant::process_event_data(servant_, this, handle, data, true));
+  return static_cast<unsigned int>(servant::process_event_data(servant_, this, handle, data, true));
 }
 
 unsigned int vrEventBox::connect(unsigned int, unsigned int mode, unsigned int access,

@@ -34,8 +34,8 @@ class vrEventBox : public Port_impl {
   /// `source` becomes 0.
   unsigned int receive(unsigned int& source, vrBuffer& data, unsigned int timeout) override;
   /// `source` becomes the handle of the first event delivered.
-  unsigned int receive_n(unsigned int& source, std::vector<Event_ptr>& events,
-                         unsigned int maximum, unsigned int timeout) override;
+  unsigned int receive_n(unsigned int& source, std::vector<Event_ptr>& events, unsigned int maximum,
+                         unsigned int timeout) override;
   unsigned int replay(unsigned int, vrBuffer, unsigned int) override;
   unsigned int replay_wait(unsigned int, vrBuffer&, unsigned int) override;
   /// 0; 2000 when the time is used up, at once with time-out 0; 2003 when nothing came and the

@@ -62,8 +62,7 @@ unsigned int vrMaster_Port::replay(unsigned int handle, vrBuffer data, unsigned 
   return result::ok;
 }
 
-unsigned int vrMaster_Port::replay_wait(unsigned int handle, vrBuffer& data,
-                                        unsigned int timeout) {
+unsigned int vrMaster_Port::replay_wait(unsigned int handle, vrBuffer& data, unsigned int timeout) {
   vrPort_Buffer reply;
   const unsigned int taken = take_reply(handle, timeout, reply);
   if (taken == result::ok) data = static_cast<vrBuffer&&>(reply);

@@ -89,21 +89,21 @@ class Port_impl : public boost::enable_shared_from_this<Port_impl> {
 
   /// True while a select_event_port watches the port.
   bool has_selectors() const { return selector_count_.load(std::memory_order_relaxed) != 0; }
-  /// Begins (on) or ends one watch: 0, or 2008 unless the owner's access is ACCESS_SELECT. The count
-  /// never falls below 0: the owner's disconnection resets it while watches may still run.
+  /// Begins (on) or ends one watch: 0, or 2008 unless the owner's access is ACCESS_SELECT. The
+  /// count never falls below 0: the owner's disconnection resets it while watches may still run.
   unsigned int select(bool on);
   /// Readiness for a watching owner: 0 when a packet waits, 2002 when none does, 2005 when no owner
   /// is connected.
   unsigned int owner_signal();
-  /// Readiness for a watching client: 0 when a reply for it waits, 2001 or 2002 when none does, 2005
-  /// when it is not connected.
+  /// Readiness for a watching client: 0 when a reply for it waits, 2001 or 2002 when none does,
+  /// 2005 when it is not connected.
   unsigned int reply_signal(unsigned int handle);
   /// 0 when the client table holds the handle, else 2001.
   unsigned int has_client(unsigned int handle);
   /// Copies owner access, kind, owner connected and the packet queue's limit.
   void info(unsigned int& access, unsigned int& kind, bool& connected, unsigned int& limit);
-  /// Marks a client's selection: 0, or 2008 unless its access is ACCESS_SELECT. A handle that is not
-  /// in the client table is entered with access 0.
+  /// Marks a client's selection: 0, or 2008 unless its access is ACCESS_SELECT. A handle that is
+  /// not in the client table is entered with access 0.
   unsigned int select_replay(unsigned int handle, bool mark);
   /// The sub role's mark of ports whose owner it has reported to the main server.
   unsigned int notify();
@@ -145,10 +145,10 @@ class Port_impl : public boost::enable_shared_from_this<Port_impl> {
   ACE_Recursive_Thread_Mutex connection_lock_;
 
   std::string connected_host_;
-  vrPort_Buffer_Queue packet_queue_;  // from clients, tagged with the sender's handle
-  vrPort_Buffer_Queue reply_queue_;   // to clients, tagged with the receiver's handle
-  std::map<unsigned int, unsigned int> clients_;       // handle to access mode
-  std::map<unsigned int, bool> reply_registrations_;   // handle to selection mark
+  vrPort_Buffer_Queue packet_queue_;              // from clients, tagged with the sender's handle
+  vrPort_Buffer_Queue reply_queue_;               // to clients, tagged with the receiver's handle
+  std::map<unsigned int, unsigned int> clients_;  // handle to access mode
+  std::map<unsigned int, bool> reply_registrations_;  // handle to selection mark
   const unsigned int limit_;
   unsigned int notify_ = 0;
   std::atomic<int> copy_enable_{1};

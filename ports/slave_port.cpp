@@ -5,8 +5,8 @@
 #include <chrono>
 #include <utility>
 
-#include "ports/wire.h"
 #include "ports/servant_hooks.h"
+#include "ports/wire.h"
 
 using namespace portsvc;
 using Varo::DATA_BUFFER_var;
@@ -106,10 +106,9 @@ unsigned int vrSlave_Port::receive(unsigned int& source, vrBuffer& data, unsigne
   try {
     DATA_BUFFER_var bytes;
     CORBA::ULong remote_source = 0;
-    const unsigned int answer =
-        wait_on_peer(timeout, result::timed_out, [&](unsigned int seconds) {
-          return peer->packet_receive(port_id(), remote_source, bytes.out(), seconds);
-        });
+    const unsigned int answer = wait_on_peer(timeout, result::timed_out, [&](unsigned int seconds) {
+      return peer->packet_receive(port_id(), remote_source, bytes.out(), seconds);
+    });
     if (answer != result::ok) return answer;
     data.assign(orb::bytes_of(bytes.in()), bytes->length());
     source = remote_source + remote_client_offset;
@@ -176,10 +175,9 @@ unsigned int vrSlave_Port::forward(unsigned int handle, vrBuffer data, unsigned 
     }
     close_remote(peer, earlier);
 
-    const unsigned int answer =
-        wait_on_peer(timeout, result::send_timed_out, [&](unsigned int seconds) {
-          return peer->packet_foward(remote, bytes.in(), seconds);
-        });
+    const unsigned int answer = wait_on_peer(
+        timeout, result::send_timed_out,
+        [&](unsigned int seconds) { return peer->packet_foward(remote, bytes.in(), seconds); });
     close_if_abandoned(peer, handle);
     return answer;
   } catch (const CORBA::Exception&) {
@@ -193,8 +191,7 @@ unsigned int vrSlave_Port::forward_front(unsigned int, vrBuffer, unsigned int) {
   return result::ok;
 }
 
-unsigned int vrSlave_Port::replay_wait(unsigned int handle, vrBuffer& data,
-                                       unsigned int timeout) {
+unsigned int vrSlave_Port::replay_wait(unsigned int handle, vrBuffer& data, unsigned int timeout) {
   const Peer peer = this->peer();
   if (CORBA::is_nil(peer.in())) return result::no_peer;
   unsigned int remote = 0;

@@ -10,10 +10,10 @@ class Port_Factory_i;
 
 /// Keeps no packets: each packet operation is carried out on the port of the same name of the peer
 /// server, found through the servant's get_remote_point(). Without a reference to the peer every
-/// operation that needs it answers 99 and changes nothing. A broker exception ends an operation with
-/// the code given there. No lock is held across a call to the peer, and every call has a time-out:
-/// the peer call time-out, plus the wait's own for a wait. A wait without limit reaches the peer as
-/// a series of limited ones, so that a peer that has stopped answering is noticed.
+/// operation that needs it answers 99 and changes nothing. A broker exception ends an operation
+/// with the code given there. No lock is held across a call to the peer, and every call has a
+/// time-out: the peer call time-out, plus the wait's own for a wait. A wait without limit reaches
+/// the peer as a series of limited ones, so that a peer that has stopped answering is noticed.
 ///
 /// Each local client has its own client connection on the peer, from its forward to the end of its
 /// replay_wait; a further forward, or the client's disconnection, closes one left open.
@@ -28,7 +28,8 @@ class vrSlave_Port : public Port_impl {
   unsigned int event_count() override { return 0; }
   void set_connected_host(const char*) override {}
   std::string connected_host() override { return {}; }
-  /// Connects as a fresh client on the peer and sends there: the peer's answer; 112 on an exception.
+  /// Connects as a fresh client on the peer and sends there: the peer's answer; 112 on an
+  /// exception.
   unsigned int forward(unsigned int handle, vrBuffer data, unsigned int timeout) override;
   unsigned int forward_front(unsigned int handle, vrBuffer data, unsigned int timeout) override;
   /// A client is recorded here only. The owner connects on the peer, always with ACCESS_WAIT; when

@@ -51,9 +51,9 @@ int Port_Factory_Main::process_event_data(Port_impl* port, unsigned int handle,
   }
   for (const std::string& server : sub_servers_) {
     if (port->copy_enable() == 0) continue;
-    auto request = std::make_unique<SendEventRequest>(
-        port->name(), server.c_str(), realm_.empty() ? nullptr : realm_.c_str(), data, handle,
-        front);
+    auto request = std::make_unique<SendEventRequest>(port->name(), server.c_str(),
+                                                      realm_.empty() ? nullptr : realm_.c_str(),
+                                                      data, handle, front);
     if (EventSendTask* const task = task_for(port->name())) task->push_request(request.release());
   }
   return 0;

@@ -102,8 +102,8 @@ void Port_Factory_Sub::set_notify_port(const char* name) {
   }
 }
 
-int Port_Factory_Sub::process_event_data(Port_impl* port, unsigned int handle,
-                                         const vrBuffer& data, bool) {
+int Port_Factory_Sub::process_event_data(Port_impl* port, unsigned int handle, const vrBuffer& data,
+                                         bool) {
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, sub_lock_, 0);
   const Port_Factory_var peer = get_remote_point();
   if (CORBA::is_nil(peer.in())) return result::no_peer;

@@ -41,8 +41,7 @@ class Port_Factory_Sub : public Port_Factory_i {
   /// a port that is served here, PORT_MASTER a proxy.
   CORBA::ULong create_port(const char* name, CORBA::ULong kind, CORBA::ULong limit) override;
   /// The main server's lists when it can be found, else this server's. 0; 5; 10; the peer's code.
-  CORBA::ULong patch_object_name(Varo::STRING_LIST_out ports,
-                                 Varo::STRING_LIST_out boxes) override;
+  CORBA::ULong patch_object_name(Varo::STRING_LIST_out ports, Varo::STRING_LIST_out boxes) override;
   /// An owner's answer. On a proxy the handle loses remote_client_offset on its way.
   CORBA::ULong packet_replay(CORBA::ULong handle, const Varo::DATA_BUFFER& data,
                              CORBA::ULong timeout) override;

@@ -33,8 +33,8 @@ int main(int argc, char** argv) {
   }
   const std::string folder = argv[1];
   const std::string whole = snapshot_of(4, 5);
-  const std::string seeds[] = {snapshot_of(0, 0), snapshot_of(1, 0), whole,
-                               whole.substr(0, 600), whole.substr(0, whole.size() - 1)};
+  const std::string seeds[] = {snapshot_of(0, 0), snapshot_of(1, 0), whole, whole.substr(0, 600),
+                               whole.substr(0, whole.size() - 1)};
   int number = 0;
   for (const std::string& seed : seeds) {
     std::ofstream(folder + "/seed" + std::to_string(number++), std::ios::binary) << seed;
