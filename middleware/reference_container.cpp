@@ -1,10 +1,34 @@
 #include "middleware/reference_container.h"
 
+#include <chrono>
+
 #include "middleware/directory.h"
 
 using Varo::DT_PORT_SVC::Port_Factory;
 using Varo::DT_PORT_SVC::Port_Factory_ptr;
 using Varo::DT_PORT_SVC::Port_Factory_var;
+
+namespace {
+
+// Asks the server whether it is a port service. Each idle connection to a server that was restarted
+// fails one call before it is given up: such a failure says nothing about the server, so the
+// question is repeated until it has gone over a new connection.
+Port_Factory_ptr narrowed(CORBA::Object_ptr object) {
+  using std::chrono::steady_clock;
+  const portsvc::orb::CallTimeout limit;
+  const auto deadline = steady_clock::now() + portsvc::orb::peer_call_timeout();
+  for (;;) {
+    const std::uint64_t opened = portsvc::orb::connections_opened(object);
+    try {
+      return Port_Factory::_narrow(object);
+    } catch (const CORBA::COMM_FAILURE&) {
+      if (portsvc::orb::connections_opened(object) != opened) throw;
+      if (steady_clock::now() >= deadline) throw;
+    }
+  }
+}
+
+}  // namespace
 
 vrReferenceContainer* vrReferenceContainer::instance() {
   return ACE_Singleton<vrReferenceContainer, ACE_Thread_Mutex>::instance();
@@ -22,9 +46,8 @@ Port_Factory_ptr vrReferenceContainer::GetPortReferenceWithServerName(const char
   if (!in_use.directory) return Port_Factory::_nil();
   Port_Factory_var reference;
   try {
-    const portsvc::orb::CallTimeout limit;
     const CORBA::Object_var object = in_use.directory->resolve(key.first, key.second);
-    reference = Port_Factory::_narrow(object);
+    reference = narrowed(object);
   } catch (const CORBA::Exception&) {
     return Port_Factory::_nil();
   }
