@@ -49,7 +49,7 @@ CORBA::ULong Port_Factory_i::disconnect_port(CORBA::ULong handle) {
 }
 
 CORBA::Long Port_Factory_i::exist(const char* name) {
-  return get_port(name) ? result::ok : result::unknown_name;
+  return static_cast<CORBA::Long>(get_port(name) ? result::ok : result::unknown_name);
 }
 
 CORBA::ULong Port_Factory_i::delete_port(const char* name) {

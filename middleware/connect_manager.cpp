@@ -12,7 +12,7 @@ vrConnect_Manager::vrConnect_Manager(const char* server, const char* realm, CORB
                                      ACE_Reactor* reactor)
     : server_(server ? server : ""),
       realm_(realm ? realm : ""),
-      self_(std::move(self)),
+      self_(self),
       reactor_(reactor),
       timer_(*this) {}
 

@@ -61,7 +61,7 @@ vrPort_Buffer& vrPort_Buffer::operator=(const vrPort_Buffer& other) {
 }
 
 vrPort_Buffer& vrPort_Buffer::operator=(vrPort_Buffer&& other) noexcept {
-  vrBuffer::operator=(std::move(other));
   handle_ = other.handle_;
+  vrBuffer::operator=(static_cast<vrBuffer&&>(other));
   return *this;
 }
