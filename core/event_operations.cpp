@@ -20,7 +20,7 @@ CORBA::ULong Port_Factory_i::add_event(const char* name, CORBA::ULong code) {
 }
 
 unsigned int Port_Factory_i::subscribers(int code,
-                                         std::shared_ptr<const Event_Table::Names>& names) {
+                                         boost::shared_ptr<const Event_Table::Names>& names) {
   ACE_READ_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, event_lock_, result::servant_lock);
   if (events_.empty()) return result::no_subscriptions;
   names = events_.names(code);
@@ -29,7 +29,7 @@ unsigned int Port_Factory_i::subscribers(int code,
 
 CORBA::ULong Port_Factory_i::declare_event(CORBA::ULong code, const Varo::DATA_BUFFER& data,
                                            CORBA::ULong) {
-  std::shared_ptr<const Event_Table::Names> names;
+  boost::shared_ptr<const Event_Table::Names> names;
   if (const unsigned int failure = subscribers(static_cast<int>(code), names)) return failure;
   const Event_ptr event = make_event(data, orb::may_take_arguments());
   for (const std::string& name : *names) {
@@ -40,7 +40,7 @@ CORBA::ULong Port_Factory_i::declare_event(CORBA::ULong code, const Varo::DATA_B
 
 CORBA::ULong Port_Factory_i::declare_event_n(CORBA::ULong code, const Varo::DATA_BUFFER_SEQ& list,
                                              CORBA::ULong) {
-  std::shared_ptr<const Event_Table::Names> names;
+  boost::shared_ptr<const Event_Table::Names> names;
   if (const unsigned int failure = subscribers(static_cast<int>(code), names)) return failure;
   const bool may_take = orb::may_take_arguments();
   std::vector<Event_ptr> events;

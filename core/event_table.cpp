@@ -1,12 +1,13 @@
 #include "core/event_table.h"
 
 #include <algorithm>
+#include <boost/make_shared.hpp>
 
 namespace portsvc {
 
-std::shared_ptr<const Event_Table::Names> Event_Table::names(int code) const {
+boost::shared_ptr<const Event_Table::Names> Event_Table::names(int code) const {
   const auto found = names_.find(code);
-  return found == names_.end() ? nullptr : found->second;
+  return found == names_.end() ? boost::shared_ptr<const Names>() : found->second;
 }
 
 bool Event_Table::add(const std::string& name, int code) {
@@ -39,12 +40,13 @@ std::size_t Event_Table::subscriptions() const {
 }
 
 // A list that somebody still reads is copied first. New readers cannot come while the caller has
-// the table for writing.
-Event_Table::Names& Event_Table::to_change(std::shared_ptr<Names>& names) {
+// the table for writing, and Boost reads its count with acquire order (the standard library does
+// not), so the last reader's reading is over once the count says so.
+Event_Table::Names& Event_Table::to_change(boost::shared_ptr<Names>& names) {
   if (!names) {
-    names = std::make_shared<Names>();
+    names = boost::make_shared<Names>();
   } else if (names.use_count() != 1) {
-    names = std::make_shared<Names>(*names);
+    names = boost::make_shared<Names>(*names);
   }
   return *names;
 }

@@ -1,9 +1,9 @@
 // Who is subscribed to which event code.
 #pragma once
 
+#include <boost/shared_ptr.hpp>
 #include <cstddef>
 #include <map>
-#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -21,7 +21,7 @@ class Event_Table {
 
   /// The names under `code` as they are now; later changes do not reach the list handed out, which
   /// costs no copy. Null when the code is not in the table.
-  std::shared_ptr<const Names> names(int code) const;
+  boost::shared_ptr<const Names> names(int code) const;
 
   /// False when the name is under the code already.
   bool add(const std::string& name, int code);
@@ -39,9 +39,9 @@ class Event_Table {
   std::size_t subscriptions() const;
 
  private:
-  static Names& to_change(std::shared_ptr<Names>& names);
+  static Names& to_change(boost::shared_ptr<Names>& names);
 
-  std::map<int, std::shared_ptr<Names>> names_;
+  std::map<int, boost::shared_ptr<Names>> names_;
   // The codes of each name: neither a repeated subscription nor a removal walks the whole table.
   std::unordered_map<std::string, std::vector<int>> codes_;
 };

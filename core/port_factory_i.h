@@ -190,7 +190,7 @@ class Port_Factory_i : public virtual portsvc::orb::Port_Factory_Skeleton,
  private:
   /// An event for the boxes, with handle 0 and the payload's bytes.
   static Event_ptr make_event(const Varo::DATA_BUFFER& data, bool may_take);
-  unsigned int subscribers(int code, std::shared_ptr<const portsvc::Event_Table::Names>& names);
+  unsigned int subscribers(int code, boost::shared_ptr<const portsvc::Event_Table::Names>& names);
 
   TransitionCheckTask housekeeping_;
 };
