@@ -1,6 +1,11 @@
 #include "tests/support/test_clock.h"
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <thread>
 
 #include "platform/wait.h"
 #include "tests/support/threads.h"
@@ -11,64 +16,97 @@ namespace {
 constexpr std::int64_t second = 1000000;
 constexpr std::int64_t start = 1700000000 * second;
 
-}  // namespace
-
-TestClock::TestClock() : microseconds_(start) { replace_clock(this); }
-
-TestClock::~TestClock() { replace_clock(nullptr); }
-
-ACE_Time_Value TestClock::now() const {
-  const std::int64_t now = microseconds_;
-  return ACE_Time_Value(now / second, static_cast<suseconds_t>(now % second));
-}
-
-void TestClock::advance(double seconds) {
-  microseconds_ += static_cast<std::int64_t>(seconds * static_cast<double>(second));
-}
-
-double TestClock::elapsed() const {
-  return static_cast<double>(microseconds_ - start) / static_cast<double>(second);
-}
-
-void TestClock::pause(const ACE_Time_Value& length, const void* waited_on) {
-  if (std::this_thread::get_id() == own_thread_) {
-    microseconds_ += length.sec() * second + length.usec();
-    ++pauses_;
-    if (on_pause) on_pause(length);
-    return;
-  }
-  {
+// The clock that is in place while there is a TestClock. It outlives them all: a thread of the
+// process that no test owns, like the one that closes idle file handles, may be reading it when a
+// test ends.
+class Hands final : public Clock {
+ public:
+  void reset(TestClock* owner) {
+    microseconds = start;
     const std::lock_guard<std::mutex> guard(lock_);
+    owner_ = owner;
+    own_thread_ = std::this_thread::get_id();
+    pauses = 0;
+    polls_.clear();
+    rounds_ = 0;
+  }
+
+  ACE_Time_Value now() const override {
+    const std::int64_t time = microseconds;
+    return ACE_Time_Value(time / second, static_cast<suseconds_t>(time % second));
+  }
+
+  void pause(const ACE_Time_Value& length, const void* waited_on) override {
+    if (is_owners_pause(length, waited_on)) {
+      microseconds += length.sec() * second + length.usec();
+      ++pauses;
+      if (owner_->on_pause) owner_->on_pause(length);
+    } else if (length != ACE_Time_Value::zero) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+
+  int polls(const void* object) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return polls_[object];
+  }
+  int rounds() {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return rounds_;
+  }
+
+  std::atomic<std::int64_t> microseconds{start};
+  int pauses = 0;  // of the owner's thread, which alone uses it
+
+ private:
+  bool is_owners_pause(const ACE_Time_Value& length, const void* waited_on) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    if (std::this_thread::get_id() == own_thread_) return true;
     if (length == polling_pause) {
       ++polls_[waited_on];
       ++polls_[nullptr];
     } else if (length > polling_pause) {
       ++rounds_;
     }
+    return false;
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(length == ACE_Time_Value::zero ? 0 : 1));
+
+  std::mutex lock_;  // guards what follows
+  TestClock* owner_ = nullptr;
+  std::thread::id own_thread_;
+  std::map<const void*, int> polls_;
+  int rounds_ = 0;
+};
+
+Hands hands;
+
+}  // namespace
+
+TestClock::TestClock() {
+  hands.reset(this);
+  replace_clock(&hands);
 }
 
-bool TestClock::await(const std::function<int()>& count, int times) const {
-  const auto read = [&] {
-    const std::lock_guard<std::mutex> guard(lock_);
-    return count();
-  };
-  const int before = read();
-  return eventually([&] { return read() >= before + times; });
+TestClock::~TestClock() { replace_clock(nullptr); }
+
+void TestClock::advance(double seconds) {
+  hands.microseconds += static_cast<std::int64_t>(seconds * static_cast<double>(second));
 }
+
+double TestClock::elapsed() const {
+  return static_cast<double>(hands.microseconds - start) / static_cast<double>(second);
+}
+
+int TestClock::pauses() const { return hands.pauses; }
 
 bool TestClock::await_poll(const void* object, int times) const {
-  return await(
-      [&] {
-        const auto found = polls_.find(object);
-        return found == polls_.end() ? 0 : found->second;
-      },
-      times);
+  const int before = hands.polls(object);
+  return eventually([&] { return hands.polls(object) >= before + times; });
 }
 
 bool TestClock::await_round(int times) const {
-  return await([&] { return rounds_; }, times);
+  const int before = hands.rounds();
+  return eventually([&] { return hands.rounds() >= before + times; });
 }
 
 }  // namespace portsvc
