@@ -1,0 +1,91 @@
+// What is no sensible input: bytes on the socket, options, addresses.
+#include <fmt/format.h>
+
+#include <cstring>
+
+#include "tests/system/system_test.h"
+
+namespace portsvc {
+namespace {
+
+using BrokenInput = SystemTest;
+
+// The header of a message whose body is `size` bytes long, little-endian.
+std::string header(unsigned char type, std::uint32_t size) {
+  std::string bytes = {'G', 'I', 'O', 'P', 1, 2, 1, static_cast<char>(type)};
+  for (int shift = 0; shift < 32; shift += 8) bytes += static_cast<char>(size >> shift);
+  return bytes;
+}
+
+TEST_F(BrokenInput, GarbageOnTheSocketEndsItsConnectionAndNothingElse) {
+  start("main");
+  constexpr unsigned char request = 0;
+  const Words garbage{
+      "GET / HTTP/1.1\r\nHost: nobody\r\n\r\n",
+      std::string(10000, '\xee'),
+      header(request, 0xFFFFFFFF) + "larger than any message may be",
+      header(request, 100) + std::string(100, '\xff'),
+      header(17, 4) + "kind",
+  };
+  for (const std::string& bytes : garbage) {
+    const RawConnection raw(port("main"));
+    raw.send(bytes);
+    EXPECT_TRUE(raw.closed_by_peer(5s)) << bytes.substr(0, 12);
+  }
+  // A message that never ends may keep its connection; it keeps nothing else.
+  const RawConnection half(port("main"));
+  half.send(header(request, 4000).substr(0, 7));
+  const RawConnection almost(port("main"));
+  almost.send(header(request, 4000) + std::string(3000, '\0'));
+  done("main", {"create", "p"});
+  done("main", {"exists", "p"});
+  { const RawConnection silent(port("main")); }
+  done("main", {"exists", "p"});
+}
+
+TEST_F(BrokenInput, AServerThatCannotStartSaysWhyInOneLine) {
+  start("main");
+  done("main", {"create", "kept"});
+  done("main", {"snapshot", "save"});
+  const std::string snapshot = read_all(folder.path("main/SnapShot/portsnap.snp"));
+  write_all(folder.path("file"), "");
+  const auto expect = [&](int status, const std::string& why, const Words& arguments) {
+    Words command{PORT_SERVER};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    Process server(command, folder.path("refused"));
+    EXPECT_EQ(outcome(server, 10s).status, status) << fmt::format("{}", fmt::join(arguments, " "));
+    const std::string err = server.err();
+    EXPECT_EQ(err.rfind("port_server: ", 0), 0u) << err;
+    EXPECT_NE(err.find(why), std::string::npos) << err;
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+    EXPECT_EQ(server.out(), "");
+  };
+  const std::string free = "giop:tcp:127.0.0.1:0";
+  const auto main_with = [&](const std::string& endpoint, const Words& more) {
+    Words arguments{"main",        "--name",           "m", "--endpoint", endpoint,
+                    "--state-dir", folder.path("main")};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+  };
+  expect(2, "subcommand", {});
+  expect(2, "--name is required", {"main"});
+  expect(2, "--main is required", {"sub", "--name", "s"});
+  expect(2, "--bogus", main_with(free, {"--bogus"}));
+  expect(2, "--max-message", main_with(free, {"--max-message", "12"}));
+  expect(2, "--call-timeout", main_with(free, {"--call-timeout", "0"}));
+  expect(2, "excludes", main_with(free, {"--directory", "d", "--naming", "n"}));
+  expect(1, "malformed", main_with("tcp:9700", {}));
+  expect(1, "is in use", main_with(fmt::format("giop:tcp:127.0.0.1:{}", port("main")), {}));
+  expect(1, "not local", main_with("giop:tcp:192.0.2.1:0", {}));
+  expect(1, "no reference", main_with(free, {"--naming", "nonsense"}));
+  expect(1, "cannot make the folder",
+         {"main", "--name", "m", "--endpoint", free, "--state-dir", folder.path("file/state")});
+  expect(1, "cannot write",
+         {"main", "--name", "m", "--endpoint", free, "--state-dir", folder.path("m"), "--ior-file",
+          folder.path("nowhere/ior")});
+  EXPECT_EQ(read_all(folder.path("main/SnapShot/portsnap.snp")), snapshot)
+      << "what was refused must not touch the files of the server that runs";
+}
+
+}  // namespace
+}  // namespace portsvc

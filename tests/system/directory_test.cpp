@@ -1,0 +1,99 @@
+// How servers and portctl find each other.
+#include <fmt/format.h>
+#include <signal.h>
+
+#include "tests/system/system_test.h"
+
+namespace portsvc {
+namespace {
+
+class DirectoryOfServers : public SystemTest {
+ protected:
+  /// A request made at sub1 and answered by an owner at the main server.
+  void expect_exchange(const std::string& port) {
+    const auto owner = in_background("main", {"serve", port, "--exec", "cat", "--count", "1"});
+    EXPECT_EQ(done("sub1", {"send", port, "hello", "--wait"}), "hello");
+    EXPECT_EQ(outcome(*owner).status, 0) << owner->err();
+  }
+};
+
+TEST_F(DirectoryOfServers, AFileThatCannotBeReadIsRefusedWithItsFault) {
+  const std::string file = folder.path("broken.ini");
+  const std::string entry = "[a]\nrole = main\nreference = " + corbaloc("main") + "\n";
+  const auto expect = [&](const std::string& fault) {
+    Process server({PORT_SERVER, "sub", "--name", "s", "--main", "a", "--endpoint",
+                    "giop:tcp:127.0.0.1:0", "--state-dir", folder.path("s"), "--directory", file},
+                   folder.path("refused"));
+    EXPECT_EQ(outcome(server, 10s).status, 1);
+    const std::string err = server.err();
+    EXPECT_NE(err.find(fault), std::string::npos) << err;
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+    directory[1] = file;
+    EXPECT_EQ(portctl("a", {"ping"}).status, 2) << "portctl with " << fault;
+  };
+  expect("cannot open file");
+  for (const auto& [content, fault] : std::map<std::string, std::string>{
+           {entry + "what is this", "line 4"},
+           {entry + entry, "line 4: duplicate section name"},
+           {"[a]\nrole = boss\nreference = " + corbaloc("main"), "wanted: main or slave"},
+           {"[a]\nrole = main\n", "no reference"},
+           {"[a]\nrole = main\nreference = nonsense", "neither a corbaloc nor an IOR"},
+           {"[a]\nrole = main\nreference = IOR:0", "no reference"},
+           {entry + "port = 9700\n", "unknown key 'port'"}}) {
+    write_all(file, content);
+    expect(fault);
+  }
+}
+
+TEST_F(DirectoryOfServers, AMainServerThatIsNoPortServiceIsTakenForAbsentUntilTheFileIsPutRight) {
+  start("main");
+  done("main", {"create", "p"});
+  const std::string right = read_all(directory[1]);
+  const Port_Factory_var main = server("main");
+  const Varo::FileHandle_var handle = main->openSnapShot();
+  std::string wrong = right;
+  wrong.replace(right.find(corbaloc("main")), corbaloc("main").size(),
+                broker().to_text(handle.in()));
+  write_all(directory[1], wrong);
+
+  start("sub1", {"--call-timeout", "1"});
+  EXPECT_EQ(portctl("main", {"ping"}).status, 3);
+  EXPECT_EQ(portctl("sub1", {"exists", "p"}).status, 1);
+  EXPECT_EQ(portctl("sub1", {"master", "p"}).status, 1);
+  done("sub1", {"create", "own", "--kind", "proxy"});
+  const auto owner = in_background("sub1", {"serve", "own", "--exec", "cat", "--count", "1"});
+  EXPECT_EQ(done("sub1", {"send", "own", "hello", "--wait"}), "hello");
+
+  write_all(directory[1], right);
+  EXPECT_TRUE(eventually([&] { return portctl("sub1", {"exists", "p"}).status == 0; }));
+  expect_exchange("p");
+}
+
+TEST_F(DirectoryOfServers, ServersMeetInANamingServiceAlsoWhenItComesLast) {
+  const int at = free_port();
+  directory = {"--naming", fmt::format("corbaloc::127.0.0.1:{}/NameService", at)};
+  start("main", {"--call-timeout", "1"});
+  start("sub1", {"--call-timeout", "1"});
+  EXPECT_EQ(portctl("main", {"ping"}).status, 3) << "nobody can be found yet";
+
+  Process naming({"omniNames", "-start", std::to_string(at), "-datadir", folder.path(),
+                  "-nohostname", "-errlog", folder.path("naming.log"), "-ORBendPoint",
+                  fmt::format("giop:tcp:127.0.0.1:{}", at)},
+                 folder.path("naming"));
+  ASSERT_TRUE(eventually([&] { return portctl("main", {"create", "p"}).status == 0; }));
+  ASSERT_TRUE(eventually([&] { return portctl("sub1", {"exists", "p"}).status == 0; }));
+  expect_exchange("p");
+  EXPECT_EQ(done("main", {"subs"}), "sub1\n");
+  EXPECT_NE(done("main", {"ls", "--all"}).find("NAME  main"), std::string::npos);
+
+  EXPECT_EQ(stop("main", SIGTERM), 0);
+  const Outcome gone = portctl("main", {"ping"});
+  EXPECT_EQ(gone.status, 3);
+  EXPECT_NE(gone.err.find("knows no server 'main'"), std::string::npos) << gone.err;
+  start("main");
+  done("main", {"create", "q"});
+  ASSERT_TRUE(eventually([&] { return portctl("sub1", {"exists", "q"}).status == 0; }));
+}
+
+}  // namespace
+}  // namespace portsvc

@@ -1,0 +1,214 @@
+// Servers that are late, killed, frozen or told to stop.
+#include <fmt/format.h>
+#include <signal.h>
+
+#include <future>
+
+#include "tests/system/system_test.h"
+
+namespace portsvc {
+namespace {
+
+using std::chrono::steady_clock;
+
+class Failures : public SystemTest {
+ protected:
+  /// Work that concerns sub1 alone: a port of its own, its owner and its client.
+  void expect_local_work(std::chrono::milliseconds limit) {
+    const Port_Factory_var sub = server("sub1");
+    sub->create_port("own", PORT_SLAVE, 8);
+    const auto begin = steady_clock::now();
+    expect_exchange("own", "sub1", "sub1");
+    EXPECT_LT(since(begin), limit);
+  }
+
+  /// An owner at one server, a client at another.
+  void expect_exchange(const std::string& port, const std::string& owner_at,
+                       const std::string& client_at) {
+    const Port_Factory_var owners = server(owner_at);
+    const Port_Factory_var clients = server(client_at);
+    std::thread owner([&] { answer_packets(owners, port, 1); });
+    const unsigned int client = connected(clients, port, CONNECT_CLIENT);
+    EXPECT_EQ(ask(clients, client, "hello", 10), Reply(result::ok, "re:hello"));
+    EXPECT_EQ(clients->disconnect_port(client), result::ok);
+    owner.join();
+  }
+
+  /// Waits until sub1's connection to the main server is up: it then answers as that does.
+  void await_main_server_at_sub1() {
+    EXPECT_TRUE(eventually([&] {
+      return portctl("sub1", {"master", "nobody"}).err.find("2001") != std::string::npos;
+    }));
+  }
+};
+
+template <class Call>
+auto in_parallel_call(Call call) {
+  return std::async(std::launch::async, std::move(call));
+}
+
+TEST_F(Failures, ASubServerStartsAloneAndFindsItsMainServerWhenThatComes) {
+  start("sub1");
+  EXPECT_EQ(portctl("sub1", {"exists", "p"}).status, 1);
+  const Outcome master = portctl("sub1", {"master", "p"});
+  EXPECT_NE(master.err.find("4294967295"), std::string::npos) << master.err;
+  expect_local_work(2s);
+
+  start("main");
+  done("main", {"create", "p"});
+  EXPECT_TRUE(eventually([&] { return portctl("sub1", {"exists", "p"}).status == 0; }));
+  expect_exchange("p", "main", "sub1");
+  await_main_server_at_sub1();
+}
+
+TEST_F(Failures, ARestartedMainServerServesEveryCallThatComesAfterIt) {
+  constexpr int clients = 20;
+  start("main");
+  done("main", {"create", "p"});
+  start("sub1");
+  const Port_Factory_var sub = server("sub1");
+  std::vector<unsigned int> handles;
+  for (int i = 0; i < clients; ++i) {
+    handles.push_back(connected(sub, "p", CONNECT_CLIENT, ACCESS_SELECT));
+  }
+  const auto send_once = [&](int i) {
+    EXPECT_EQ(send(sub, handles[static_cast<std::size_t>(i)], "x", 1), result::unknown_handle)
+        << "there is no owner, says the main server";
+  };
+  // Many at once leave many connections behind that are of no use to the next main server.
+  const int sockets = process("main").sockets();
+  in_parallel(clients, send_once);
+  EXPECT_GT(process("main").sockets(), sockets + 5);
+  kill("main");
+  start("main");
+  done("main", {"create", "p"});
+  await_main_server_at_sub1();
+  for (int i = 0; i < clients; ++i) send_once(i);
+}
+
+TEST_F(Failures, AKilledMainServerEndsProxiedCallsAndOneRefreshBringsTheProxiesBack) {
+  start("main");
+  Port_Factory_var main = server("main");
+  for (const char* name : {"to send", "to receive", "to ask"}) {
+    EXPECT_EQ(main->create_port(name, PORT_MASTER, 8), result::ok);
+  }
+  start("sub1");
+  const Port_Factory_var sub = server("sub1");
+  const unsigned int old_id = info_of(sub, "to receive").port_id;
+
+  const int sockets = process("main").sockets();
+  const unsigned int sending = connected(sub, "to send", CONNECT_CLIENT);
+  auto sender = in_parallel_call([&] { return send(sub, sending, "x", 0); });
+  auto owner = in_parallel_call(
+      [&] { return receive(sub, connected(sub, "to receive", CONNECT_OWNER), 0); });
+  auto client =
+      in_parallel_call([&] { return ask(sub, connected(sub, "to ask", CONNECT_CLIENT), "x", 0); });
+  EXPECT_EQ(std::get<0>(receive(main, connected(main, "to ask", CONNECT_OWNER), 10)), result::ok);
+  ASSERT_TRUE(eventually([&] { return process("main").sockets() >= sockets + 2; }));
+
+  const auto begin = steady_clock::now();
+  kill("main");
+  EXPECT_EQ(sender.get(), result::peer_forward);
+  EXPECT_EQ(std::get<0>(owner.get()), result::peer_receive);
+  EXPECT_EQ(client.get().first, result::failed);
+  EXPECT_LT(since(begin), 7s);
+  EXPECT_EQ(sub->disconnect_port(sending), result::ok);
+  expect_local_work(7s);
+  EXPECT_EQ(portctl("sub1", {"--timeout-call", "1", "refresh"}).status, 1)
+      << "while there is nothing to clone from";
+  EXPECT_EQ(info_of(sub, "to receive").port_id, old_id) << "and nothing was deleted";
+
+  start("main");
+  main = server("main");
+  for (const char* name : {"to ask", "to receive"}) {
+    EXPECT_EQ(main->create_port(name, PORT_MASTER, 8), result::ok);
+  }
+  const unsigned int new_id = info_of(main, "to receive").port_id;
+  EXPECT_NE(new_id, old_id);
+  const std::string refreshed = done("sub1", {"refresh", "--main", "main"});
+  EXPECT_NE(refreshed.find(fmt::format("to receive  {}", old_id)), std::string::npos) << refreshed;
+  EXPECT_EQ(info_of(sub, "to receive").port_id, new_id);
+  expect_exchange("to receive", "sub1", "main");
+  expect_exchange("to ask", "main", "sub1");
+}
+
+TEST_F(Failures, AFrozenMainServerCostsItsCallersTheCallTimeoutAndIsBackWhenItThaws) {
+  start("main");
+  const Port_Factory_var main = server("main");
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+  EXPECT_EQ(main->create_port("q", PORT_MASTER, 8), result::ok);
+  start("sub1", {"--call-timeout", "1"});
+  const Port_Factory_var sub = server("sub1");
+  const unsigned int client = connected(sub, "p", CONNECT_CLIENT);
+  const unsigned int owner = connected(sub, "q", CONNECT_OWNER);
+
+  process("main").signal(SIGSTOP);
+  const auto begin = steady_clock::now();
+  auto sent = in_parallel_call([&] { return send(sub, client, "x", 1); });
+  auto received = in_parallel_call([&] { return std::get<0>(receive(sub, owner, 1)); });
+  expect_local_work(500ms);
+  EXPECT_EQ(sent.get(), result::peer_forward);
+  EXPECT_EQ(received.get(), result::peer_receive);
+  auto naming = in_parallel_call([&] { return sub->exist("unknown"); });
+  expect_local_work(3s);  // a name that must be looked for at the main server holds it up
+  EXPECT_EQ(naming.get(), static_cast<int>(result::unknown_name));
+  EXPECT_LT(since(begin), 6s);
+
+  process("main").signal(SIGCONT);
+  EXPECT_TRUE(eventually([&] { return sub->exist("p") == 0 && main->exist("p") == 0; }));
+  EXPECT_TRUE(eventually([&] { return send(sub, client, "x", 1) == result::send_timed_out; }));
+  expect_exchange("p", "main", "sub1");
+  main->disconnect_port(owner);
+  expect_exchange("q", "sub1", "main");
+}
+
+TEST_F(Failures, ASilentSubServerHoldsUpNobodyElse) {
+  start("main");
+  start("sub1");
+  start("sub2");
+  done("main", {"create", "p"});
+  process("sub1").signal(SIGSTOP);
+  expect_exchange("p", "main", "sub2");
+  const Outcome all = portctl("main", {"--timeout-call", "1", "ls", "--all"});
+  EXPECT_EQ(all.status, 3);
+  EXPECT_NE(all.err.find("sub1: no answer in time"), std::string::npos) << all.err;
+  kill("sub1");
+  expect_exchange("p", "sub2", "main");
+}
+
+TEST_F(Failures, AServerStopsWithCallsBlockedInItAndWithAFrozenPeer) {
+  start("main");
+  start("sub1");
+  const Port_Factory_var main = server("main");
+  const Port_Factory_var sub = server("sub1");
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+  const auto block = [](Port_Factory_ptr server, unsigned int id) {
+    return in_parallel_call([server, id] {
+      try {
+        return std::get<0>(receive(server, id, 0));
+      } catch (const CORBA::SystemException&) {
+        return 1U;
+      }
+    });
+  };
+  const unsigned int id = connected(sub, "p", CONNECT_OWNER);
+  const int threads = process("main").threads();
+  std::vector<std::future<unsigned int>> at_sub;
+  std::vector<std::future<unsigned int>> at_main;
+  for (int i = 0; i < 10; ++i) {
+    at_sub.push_back(block(sub, id));
+    at_main.push_back(block(main, id));
+  }
+  EXPECT_TRUE(eventually([&] { return process("main").threads() >= threads + 15; }));
+
+  process("main").signal(SIGSTOP);
+  EXPECT_EQ(stop("sub1", SIGTERM), 0);
+  process("main").signal(SIGCONT);
+  EXPECT_EQ(stop("main", SIGINT), 0);
+  for (auto* calls : {&at_sub, &at_main}) {
+    for (auto& call : *calls) EXPECT_EQ(call.get(), 1U) << "its server was gone";
+  }
+}
+
+}  // namespace
+}  // namespace portsvc

@@ -1,0 +1,230 @@
+// One server and its clients.
+#include <fmt/format.h>
+#include <signal.h>
+
+#include <future>
+#include <random>
+#include <set>
+
+#include "tests/system/system_test.h"
+
+namespace portsvc {
+namespace {
+
+using std::chrono::steady_clock;
+
+class MainServer : public SystemTest {
+ protected:
+  MainServer() { start("main"); }
+};
+
+std::string random_bytes(std::size_t size) {
+  std::string bytes(size, '\0');
+  std::independent_bits_engine<std::mt19937, 8, unsigned int> random;
+  for (char& byte : bytes) byte = static_cast<char>(random());
+  return bytes;
+}
+
+TEST_F(MainServer, AFileOf20MiBComesOutOfAPortByteForByte) {
+  const std::string sent = random_bytes(20U << 20);
+  write_all(folder.path("sent"), sent);
+  done("main", {"create", "files"});
+  const auto receiver =
+      in_background("main", {"receive", "files", "--file", folder.path("received")});
+  done("main", {"send", "files", "--file", folder.path("sent")});
+  EXPECT_EQ(outcome(*receiver).status, 0) << receiver->err();
+  EXPECT_TRUE(read_all(folder.path("received")) == sent);
+}
+
+TEST_F(MainServer, APortServedByACommandAnswersWithWhatItPrints) {
+  done("main", {"create", "orders"});
+  const auto owner = in_background("main", {"serve", "orders", "--exec", "tr a-z A-Z"});
+  EXPECT_EQ(done("main", {"send", "orders", "hello", "--wait"}), "HELLO");
+  EXPECT_EQ(done("main", {"send", "orders", "", "--wait"}), "") << "an empty payload";
+  owner->signal(SIGTERM);
+  EXPECT_EQ(outcome(*owner).status, 0) << owner->err();
+}
+
+TEST_F(MainServer, ThreeHundredBlockedCallersOfOneProcessDelayNobody) {
+  constexpr int callers = 300;
+  const Port_Factory_var main = server("main");
+  std::vector<unsigned int> ids;
+  for (int i = 0; i < callers; ++i) {
+    const std::string name = fmt::format("p{}", i);
+    EXPECT_EQ(main->create_port(name.c_str(), PORT_MASTER, 8), result::ok);
+    ids.push_back(connected(main, name, CONNECT_OWNER));
+  }
+  std::vector<std::future<Received>> blocked;
+  for (const unsigned int id : ids) {
+    blocked.push_back(std::async(std::launch::async, [&main, id] { return receive(main, id, 0); }));
+  }
+  ASSERT_TRUE(eventually([&] { return process("main").threads() >= callers; }));
+
+  const auto start = steady_clock::now();
+  done("main", {"ping", "--count", "50"});
+  EXPECT_LT(since(start), 2s) << "fifty calls of another process";
+  for (int i = 0; i < callers; ++i) {
+    const unsigned int client = connected(main, fmt::format("p{}", i), CONNECT_CLIENT);
+    EXPECT_EQ(send(main, client, std::to_string(i), 5), result::ok);
+    EXPECT_EQ(blocked[static_cast<std::size_t>(i)].get(),
+              Received(result::ok, client, std::to_string(i)));
+  }
+}
+
+// A foreign client may put all its calls on one connection, where a blocked one must not hold up
+// those behind it.
+class OneConnection : public MainServer {
+ protected:
+  OneConnection() {
+    std::array<const char*, 5> arguments{"system_test", "-ORBmaxGIOPConnectionPerServer", "1",
+                                         "-ORBoneCallPerConnection", "0"};
+    int count = static_cast<int>(arguments.size());
+    orb_ = CORBA::ORB_init(count, const_cast<char**>(arguments.data()));
+  }
+  ~OneConnection() override { orb_->destroy(); }
+  CORBA::ORB_var orb_;
+};
+
+TEST_F(OneConnection, CarriesManyBlockedCallsAndStillAnswersOthers) {
+  constexpr int callers = 150;
+  const Port_Factory_var main = Varo::DT_PORT_SVC::Port_Factory::_narrow(
+      CORBA::Object_var(orb_->string_to_object(corbaloc("main").c_str())));
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+  const unsigned int id = connected(main, "p", CONNECT_OWNER);
+  const int sockets = process("main").sockets();
+  std::vector<std::future<Received>> blocked;
+  for (int i = 0; i < callers; ++i) {
+    blocked.push_back(std::async(std::launch::async, [&] { return receive(main, id, 3); }));
+  }
+  ASSERT_TRUE(eventually([&] { return process("main").threads() >= callers; }));
+  EXPECT_EQ(process("main").sockets(), sockets) << "another connection was opened";
+  const auto start = steady_clock::now();
+  EXPECT_EQ(main->exist("p"), 0);
+  EXPECT_LT(since(start), 1s);
+  for (auto& call : blocked) EXPECT_EQ(std::get<0>(call.get()), result::timed_out);
+}
+
+TEST_F(MainServer, TakesA50MiBPayloadAndRefusesOnlyTheCallThatIsTooLarge) {
+  const Port_Factory_var main = server("main");
+  EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 8), result::ok);
+  const std::string payload = random_bytes(50U << 20);
+  EXPECT_EQ(main->send_event("box", wire(payload)), result::ok);
+  auto waiting = std::async(std::launch::async, [&] {
+    EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+    return receive(main, connected(main, "p", CONNECT_OWNER), 2);
+  });
+  EXPECT_THROW(main->send_event("box", wire(std::string(70U << 20, 'x'))), CORBA::SystemException);
+  EXPECT_EQ(std::get<0>(waiting.get()), result::timed_out) << "somebody else's blocked call";
+
+  CORBA::ULong count = 0;
+  EXPECT_EQ(main->event_count("box", count), result::ok);
+  EXPECT_EQ(count, 1u);
+  done("main", {"event", "watch", "box", "--count", "1", "--file", folder.path("event")});
+  EXPECT_TRUE(read_all(folder.path("event")) == payload);
+  EXPECT_EQ(
+      portctl("main", {"send", "p", "--file", folder.path("event"), "--max-message", "1000000"})
+          .status,
+      2)
+      << "portctl knows its own limit";
+}
+
+TEST_F(MainServer, AnswersACodeWhateverTheNameAndTheHandle) {
+  const Port_Factory_var main = server("main");
+  for (const std::size_t length : {0, 10000}) {
+    const std::string name(length, 'n');
+    const char* const port = name.c_str();
+    EXPECT_EQ(main->exist(port), static_cast<int>(result::unknown_name));
+    EXPECT_EQ(main->create_port(port, PORT_MASTER, 8), result::ok);
+    EXPECT_EQ(main->exist(port), 0);
+    std::thread owner([&] { answer_packets(main, name, 1); });
+    EXPECT_EQ(ask(main, connected(main, name, CONNECT_CLIENT), "", 5), Reply(result::ok, "re:"));
+    owner.join();
+    EXPECT_EQ(main->add_event(port, 0x80000000), result::ok);
+    EXPECT_EQ(main->delete_port(port), result::ok);
+    EXPECT_EQ(main->exist(port), static_cast<int>(result::unknown_name));
+  }
+  CORBA::ULong number = 0;
+  EXPECT_EQ(main->connect_port("nobody", number, CONNECT_CLIENT, ACCESS_WAIT, number),
+            result::unknown_name);
+  EXPECT_EQ(main->create_port("odd", 12345, 8), result::bad_mode);
+  for (const unsigned int handle : {0U, 758U, 0xFFFFFFFFU}) {
+    EXPECT_EQ(send(main, handle, "x", 1), result::unknown_handle);
+    EXPECT_EQ(std::get<0>(receive(main, handle, 1)), result::unknown_handle);
+    EXPECT_EQ(main->disconnect_port(handle), result::unknown_handle);
+  }
+}
+
+TEST_F(MainServer, ClientsAndOwnersThatAreKilledLeaveThePortUsable) {
+  const Port_Factory_var main = server("main");
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+  const int sockets = process("main").sockets();
+  const auto all_gone = [&] { return process("main").sockets() <= sockets; };
+  {
+    const auto owner = in_background("main", {"receive", "p", "--count", "0"});
+    ASSERT_TRUE(eventually([&] { return info_of(main, "p").owner_connected == 1; }));
+  }
+  // Nobody has told the server, so the port stays taken until it is given back by its id.
+  CORBA::ULong id = 0;
+  CORBA::ULong held_by = 0;
+  EXPECT_EQ(main->connect_port("p", id, CONNECT_OWNER, ACCESS_WAIT, held_by), result::owner_exists);
+  EXPECT_EQ(main->disconnect_port(held_by), result::ok);
+  ASSERT_TRUE(eventually(all_gone)) << "the take of the killed owner goes on";
+  {
+    const auto sender = in_background("main", {"send", "p", "unsent", "--timeout", "0"});
+    ASSERT_TRUE(eventually([&] { return !all_gone(); }));
+  }
+  ASSERT_TRUE(eventually(all_gone)) << "the call of the killed sender goes on";
+
+  id = connected(main, "p", CONNECT_OWNER);
+  auto asked = in_background("main", {"send", "p", "asked", "--wait"});
+  const auto [code, source, data] = receive(main, id, 5);
+  EXPECT_EQ(std::make_pair(code, data), Reply(result::ok, "asked"));
+  asked.reset();  // killed in its wait for the reply
+  EXPECT_EQ(main->packet_replay(source, wire("too late"), 0), result::ok);
+  EXPECT_EQ(main->disconnect_port(id), result::ok);
+
+  std::thread owner([&] { answer_packets(main, "p", 1); });
+  EXPECT_EQ(done("main", {"send", "p", "next", "--wait"}), "re:next");
+  owner.join();
+}
+
+TEST_F(MainServer, CtrlCOnAReceiverOrWatcherFreesItsPort) {
+  const Port_Factory_var main = server("main");
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+  EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 8), result::ok);
+  const auto interrupt = [&](const std::string& port, const Words& command) {
+    const auto owner = in_background("main", command);
+    EXPECT_TRUE(eventually([&] { return info_of(main, port).owner_connected == 1; }));
+    owner->signal(SIGINT);
+    const int status = outcome(*owner, 5s).status;
+    EXPECT_EQ(info_of(main, port).owner_connected, 0u) << port;
+    return status;
+  };
+  EXPECT_EQ(interrupt("p", {"receive", "p", "--count", "0"}), 0) << "its regular end";
+  EXPECT_EQ(interrupt("p", {"receive", "p", "--count", "5"}), 128 + SIGINT) << "too early";
+  EXPECT_EQ(interrupt("box", {"event", "watch", "box"}), 0);
+}
+
+TEST_F(MainServer, PortctlTellsRefusalMisuseAndSilenceApart) {
+  EXPECT_EQ(portctl("main", {"create", "p"}).status, 0);
+  const std::string nowhere = fmt::format("127.0.0.1:{}", free_port());
+  const auto expect = [&](int status, const std::string& text, const Words& arguments,
+                          const std::string& at = "main") {
+    const Outcome ended = portctl(at, arguments);
+    EXPECT_EQ(ended.status, status) << fmt::format("{}", fmt::join(arguments, " "));
+    EXPECT_EQ(ended.out, "");
+    EXPECT_NE(ended.err.find(text), std::string::npos) << ended.err;
+    EXPECT_EQ(std::count(ended.err.begin(), ended.err.end(), '\n'), 1) << ended.err;
+  };
+  expect(1, "2001 unknown_name", {"send", "nobody", "x"});
+  expect(1, "2007 unknown_handle", {"send", "p", "x", "--no-block"});
+  expect(1, "2017 send_timed_out", {"send", "p", "x", "--timeout", "1"});
+  expect(2, "no command 'ask'", {"ask", "p"});
+  expect(2, "NAME is required", {"send"});
+  expect(2, "is no reference", {"ping"}, "corbaloc:nonsense");
+  expect(3, "cannot be reached", {"ping"}, nowhere);
+  expect(3, "knows no server 'main3'", {"ping"}, "main3");
+}
+
+}  // namespace
+}  // namespace portsvc

@@ -1,0 +1,119 @@
+// Main and sub servers that are all there.
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/system/system_test.h"
+
+namespace portsvc {
+namespace {
+
+class SubServers : public SystemTest {
+ protected:
+  SubServers() { start("main"); }
+};
+
+TEST_F(SubServers, ARequestIsAnsweredWhereverOwnerAndClientAre) {
+  const std::vector<std::pair<const char*, const char*>> places{
+      {"main", "sub1"}, {"sub1", "main"}, {"sub1", "sub1"}, {"sub1", "sub2"}};
+  const auto name = [](std::size_t i) { return fmt::format("p{}", i); };
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    if (i == 2) start("sub1"), start("sub2");  // they clone two ports now and two when named
+    done("main", {"create", name(i)});
+  }
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    const auto [owner_at, client_at] = places[i];
+    const auto owner = in_background(
+        owner_at, {"serve", name(i), "--count", "1", "--exec", fmt::format("cat; echo @{}", i)});
+    EXPECT_EQ(done(client_at, {"send", name(i), "hello", "--wait"}), fmt::format("hello@{}\n", i));
+    EXPECT_EQ(outcome(*owner).status, 0) << owner->err();
+    EXPECT_EQ(info_of(server("main"), name(i)).owner_connected, 0u);
+  }
+}
+
+TEST_F(SubServers, TwentyClientsOfOneProxyEachGetTheirOwnReply) {
+  constexpr int clients = 20;
+  constexpr int requests = 3;
+  start("sub1");
+  const Port_Factory_var main = server("main");
+  const Port_Factory_var sub = server("sub1");
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 100), result::ok);
+  std::thread owner([&] { answer_packets(main, "p", clients * requests); });
+  in_parallel(clients, [&](int client) {
+    const unsigned int handle = connected(sub, "p", CONNECT_CLIENT);
+    for (int i = 0; i < requests; ++i) {
+      const std::string request = fmt::format("{} of {}", i, client);
+      EXPECT_EQ(ask(sub, handle, request, 20), Reply(result::ok, "re:" + request));
+    }
+    EXPECT_EQ(sub->disconnect_port(handle), result::ok);
+  });
+  owner.join();
+}
+
+TEST_F(SubServers, SendersThatNeverWaitLeaveNoClientsOnTheMainServer) {
+  constexpr unsigned int senders = 3;
+  constexpr unsigned int packets = 10;
+  start("sub1");
+  const Port_Factory_var main = server("main");
+  const Port_Factory_var sub = server("sub1");
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 100), result::ok);
+  const unsigned int first = connected(main, "p", CONNECT_CLIENT);
+  std::thread owner([&] {
+    const unsigned int id = connected(main, "p", CONNECT_OWNER);
+    for (unsigned int i = 0; i < senders * packets; ++i) receive(main, id, 10);
+    EXPECT_EQ(main->disconnect_port(id), result::ok);
+  });
+  std::vector<unsigned int> handles;
+  for (unsigned int s = 0; s < senders; ++s) {
+    handles.push_back(connected(sub, "p", CONNECT_CLIENT));
+    for (unsigned int i = 0; i < packets; ++i)
+      EXPECT_EQ(send(sub, handles[s], "x", 10), result::ok);
+  }
+  owner.join();
+  auto clients_on_main = [&, checked = first + 1]() mutable {
+    // Every connection has taken a handle; one that still can be disconnected was left behind.
+    const unsigned int last = connected(main, "p", CONNECT_CLIENT);
+    EXPECT_EQ(main->disconnect_port(last), result::ok);
+    EXPECT_GE(last - first, senders * packets) << "the packets did not pass through the main";
+    unsigned int count = 0;
+    for (; checked < last; ++checked) count += main->disconnect_port(checked) == result::ok;
+    return count;
+  };
+  EXPECT_LE(clients_on_main(), senders) << "one each while the senders are connected";
+  for (const unsigned int handle : handles) {
+    EXPECT_EQ(send(sub, handle, "y", 1), result::send_timed_out);
+    EXPECT_EQ(sub->disconnect_port(handle), result::ok);
+  }
+  EXPECT_EQ(clients_on_main(), 0u);
+}
+
+TEST_F(SubServers, OnePictureOfTheInstallationForItsOperator) {
+  start("sub1");
+  done("main", {"create", "p", "--limit", "7"});
+  EXPECT_EQ(portctl("main", {"master", "p"}).status, 1) << "nobody has said who keeps it";
+  done("main", {"move", "p", "--to", "sub1"});
+  EXPECT_EQ(done("main", {"master", "p"}), "sub1\n");
+  ASSERT_TRUE(eventually([&] { return portctl("sub1", {"master", "p"}).out == "sub1\n"; }));
+  done("sub1", {"move", "p", "--to", "sub1"});
+  done("sub1", {"create", "own", "--kind", "proxy"});
+  EXPECT_EQ(done("main", {"subs"}), "sub1\nsub2\n");
+
+  const Port_Factory_var sub = server("sub1");
+  EXPECT_EQ(info_of(sub, "p").kind, PORT_MASTER) << "served there now";
+  EXPECT_EQ(info_of(sub, "p").limit, 7u);
+  EXPECT_EQ(portctl("sub1", {"create", "p"}).status, 1) << "a sub server refuses a second one";
+  EXPECT_EQ(portctl("main", {"exists", "own"}).status, 1) << "a sub server's own port";
+
+  // sub2 has never been started: the others are listed all the same.
+  const Outcome all = portctl("main", {"--json", "ls", "--all"});
+  EXPECT_EQ(all.status, 3);
+  EXPECT_NE(all.err.find("sub2"), std::string::npos) << all.err;
+  const auto servers = nlohmann::json::parse(all.out);
+  ASSERT_EQ(servers.size(), 3u);
+  EXPECT_EQ(servers[0]["ports"][0]["name"], "p");
+  EXPECT_EQ(servers[1]["server"], "sub1");
+  EXPECT_TRUE(servers[2].contains("problem"));
+}
+
+}  // namespace
+}  // namespace portsvc

@@ -1,0 +1,165 @@
+#include "tests/system/system_test.h"
+
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/resource.h>
+
+namespace portsvc {
+
+SystemTest::SystemTest() : directory{"--directory", folder.path("servers.ini")} {
+  std::string entries;
+  for (const char* name : {"main", "sub1", "sub2"}) {
+    ports_[name] = free_port();
+    entries += fmt::format("[{}]\nrole = {}\nreference = {}\n", name,
+                           std::string(name) == "main" ? "main" : "slave", corbaloc(name));
+  }
+  write_all(directory[1], entries);
+}
+
+void SystemTest::TearDown() {
+  for (const auto& [name, server] : servers_) {
+    EXPECT_TRUE(server->running()) << name << " ended by itself: " << server->err();
+    expect_no_complaint(name);
+  }
+}
+
+void SystemTest::expect_no_complaint(const std::string& name) {
+  const std::string err = process(name).err();
+  EXPECT_EQ(err.find("Sanitizer"), std::string::npos) << name << ": " << err;
+  EXPECT_EQ(err.find("runtime error"), std::string::npos) << name << ": " << err;
+}
+
+Process& SystemTest::start(const std::string& name, const Words& options) {
+  const std::string ior_file = folder.path(name + ".ior");
+  std::filesystem::remove(ior_file);
+  const bool main = name == "main";
+  Words command{PORT_SERVER,   main ? "main" : "sub",
+                "--name",      name,
+                "--endpoint",  fmt::format("giop:tcp:127.0.0.1:{}", port(name)),
+                "--state-dir", folder.path(name),
+                "--ior-file",  ior_file};
+  if (!main) command.insert(command.end(), {"--main", "main"});
+  command.insert(command.end(), directory.begin(), directory.end());
+  command.insert(command.end(), options.begin(), options.end());
+  auto& server = servers_[name] = std::make_unique<Process>(command, files(name));
+  EXPECT_TRUE(eventually([&] { return !server->running() || std::filesystem::exists(ior_file); }));
+  EXPECT_TRUE(server->running()) << name << " does not start: " << server->err();
+  return *server;
+}
+
+void SystemTest::kill(const std::string& name) {
+  process(name).kill();
+  expect_no_complaint(name);
+  servers_.erase(name);
+}
+
+int SystemTest::stop(const std::string& name, int signal) {
+  process(name).signal(signal);
+  const int status = process(name).wait(10s).value_or(-1);
+  expect_no_complaint(name);
+  servers_.erase(name);
+  return status;
+}
+
+std::unique_ptr<Process> SystemTest::in_background(const std::string& server,
+                                                   const Words& arguments,
+                                                   const std::string& input) {
+  Words command{PORTCTL, "--server", server};
+  command.insert(command.end(), directory.begin(), directory.end());
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return std::make_unique<Process>(command, files("portctl"), input);
+}
+
+Outcome SystemTest::outcome(Process& process, std::chrono::milliseconds patience) {
+  const int status = process.wait(patience).value_or(-1);
+  return {status, process.out(), process.err()};
+}
+
+Outcome SystemTest::portctl(const std::string& server, const Words& arguments,
+                            const std::string& input) {
+  return outcome(*in_background(server, arguments, input));
+}
+
+std::string SystemTest::done(const std::string& server, const Words& arguments) {
+  const Outcome ended = portctl(server, arguments);
+  EXPECT_EQ(ended.status, 0) << fmt::format("{}: {}", fmt::join(arguments, " "), ended.err);
+  return ended.out;
+}
+
+orb::Broker& SystemTest::broker() {
+  if (!broker_) {
+    rlimit files{};
+    ::getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = files.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &files);
+    ::signal(SIGPIPE, SIG_IGN);
+    orb::Options options;
+    options.max_message = 256U << 20;  // more than any server takes
+    broker_ = std::make_unique<orb::Broker>(options);
+  }
+  return *broker_;
+}
+
+Port_Factory_var SystemTest::server(const std::string& name) {
+  for (;;) {
+    try {
+      return Varo::DT_PORT_SVC::Port_Factory::_narrow(broker().from_text(corbaloc(name)));
+    } catch (const CORBA::COMM_FAILURE&) {
+      // A connection to a server that has been killed since: the next call takes another.
+    }
+  }
+}
+
+std::string SystemTest::corbaloc(const std::string& name) const {
+  return fmt::format("corbaloc:iiop:127.0.0.1:{}/{}", port(name), object_key);
+}
+
+unsigned int connected(Port_Factory_ptr server, const std::string& port, unsigned int mode,
+                       unsigned int access) {
+  CORBA::ULong handle = 0;
+  CORBA::ULong owner = 0;
+  EXPECT_EQ(server->connect_port(port.c_str(), handle, mode, access, owner), result::ok) << port;
+  return handle;
+}
+
+unsigned int send(Port_Factory_ptr server, unsigned int handle, const std::string& data,
+                  unsigned int timeout) {
+  return server->packet_foward(handle, wire(data), timeout);
+}
+
+Received receive(Port_Factory_ptr server, unsigned int id, unsigned int timeout) {
+  CORBA::ULong source = 0;
+  Varo::DATA_BUFFER_var data;
+  const unsigned int code = server->packet_receive(id, source, data.out(), timeout);
+  return {code, source, text(data.in())};
+}
+
+Reply reply(Port_Factory_ptr server, unsigned int handle, unsigned int timeout) {
+  Varo::DATA_BUFFER_var data;
+  const unsigned int code = server->packet_replay_wait(handle, data.out(), timeout);
+  return {code, text(data.in())};
+}
+
+Reply ask(Port_Factory_ptr server, unsigned int handle, const std::string& data,
+          unsigned int timeout) {
+  const unsigned int code = send(server, handle, data, timeout);
+  return code == result::ok ? reply(server, handle, timeout) : Reply(code, "");
+}
+
+void answer_packets(Port_Factory_ptr server, const std::string& port, int count) {
+  const unsigned int id = connected(server, port, CONNECT_OWNER);
+  for (int i = 0; i < count; ++i) {
+    const auto [code, source, data] = receive(server, id, 10);
+    ASSERT_EQ(code, result::ok) << port;
+    EXPECT_EQ(server->packet_replay(source, wire("re:" + data), 0), result::ok);
+  }
+  EXPECT_EQ(server->disconnect_port(id), result::ok);
+}
+
+Varo::DT_PORT_SVC::PORT_INFO info_of(Port_Factory_ptr server, const std::string& port) {
+  Varo::DT_PORT_SVC::PORT_INFO info{};
+  EXPECT_EQ(server->get_port_info(port.c_str(), info), result::ok) << port;
+  return info;
+}
+
+}  // namespace portsvc
