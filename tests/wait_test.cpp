@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <vector>
+#include <thread>
 
 #include "tests/support/test_clock.h"
 
