@@ -30,6 +30,9 @@ class SubRole : public WithPeers {
     return {code, master.in()};
   }
 
+  // A reference to something that is no port service.
+  CORBA::Object_var file_handle() { return CORBA::Object_var(sub.openSnapShot()); }
+
   Active<FakePeer> peer;
   SubServer sub{"main", "plant/sub", nullptr, CORBA::ORB::_duplicate(broker.orb())};
   const std::pair<unsigned int, std::string> cannot_ask{result::failed, "DUMMY"};
@@ -83,7 +86,7 @@ TEST_F(SubRole, DropsAMasterReferenceThatFails) {
   sub.create_port("p", PORT_SLAVE, 5);
   // Nil, and an object that is no port service.
   EXPECT_EQ(back_call(CORBA::Object::_nil()), result::failed);
-  EXPECT_EQ(back_call(broker.orb()->resolve_initial_references("RootPOA")), result::failed);
+  EXPECT_EQ(back_call(file_handle()), result::failed);
   EXPECT_EQ(inquire("p"), cannot_ask);
 
   peer->fail("push_remote_consumer");
@@ -200,7 +203,7 @@ TEST_F(SubRole, ListsTheNamesOfTheMainServer) {
 }
 
 TEST_F(SubRole, TakesAServerThatIsNoPortServiceForNone) {
-  directory->enter("main", broker.orb()->resolve_initial_references("RootPOA"));
+  directory->enter("main", file_handle());
   EXPECT_EQ(sub.exist("p"), static_cast<int>(result::unknown_name));
   EXPECT_EQ(names(sub), Names());
 }
