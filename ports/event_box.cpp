@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/clock.h"
+#include "platform/memory.h"
 #include "platform/wait.h"
 #include "ports/servant_hooks.h"
 
@@ -16,6 +17,7 @@ using namespace portsvc;
 namespace {
 
 constexpr std::int64_t idle_seconds = 120;  // a box not read for longer has expired
+constexpr std::size_t many_events = 10000;  // dropping so many is worth giving the memory back
 
 }  // namespace
 
@@ -56,9 +58,14 @@ void vrEventBox::push_event_front(const Event_ptr& event) {
 }
 
 void vrEventBox::clear_events() {
-  Events dropped;  // destroyed after the lock is released: a million events take a while to free
-  ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
-  dropped.swap(events_);
+  Events dropped;  // let go after the lock is released: a million events take a while to free
+  {
+    ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
+    dropped.swap(events_);
+  }
+  const bool many = dropped.size() >= many_events;
+  Events().swap(dropped);
+  if (many) return_freed_memory();
 }
 
 unsigned int vrEventBox::event_count() {

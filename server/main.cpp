@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "middleware/orb/orb.h"
+#include "platform/memory.h"
 #include "server/messages.h"
 #include "server/options.h"
 #include "server/server.h"
@@ -25,6 +26,7 @@ void allow_many_connections() {
 
 int main(int argc, char** argv) {
   using namespace portsvc::server;
+  portsvc::keep_freed_memory();
   Options options;
   if (const auto status = parse(argc, argv, options)) return *status;
 

@@ -15,6 +15,7 @@
 #include "idl/port_codes.h"
 #include "middleware/directory.h"
 #include "persistence/background_tasks.h"
+#include "platform/memory.h"
 #include "roles/port_connect_manager.h"
 #include "roles/port_factory_main.h"
 #include "roles/port_factory_sub.h"
@@ -27,6 +28,10 @@ namespace {
 
 /// Calls that have not ended by then are left behind.
 constexpr std::chrono::seconds patience_with_calls(3);
+
+/// A server that has grown large gives back now and then what it has freed since.
+constexpr std::chrono::seconds time_between_sweeps(60);
+constexpr unsigned long long large_memory = 256ULL << 20;
 
 template <typename Servant>
 using Servant_var = PortableServer::Servant_var<Servant>;
@@ -141,7 +146,9 @@ void serve(const Options& options, StopSignal& stop, orb::Broker& broker, const 
              broker.corbaloc(reference.in()));
   std::fflush(stdout);
 
-  stop.wait();
+  while (!stop.wait_for(time_between_sweeps)) {
+    if (resident_memory() > large_memory) return_freed_memory();
+  }
   announcement.reset();  // nobody new finds the way here
   connection.reset();
 }

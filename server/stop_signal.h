@@ -18,8 +18,10 @@ class StopSignal {
  public:
   explicit StopSignal(std::chrono::seconds grace);
 
-  /// Returns when the first signal has arrived.
-  void wait() { asked_.wait(); }
+  /// Waits for the first signal, for at most `time`. Whether it has arrived.
+  bool wait_for(std::chrono::seconds time) {
+    return asked_.wait_for(time) == std::future_status::ready;
+  }
 
  private:
   std::future<void> asked_;

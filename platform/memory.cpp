@@ -1,0 +1,29 @@
+#include "platform/memory.h"
+
+#include <malloc.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+
+namespace portsvc {
+
+void keep_freed_memory() {
+  constexpr int mebibyte = 1 << 20;
+  ::mallopt(M_MMAP_THRESHOLD, 32 * mebibyte);  // the largest the allocator accepts
+  ::mallopt(M_TRIM_THRESHOLD, 256 * mebibyte);
+  ::mallopt(M_TOP_PAD, mebibyte);
+}
+
+void return_freed_memory() { ::malloc_trim(0); }
+
+unsigned long long resident_memory() {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/proc/self/statm", "r"),
+                                                             &std::fclose);
+  unsigned long long size = 0;
+  unsigned long long resident = 0;
+  if (!file || std::fscanf(file.get(), "%llu %llu", &size, &resident) != 2) return 0;
+  return resident * static_cast<unsigned long long>(::sysconf(_SC_PAGESIZE));
+}
+
+}  // namespace portsvc
