@@ -76,7 +76,8 @@ double cores_of(const Child& child, std::chrono::milliseconds period) {
   const double before = child.cpu_seconds();
   const auto start = Clock::now();
   std::this_thread::sleep_for(period);
-  return (child.cpu_seconds() - before) / seconds_since(start);
+  const double used = child.cpu_seconds() - before;  // takes a while beside thousands of threads
+  return used / seconds_since(start);
 }
 
 void measure_another_client(Waited& waited, std::chrono::milliseconds period) {
@@ -208,7 +209,8 @@ void measure_request_and_reply(const Bench& bench) {
       return;
     }
     std::mt19937 random(1);
-    std::uniform_int_distribution<int> phase(0, 20000);  // microseconds: two pauses
+    // Microseconds: any moment of two pauses, once the other's call has certainly begun.
+    std::uniform_int_distribution<int> phase(2000, 22000);
     for (unsigned int i = 1; i <= exchanges; ++i) {
       // Sometimes the owner takes first and sometimes the client sends first, at any moment of the
       // other's pause.
