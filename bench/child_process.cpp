@@ -59,7 +59,9 @@ TemporaryFolder::TemporaryFolder()
   if (!::mkdtemp(path_.data())) throw system_error("cannot make a temporary folder");
 }
 
-TemporaryFolder::~TemporaryFolder() {
+TemporaryFolder::~TemporaryFolder() { remove(); }
+
+void TemporaryFolder::remove() const {
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
 }
@@ -74,6 +76,9 @@ Child::Child(const std::vector<std::string>& command, const std::string& log) : 
   if (pid_ == 0) {
     // Only calls that are safe in the child of a process with threads.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
     ::dup2(output, STDOUT_FILENO);
     ::dup2(output, STDERR_FILENO);
     ::execvp(arguments[0], arguments.data());
@@ -133,6 +138,20 @@ Pinned::Pinned(const std::vector<const Child*>& children) {
 
 Pinned::~Pinned() {
   for (const pid_t pid : processes_) pin_all_threads(pid, before_);
+}
+
+void end_on_signal(const TemporaryFolder& folder) {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, SIGINT);
+  ::sigaddset(&signals, SIGTERM);
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  std::thread([&folder, signals] {
+    int signal = 0;
+    ::sigwait(&signals, &signal);
+    folder.remove();
+    ::_exit(130);
+  }).detach();
 }
 
 void wait_until(const std::function<bool()>& done, std::chrono::seconds patience,

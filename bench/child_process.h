@@ -21,6 +21,8 @@ class TemporaryFolder {
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
   std::string file(const std::string& name) const { return path_ + "/" + name; }
+  /// What the destructor does.
+  void remove() const;
 
  private:
   std::string path_;
@@ -68,6 +70,10 @@ class Pinned {
   std::vector<pid_t> processes_;
   cpu_set_t before_;
 };
+
+/// Ends this process with status 130, and the folder with it, when SIGINT or SIGTERM comes. Call it
+/// before other threads are started: they must not take those signals. The folder must live on.
+void end_on_signal(const TemporaryFolder& folder);
 
 /// Polls until `done` is true. Throws when that takes longer than `patience`, naming `what`.
 void wait_until(const std::function<bool()>& done, std::chrono::seconds patience,

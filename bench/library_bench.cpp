@@ -6,7 +6,7 @@
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 #include <malloc.h>
-#include <unistd.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -24,6 +23,7 @@
 
 #include "idl/port_codes.h"
 #include "persistence/snapshot_file.h"
+#include "platform/memory.h"
 #include "platform/process.h"
 #include "ports/buffer.h"
 #include "ports/buffer_queue.h"
@@ -58,14 +58,6 @@ DATA_BUFFER payload(std::size_t size) {
   data.length(static_cast<CORBA::ULong>(size));
   std::fill_n(data.get_buffer(), size, 'x');
   return data;
-}
-
-/// Resident memory of this process in bytes.
-double resident_bytes() {
-  std::ifstream statm("/proc/self/statm");
-  std::size_t pages = 0;
-  statm >> pages >> pages;
-  return static_cast<double>(pages) * static_cast<double>(::sysconf(_SC_PAGESIZE));
 }
 
 /// Bytes that the program has allocated and not freed.
@@ -315,12 +307,13 @@ void memory_of_idle_ports(benchmark::State& state) {
   const auto total = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     servant().set_ports(0);
-    ::malloc_trim(0);
-    const double resident = resident_bytes();
+    return_freed_memory();
+    const double resident = static_cast<double>(resident_memory());
     const double allocated = allocated_bytes();
     servant().set_ports(total);
     const auto ports = static_cast<double>(total);
-    state.counters["resident_per_port"] = (resident_bytes() - resident) / ports;
+    state.counters["resident_per_port"] =
+        (static_cast<double>(resident_memory()) - resident) / ports;
     state.counters["allocated_per_port"] = (allocated_bytes() - allocated) / ports;
     servant().set_ports(0);
   }
@@ -332,16 +325,17 @@ void memory_of_events(benchmark::State& state) {
   const DATA_BUFFER data = payload(100);
   for (auto _ : state) {
     const Port box("box", PORT_EVENTBOX, total);
-    ::malloc_trim(0);
-    const double resident = resident_bytes();
+    return_freed_memory();
+    const double resident = static_cast<double>(resident_memory());
     const double allocated = allocated_bytes();
     for (unsigned int i = 0; i < total; ++i) require_ok(servant().send_event(box.name(), data));
-    const double full = resident_bytes();
+    const double full = static_cast<double>(resident_memory());
     state.counters["resident_per_event"] = (full - resident) / total;
     state.counters["allocated_per_event"] = (allocated_bytes() - allocated) / total;
     require_ok(servant().clear_event(box.name()));
     state.counters["still_allocated"] = allocated_bytes() - allocated;
-    state.counters["returned_share"] = (full - resident_bytes()) / (full - resident);
+    state.counters["returned_share"] =
+        (full - static_cast<double>(resident_memory())) / (full - resident);
   }
 }
 BENCHMARK(memory_of_events)->Arg(1000000)->Iterations(1)->Unit(benchmark::kMillisecond);
@@ -353,13 +347,14 @@ void memory_of_packets(benchmark::State& state) {
   for (auto _ : state) {
     vrPort_Buffer_Queue queue;
     queue.set_limit(total);
-    ::malloc_trim(0);
-    const double resident = resident_bytes();
+    return_freed_memory();
+    const double resident = static_cast<double>(resident_memory());
     const double allocated = allocated_bytes();
     for (unsigned int i = 0; i < total; ++i) {
       queue.push(1, vrBuffer(data.length(), data.get_buffer()));
     }
-    state.counters["resident_per_packet"] = (resident_bytes() - resident) / total;
+    state.counters["resident_per_packet"] =
+        (static_cast<double>(resident_memory()) - resident) / total;
     state.counters["allocated_per_packet"] = (allocated_bytes() - allocated) / total;
   }
 }

@@ -23,11 +23,10 @@
 // with MISS where it is not kept.
 //
 // The empty servant has the same broker with the same options, gets the same arguments and gives
-// back results of the same size: fresh sequences, allocated and not written to. Its process, like
-// this one, keeps the memory it frees. Calls that a measured one needs beforehand, such as the
-// filling of a box, are made to both and not timed.
+// back results of the same size: fresh sequences, allocated and not written to. Its process and
+// this one keep the memory they free, as port_server does. Calls that a measured one needs
+// beforehand, such as the filling of a box, are made to both and not timed.
 #include <fmt/format.h>
-#include <malloc.h>
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
@@ -38,6 +37,7 @@
 #include <vector>
 
 #include "bench/sections.h"
+#include "platform/memory.h"
 #include "platform/process.h"
 
 namespace portsvc::bench {
@@ -58,16 +58,10 @@ constexpr Section sections[] = {
     {"subs", measure_sub_servers},
 };
 
-/// Memory that is freed stays with the process, so that neither the client nor the empty servant is
-/// measured at having the kernel clear pages. port_server looks after its memory itself.
-void keep_freed_memory() {
-  ::mallopt(M_TRIM_THRESHOLD, 1 << 30);
-  ::mallopt(M_MMAP_THRESHOLD, 32 << 20);
-}
-
 int run(const std::string& server, bool quick, bool json, const std::vector<std::string>& only) {
   allow_many_connections();
   const TemporaryFolder folder;
+  end_on_signal(folder);
   Table table(json);
   orb::Options options;
   options.endpoint = "giop:tcp:127.0.0.1:0";  // an event channel calls its consumer
@@ -121,7 +115,7 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   ::signal(SIGPIPE, SIG_IGN);
-  keep_freed_memory();
+  portsvc::keep_freed_memory();
   try {
     if (*empty) return serve_empty(file);
     if (*callers) return hold_callers(reference, ids);
