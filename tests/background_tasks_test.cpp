@@ -79,28 +79,6 @@ TEST_F(BackgroundTasks, SavesInTheFirstRoundMoreThan60SecondsAfterTheLast) {
   EXPECT_EQ(clock.elapsed(), 201) << "one round after it was told to end";
 }
 
-TEST_F(BackgroundTasks, SavesOnAThreadUntilShutDown) {
-  const std::string path = server.get_snap_path();
-  SnapSaveTask saver(&server);
-  saver.set_period(10);
-  saver.activate(0, 1, 0, 0, -1);
-  ASSERT_TRUE(clock.await_round(4));
-  EXPECT_FALSE(std::filesystem::exists(path));
-  clock.advance(11);
-  EXPECT_TRUE(eventually([&] { return std::filesystem::exists(path); }));
-  saver.ShutDown();
-  saver.wait();
-  std::filesystem::remove(path);
-  clock.advance(100);
-  EXPECT_FALSE(std::filesystem::exists(path));
-
-  SnapSaveTask without_servant(nullptr);
-  clock.on_pause = [&](const ACE_Time_Value&) {
-    if (clock.elapsed() > 300) without_servant.ShutDown();
-  };
-  EXPECT_EQ(without_servant.svc(), 0);
-}
-
 TEST_F(BackgroundTasks, AServantGoesOnlyWhenItsCheckHasEnded) {
   // A pass that is slow: the role's lookup is still needed while the servant is being destroyed.
   class Slow : public MainServer {

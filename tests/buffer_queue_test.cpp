@@ -39,18 +39,6 @@ TEST(BufferQueue, DropsTheOldestBeyondItsLimit) {
   EXPECT_EQ(queue.is_empty(), 1u);
 }
 
-TEST(BufferQueue, KeepsItsOwnCopies) {
-  vrPort_Buffer_Queue queue;
-  queue.set_limit(2);
-  vrBuffer data = buffer("first");
-  vrPort_Buffer packet(2, buffer("second"));
-  queue.push(1, data);
-  queue.push_back(packet);
-  data.assign("x", 1);
-  packet.assign("x", 1);
-  EXPECT_EQ(drain(queue), (std::vector<Taken>{{1, "first"}, {2, "second"}}));
-}
-
 TEST(BufferQueue, TakesByHandleAndKeepsTheOrderOfTheOthers) {
   vrPort_Buffer_Queue queue;
   queue.set_limit(10);

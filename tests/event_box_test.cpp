@@ -5,7 +5,6 @@
 #include <future>
 
 #include "tests/support/servers.h"
-#include "tests/support/threads.h"
 
 namespace portsvc {
 namespace {
@@ -129,19 +128,6 @@ TEST_F(EventBox, WaitsAsItsOwnersModeAndTheTimeoutSay) {
   EXPECT_EQ(taken.get(), Received(result::ok, 0, "late"));
 }
 
-TEST_F(EventBox, SharesItsEventsAndNeverChangesThem) {
-  vrEventBox first("a", 7, 9, nullptr);
-  vrEventBox second("b", 8, 9, nullptr);
-  const Event_ptr shared = event("shared");
-  first.push_event(shared);
-  second.push_events({shared});
-  EXPECT_EQ(std::get<2>(receive(first)), "shared");
-  std::vector<Event_ptr> events;
-  second.take_events(events, 1, 0);
-  EXPECT_EQ(events.front(), shared);
-  EXPECT_EQ(text(*shared), "shared");
-}
-
 TEST_F(EventBox, ExpiresMoreThan120SecondsAfterTheLastRead) {
   vrEventBox box("b", 7, 9, nullptr);
   clock.advance(1000);
@@ -189,30 +175,6 @@ TEST_F(EventBox, HandsForwardedPacketsToTheRoleAndIgnoresReplies) {
   EXPECT_EQ(text(data), "untouched");
   EXPECT_EQ(text(packet), "untouched");
   EXPECT_EQ(clock.pauses(), 0);
-}
-
-TEST_F(EventBox, KeepsEachProducersOrderAndLosesNothingBelowTheLimit) {
-  constexpr int producers = 3;
-  constexpr int each = 1500;
-  vrEventBox box("b", 7, producers * each, nullptr);
-  connect(box, CONNECT_OWNER, ACCESS_WAIT);
-  in_parallel(producers + 1, [&](int i) {
-    if (i < producers) {
-      const auto source = static_cast<unsigned int>(i);
-      for (int n = 0; n < each; ++n) box.push_event(event(std::to_string(n), source));
-      return;
-    }
-    int next[producers] = {};
-    for (int taken = 0; taken < producers * each;) {
-      std::vector<Event_ptr> events;
-      ASSERT_EQ(box.take_events(events, 64, 60), result::ok);
-      for (const Event_ptr& event : events) {
-        ASSERT_EQ(text(*event), std::to_string(next[event->handle()]++));
-      }
-      taken += static_cast<int>(events.size());
-    }
-  });
-  EXPECT_EQ(box.event_count(), 0u);
 }
 
 }  // namespace

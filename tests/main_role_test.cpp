@@ -5,7 +5,6 @@
 
 #include "core/port_id_generator.h"
 #include "roles/port_factory_main.h"
-#include "roles/value_types.h"
 #include "tests/support/allocation.h"
 #include "tests/support/peers.h"
 #include "tests/support/threads.h"
@@ -118,18 +117,6 @@ TEST_F(MainRole, SwitchesCopyingAndHasNoPeerAbove) {
   EXPECT_EQ(std::get<0>(connect(server, "proxy", CONNECT_OWNER, ACCESS_WAIT)), result::no_peer);
 }
 
-TEST_F(MainRole, HasValueTypesThatCopyPointersOnly) {
-  unsigned char data[] = {1};
-  const vrPort original(5, "name", data);
-  vrPort copy(6, nullptr, nullptr);
-  copy = original;
-  EXPECT_EQ(copy.name(), original.name());
-  EXPECT_EQ(copy.number(), 5u);
-  EXPECT_EQ(copy.data(), data);
-  const vrPoint point(vrPoint("name", data));
-  EXPECT_EQ(point.data(), data);
-}
-
 class MainRoleWithPeers : public WithPeers {
  protected:
   // A main server with three sub servers, the second of which is not in reach.
@@ -202,20 +189,6 @@ TEST_F(MainRoleWithPeers, StartsNoThreadWithoutSubServersOrCopies) {
   with_subs.copy_enable("box", 1);
   with_subs.get_port("box")->forward(1, buffer("x"), 0);
   EXPECT_EQ(threads(), before + 1);
-}
-
-TEST_F(MainRoleWithPeers, StoresLocallyWhateverBecomesOfTheCopies) {
-  MainServer server;
-  server.SetReleam("north");
-  peers[2]->fail("update_port");
-  server.create_port("box", PORT_EVENTBOX, 5000);
-  for (int i = 0; i < 4000; ++i) server.get_port("box")->forward(1, buffer("x"), 0);
-  EXPECT_EQ(event_count(server, "box"), 4000u);
-  // Sending goes on, and names the realm.
-  EXPECT_TRUE(eventually([&] {
-    server.get_port("box")->forward(1, buffer("x"), 0);
-    return directory->asked("sub1@north") > 0 && directory->asked("sub2@north") > 0;
-  }));
 }
 
 TEST_F(MainRoleWithPeers, ListsItsConsumers) {

@@ -184,6 +184,8 @@ TEST_F(MasterPort, AdmitsAllSendersWhileItsOwnerWatches) {
   EXPECT_EQ(port.select(false), result::ok);
   EXPECT_FALSE(port.has_selectors()) << "the count never falls below 0";
   EXPECT_EQ(port.owner_signal(), result::not_connected) << "although packets are queued";
+  port.select(true);
+  EXPECT_EQ(send(758, "f"), result::unknown_handle) << "a watch without an owner admits nobody";
   owner(ACCESS_WAIT);
   EXPECT_EQ(receive(), Taken(result::ok, 758, "c")) << "packets wait for the next owner";
 }

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <future>
 
 #include "tests/support/allocation.h"
 #include "tests/support/servers.h"
@@ -28,20 +27,6 @@ class Packets : public ::testing::Test {
   MainServer server;
 };
 
-TEST_F(Packets, GoFromClientToOwnerAndBack) {
-  const unsigned int id = owner(server, "p");
-  const unsigned int a = client(server, "p");
-  const unsigned int b = client(server, "p", ACCESS_SELECT);
-  auto taken = std::async(std::launch::async, [&] { return receive(server, id, 10); });
-  ASSERT_TRUE(clock.await_poll());
-  EXPECT_EQ(send(server, a, "request", 5), result::ok);
-  EXPECT_EQ(taken.get(), Received(result::ok, a, "request"));
-  EXPECT_EQ(server.packet_replay(a, wire("answer"), 0), result::ok);
-  EXPECT_EQ(reply(server, b), Reply(result::nothing_arrived, ""));
-  EXPECT_EQ(reply(server, a, 5), Reply(result::ok, "answer"));
-  EXPECT_EQ(reply(server, a, 5), Reply(result::reply_timed_out, ""));
-}
-
 TEST_F(Packets, NeedTheRightKindOfHandle) {
   const unsigned int id = watching_owner();
   const unsigned int handle = client(server, "p");
@@ -56,18 +41,6 @@ TEST_F(Packets, NeedTheRightKindOfHandle) {
     EXPECT_EQ(receive(server, wrong), Received(result::unknown_handle, untouched, ""));
     EXPECT_EQ(receive_n(server, wrong, 5), Events(result::unknown_handle, {}));
   }
-}
-
-TEST_F(Packets, ArriveOneByOneAndNotAtTheFront) {
-  const unsigned int id = watching_owner();
-  const unsigned int handle = client(server, "p");
-  EXPECT_EQ(send(server, handle, "a"), result::ok);
-  EXPECT_EQ(send(server, handle, ""), result::ok);
-  EXPECT_EQ(server.packet_foward_front(handle, wire("front"), 0), result::ok);
-  EXPECT_EQ(receive_n(server, id, 5), Events(result::ok, {}));
-  EXPECT_EQ(receive(server, id), Received(result::ok, handle, "a"));
-  EXPECT_EQ(receive(server, id), Received(result::ok, handle, ""));
-  EXPECT_EQ(receive(server, id), Received(result::nothing_arrived, untouched, ""));
 }
 
 TEST_F(Packets, AreCopiesOfTheArguments) {

@@ -202,12 +202,6 @@ TEST_F(SubRole, ListsTheNamesOfTheMainServer) {
   EXPECT_EQ(errno, ENOMEM);
 }
 
-TEST_F(SubRole, TakesAServerThatIsNoPortServiceForNone) {
-  directory->enter("main", file_handle());
-  EXPECT_EQ(sub.exist("p"), static_cast<int>(result::unknown_name));
-  EXPECT_EQ(names(sub), Names());
-}
-
 TEST_F(SubRole, HearsFromTheConnectionManager) {
   Active<SubServer> served("main", "plant/served", nullptr,
                            CORBA::ORB_var(CORBA::ORB::_duplicate(broker.orb())));

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "tests/support/test_clock.h"
 
 namespace portsvc {
@@ -39,14 +37,6 @@ TEST(Countdown, CountsOffWhatHasElapsed) {
     EXPECT_EQ(countdown.expired(), step.expired) << "after " << step.move;
     EXPECT_NEAR(static_cast<double>(remaining.msec()), step.left_ms, 1);
   }
-}
-
-TEST(Countdown, NeverExpiresWithoutALimit) {
-  TestClock clock;
-  Countdown countdown(nullptr);
-  clock.advance(1e9);
-  countdown.update();
-  EXPECT_FALSE(countdown.expired());
 }
 
 TEST(Wait, TestsBeforeItPausesAndBeforeItGivesUp) {
@@ -87,18 +77,6 @@ TEST(Wait, HeedsAClockThatIsSet) {
   clock.on_pause = [&](const ACE_Time_Value&) { clock.advance(3600); };
   EXPECT_EQ(wait(1, given_up, nullptr, no, no), given_up);
   EXPECT_EQ(clock.pauses(), before + 1);
-}
-
-TEST(Wait, NamesWhatItWaitsFor) {
-  TestClock clock;
-  int object = 0;
-  std::thread waiter([&] {
-    wait(
-        0, given_up, &object, [&] { return clock.elapsed() > 0 ? Answer(done) : no(); }, no);
-  });
-  EXPECT_TRUE(clock.await_poll(&object, 2));
-  clock.advance(1);
-  waiter.join();
 }
 
 }  // namespace
