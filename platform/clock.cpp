@@ -5,6 +5,8 @@
 
 #include <atomic>
 
+#include "platform/poller.h"
+
 namespace portsvc {
 namespace {
 
@@ -25,6 +27,10 @@ class SystemClock final : public Clock {
     t.tv_sec = length.sec();
     t.tv_nsec = static_cast<long>(length.usec()) * 1000;
     ::nanosleep(&t, nullptr);
+  }
+
+  void poll(const void*, const std::function<bool()>& step) override {
+    Poller::instance().wait(step);
   }
 };
 
