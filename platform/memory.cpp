@@ -10,9 +10,12 @@ namespace portsvc {
 
 void keep_freed_memory() {
   constexpr int mebibyte = 1 << 20;
+  // Called before there are threads, as the header asks.
+  // NOLINTBEGIN(concurrency-mt-unsafe)
   ::mallopt(M_MMAP_THRESHOLD, 32 * mebibyte);  // the largest the allocator accepts
   ::mallopt(M_TRIM_THRESHOLD, 256 * mebibyte);
   ::mallopt(M_TOP_PAD, mebibyte);
+  // NOLINTEND(concurrency-mt-unsafe)
 }
 
 void return_freed_memory() { ::malloc_trim(0); }
