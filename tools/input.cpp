@@ -24,7 +24,8 @@ bool read_some(int file, const std::string& name, std::string& bytes) {
   const ssize_t got = ::read(file, chunk.data(), chunk.size());
   if (got < 0) {
     if (errno == EINTR || errno == EAGAIN) return true;
-    throw UsageError(fmt::format("cannot read {}: {}", name, std::strerror(errno)));
+    throw UsageError(
+        fmt::format("cannot read {}: {}", name, std::generic_category().message(errno)));
   }
   bytes.append(chunk.data(), static_cast<std::size_t>(got));
   return got > 0;
@@ -34,7 +35,8 @@ class File {
  public:
   explicit File(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
     if (fd_ < 0) {
-      throw UsageError(fmt::format("cannot open {}: {}", path, std::strerror(errno)));
+      throw UsageError(
+          fmt::format("cannot open {}: {}", path, std::generic_category().message(errno)));
     }
   }
   ~File() { ::close(fd_); }

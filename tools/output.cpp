@@ -23,7 +23,8 @@ std::string base64(const std::string& bytes) {
 }
 
 [[noreturn]] void output_failed() {
-  throw Failure(fmt::format("cannot write to standard output: {}", std::strerror(errno)));
+  throw Failure(
+      fmt::format("cannot write to standard output: {}", std::generic_category().message(errno)));
 }
 
 std::string dump(const Json& document, int indent) {
@@ -88,7 +89,8 @@ PayloadPrinter::PayloadPrinter(const Options& options) : options_(options) {
   if (options_.file.empty()) return;
   file_.open(options_.file, std::ios::binary | std::ios::trunc);
   if (!file_) {
-    throw UsageError(fmt::format("cannot write {}: {}", options_.file, std::strerror(errno)));
+    throw UsageError(
+        fmt::format("cannot write {}: {}", options_.file, std::generic_category().message(errno)));
   }
 }
 
@@ -109,7 +111,8 @@ void PayloadPrinter::print(const Varo::DATA_BUFFER& payload, std::optional<unsig
 
 void PayloadPrinter::flush() {
   if (file_.is_open() && !file_.flush()) {
-    throw Failure(fmt::format("cannot write {}: {}", options_.file, std::strerror(errno)));
+    throw Failure(
+        fmt::format("cannot write {}: {}", options_.file, std::generic_category().message(errno)));
   }
   flush_output();
 }

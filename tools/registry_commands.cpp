@@ -162,6 +162,7 @@ struct Code {
 
 void codes(Session& session, const NoOptions&) {
   std::vector<Code> all;
+  all.reserve(result_texts.size() + 7);
   for (const ResultText& text : result_texts) {
     all.push_back({"result", text.code, text.name, text.meaning});
   }

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string_view>
+#include <system_error>
 
 #include "tools/errors.h"
 #include "tools/interrupt.h"
@@ -20,7 +21,7 @@ namespace portsvc::tools {
 namespace {
 
 [[noreturn]] void failed(const char* what, int error) {
-  throw Failure(fmt::format("cannot {}: {}", what, std::strerror(error)));
+  throw Failure(fmt::format("cannot {}: {}", what, std::generic_category().message(error)));
 }
 
 class Pipe {

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "idl/port_codes.h"
@@ -87,7 +88,7 @@ void write_file(const std::string& path, const std::string& bytes) {
   if (!file || std::rename(draft.c_str(), path.c_str()) != 0) {
     const int error = errno;
     std::remove(draft.c_str());
-    throw Failure(fmt::format("cannot write {}: {}", path, std::strerror(error)));
+    throw Failure(fmt::format("cannot write {}: {}", path, std::generic_category().message(error)));
   }
 }
 
@@ -166,7 +167,8 @@ void describe_show(CLI::App& command, FileOptions& options) {
 void show(Session& session, const FileOptions& options) {
   std::string bytes;
   if (!snapshot::read_file(options.file.c_str(), "rb", bytes)) {
-    throw UsageError(fmt::format("cannot read {}: {}", options.file, std::strerror(errno)));
+    throw UsageError(
+        fmt::format("cannot read {}: {}", options.file, std::generic_category().message(errno)));
   }
   const snapshot::Content content = snapshot::parse(bytes);
   if (session.options().json) {
