@@ -6,7 +6,7 @@
 #include <boost/archive/iterators/base64_from_binary.hpp>
 #include <boost/archive/iterators/transform_width.hpp>
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 #include "tools/errors.h"
 #include "tools/input.h"
