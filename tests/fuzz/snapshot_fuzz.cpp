@@ -59,7 +59,7 @@ void check_load(const std::uint8_t* data, std::size_t size) {
   require(servant->patch_object_name(ports.out(), boxes.out()) == result::ok);
   for (const auto* const list : {&ports, &boxes}) {
     for (CORBA::ULong i = 0; i < (*list)->length(); ++i) {
-      const char* const name = (*list)[i];
+      const char* const name = list->in()[i];
       require(servant->exist(name) == 0);
       servant->delete_port(name);  // unlike clearAll it leaves nothing behind in the id table
     }
