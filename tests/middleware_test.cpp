@@ -33,6 +33,7 @@
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Varo::DT_PORT_SVC::Port_Factory;
+using Varo::DT_PORT_SVC::Port_Factory_ptr;
 using Varo::DT_PORT_SVC::Port_Factory_var;
 
 namespace portsvc {
@@ -78,7 +79,16 @@ int run_peer(const std::string& port) {
   for (;;) ::pause();
 }
 
-/// A server in a process of its own; started again, at the same address.
+/// Waits for `seconds` at a PeerServant.
+void receive(Port_Factory_ptr server, CORBA::ULong seconds) {
+  CORBA::ULong source = 0;
+  Varo::DATA_BUFFER_var data;
+  EXPECT_EQ(server->packet_receive(1, source, data, seconds), 0u);
+  EXPECT_EQ(source, seconds);
+  EXPECT_EQ(data->length(), 1u);
+}
+
+/// A server in a process of its own, always at the same address.
 class Peer {
  public:
   explicit Peer(const Texts& environment = {}) {
@@ -87,15 +97,12 @@ class Peer {
     command_.insert(command_.end(), {program, "--peer", std::to_string(port)});
     start();
   }
+  /// Again, when it has been killed or still runs.
   void start() {
     process_.emplace(command_, folder_.path("peer"));
     EXPECT_TRUE(eventually([&] { return !process_->out().empty(); })) << process_->err();
   }
   void kill() { process_->kill(); }
-  void restart() {
-    kill();
-    start();
-  }
   /// From here on it answers nothing.
   void freeze() const {
     process_->signal(SIGSTOP);
@@ -115,23 +122,23 @@ class Peer {
 /// A broker for one test, and a call time-out that does not try anybody's patience.
 class Middleware : public ::testing::Test {
  protected:
-  Middleware() : usual_timeout_(orb::peer_call_timeout()) {
+  Middleware() {
     orb::set_peer_call_timeout(500ms);
     use_directory(directory, "");
   }
   ~Middleware() override {
     use_directory(nullptr, "");
-    orb::set_peer_call_timeout(usual_timeout_);
+    orb::set_peer_call_timeout(usual_timeout);
   }
 
+  CORBA::Object_var object(int port, const char* key = object_key) const {
+    return broker.from_text(address(port, key));
+  }
   Port_Factory_var lookup(const char* server, const char* realm = nullptr) {
     return vrReferenceContainer::instance()->GetPortReferenceWithServerName(server, realm);
   }
 
- private:
-  std::chrono::milliseconds usual_timeout_;
-
- protected:
+  const std::chrono::milliseconds usual_timeout = orb::peer_call_timeout();
   const TemporaryFolder folder;
   orb::Broker broker{{"giop:tcp:127.0.0.1:0"}};
   const std::shared_ptr<FakeDirectory> directory = std::make_shared<FakeDirectory>();
@@ -146,20 +153,15 @@ TEST(Endpoint, IsRefusedInOneClearLine) {
     }
     return "it starts";
   };
-  const Peer peer;
-  for (const std::string& taken :
-       {"giop:tcp:127.0.0.1:" + std::to_string(peer.port), std::string("giop:tcp:192.0.2.1:0")}) {
-    EXPECT_EQ(why_refused(taken),
-              "cannot listen on " + taken + ": the address is in use or not local");
-  }
+  EXPECT_EQ(why_refused("giop:tcp:192.0.2.1:0"),
+            "cannot listen on giop:tcp:192.0.2.1:0: the address is in use or not local");
   EXPECT_EQ(why_refused("giop:tcp:no-such-host.invalid:0"),
             "cannot listen on giop:tcp:no-such-host.invalid:0: "
             "the host 'no-such-host.invalid' is unknown");
-  for (const std::string malformed :
-       {"nonsense", "giop:tcp:", "giop:tcp:127.0.0.1", "giop:tcp:h:65536", "giop:tcp:h:-1",
-        "giop:tcp:h:9x", "giop:tcp:::1:0"}) {
-    EXPECT_EQ(why_refused(malformed),
-              "the endpoint '" + malformed + "' is malformed, wanted: giop:tcp:HOST:PORT");
+  for (const char* endpoint : {"nonsense", "giop:tcp:", "giop:tcp:127.0.0.1", "giop:tcp:h:65536",
+                               "giop:tcp:h:-1", "giop:tcp:h:9x", "giop:tcp:::1:0"}) {
+    EXPECT_EQ(why_refused(endpoint), "the endpoint '" + std::string(endpoint) +
+                                         "' is malformed, wanted: giop:tcp:HOST:PORT");
   }
   // A failed start leaves nothing behind: the next one succeeds.
   for (const char* good : {"giop:tcp:127.0.0.1:0", ""}) EXPECT_EQ(why_refused(good), "it starts");
@@ -178,11 +180,7 @@ TEST_F(Middleware, BrokerServesUnderTheWellKnownKeyAndStopsOnlyWhenCallsHaveEnde
     EXPECT_THROW(broker.from_text(text), orb::Error) << text;
   }
 
-  std::thread caller([&] {
-    CORBA::ULong source = 0;
-    Varo::DATA_BUFFER_var data;
-    reference->packet_receive(0, source, data, 2);
-  });
+  std::thread caller([&] { receive(reference, 2); });
   std::this_thread::sleep_for(200ms);
   EXPECT_LT(duration([&] { EXPECT_FALSE(broker.shutdown(300ms)); }), 1s);
   EXPECT_TRUE(broker.shutdown(10s));
@@ -192,8 +190,7 @@ TEST_F(Middleware, BrokerServesUnderTheWellKnownKeyAndStopsOnlyWhenCallsHaveEnde
 TEST_F(Middleware, CallsGiveUpWhenTheTimeoutOfTheInnermostScopeHasPassed) {
   const Peer silent;
   silent.freeze();
-  const Port_Factory_var peer =
-      Port_Factory::_unchecked_narrow(broker.from_text(address(silent.port)));
+  const Port_Factory_var peer = Port_Factory::_unchecked_narrow(object(silent.port));
   const auto expect_call_takes = [&](auto least, auto limit) {
     const auto took = duration([&] { EXPECT_THROW(peer->heart_bit(), CORBA::SystemException); });
     EXPECT_GE(took, least);
@@ -213,8 +210,8 @@ TEST_F(Middleware, CallsGiveUpWhenTheTimeoutOfTheInnermostScopeHasPassed) {
 TEST_F(Middleware, ConnectionsToAPeerAreCountedApart) {
   Peer peer;
   const Peer other;
-  const CORBA::Object_var by_address = broker.from_text(address(peer.port));
-  const CORBA::Object_var elsewhere = broker.from_text(address(other.port));
+  const CORBA::Object_var by_address = object(peer.port);
+  const CORBA::Object_var elsewhere = object(other.port);
   const CORBA::Object_var by_name =
       broker.from_text("corbaloc:iiop:localhost:" + std::to_string(peer.port) + "/" + object_key);
   const auto call = [](const CORBA::Object_var& object) {
@@ -230,7 +227,7 @@ TEST_F(Middleware, ConnectionsToAPeerAreCountedApart) {
   call(elsewhere);
   EXPECT_EQ(orb::connections_opened(by_address), first) << "the connection is kept";
 
-  peer.restart();
+  peer.start();
   EXPECT_THROW(call(by_address), CORBA::COMM_FAILURE) << "nothing is sent twice";
   call(by_address);
   EXPECT_GT(orb::connections_opened(by_address), first);
@@ -240,35 +237,27 @@ TEST_F(Middleware, ConnectionsToAPeerAreCountedApart) {
 TEST_F(Middleware, AWaitOutlivesTheScanForIdleConnections) {
   // The peer closes connections that were idle for two seconds.
   const Peer peer({"ORBscanGranularity=1", "ORBinConScanPeriod=2"});
-  const CORBA::Object_var object = broker.from_text(address(peer.port));
-  const Port_Factory_var reference = Port_Factory::_unchecked_narrow(object);
-  const auto receive = [&](CORBA::ULong seconds) {
-    CORBA::ULong source = 0;
-    Varo::DATA_BUFFER_var data;
-    EXPECT_EQ(reference->packet_receive(1, source, data, seconds), 0u);
-    EXPECT_EQ(source, seconds);
-    EXPECT_EQ(data->length(), 1u);
-  };
-  const auto before = orb::connections_opened(object);
-  receive(4);
-  EXPECT_EQ(orb::connections_opened(object), before + 1) << "the wait itself was cut";
+  const CORBA::Object_var server = object(peer.port);
+  const Port_Factory_var reference = Port_Factory::_unchecked_narrow(server);
+  const auto before = orb::connections_opened(server);
+  receive(reference, 4);
+  EXPECT_EQ(orb::connections_opened(server), before + 1) << "the wait itself was cut";
   std::this_thread::sleep_for(3500ms);
-  receive(0);
-  EXPECT_EQ(orb::connections_opened(object), before + 2) << "the idle connection was not closed";
+  receive(reference, 0);
+  EXPECT_EQ(orb::connections_opened(server), before + 2) << "the idle connection was not closed";
 }
 
 TEST(InterfaceName, IsSplitAtTheLastSeparator) {
-  const std::pair<const char*, std::pair<std::string, std::string>> cases[] = {
-      {"plant/line/press", {"plant/line", "press"}},
-      {"press", {"", "press"}},
-      {"plant/", {"plant", ""}},
-      {"/press", {"", "press"}},
-      {"", {"", ""}},
-      {nullptr, {"", ""}}};
+  const std::pair<const char*, std::string> cases[] = {{"plant/line/press", "plant/line|press"},
+                                                       {"press", "|press"},
+                                                       {"plant/", "plant|"},
+                                                       {"/press", "|press"},
+                                                       {"", "|"},
+                                                       {nullptr, "|"}};
   for (const auto& [name, parts] : cases) {
     ACE_String_Base<char> first("old"), second("old");
     VARO_UTIL_API::parse_interface(name, first, second);
-    EXPECT_EQ(std::make_pair(std::string(first.c_str()), std::string(second.c_str())), parts);
+    EXPECT_EQ(std::string(first.c_str()) + "|" + second.c_str(), parts);
   }
 }
 
@@ -277,37 +266,33 @@ std::string entry(const std::string& name, const std::string& role, int port) {
   return "[" + name + "]\nrole = " + role + "\nreference = " + address(port) + "\n";
 }
 
-TEST_F(Middleware, FileListsServersByRoleAndRealmInItsOrder) {
-  const std::string file = folder.path("d.ini");
-  write_all(file, "; the plant\n" + entry("m", "main", 1) + entry("z", "slave", 2) +
-                      "realm = north\n" + entry("a.b/c", "slave", 3));
-  const auto found = open_file_directory(broker, file);
-  EXPECT_EQ(found->servers("slave", ""), (Texts{"z", "a.b/c"}));
-  EXPECT_EQ(found->servers("slave", "south"), Texts{"a.b/c"});
-  EXPECT_EQ(found->servers("main", "north"), Texts{"m"});
-  EXPECT_EQ(found->servers("other", ""), Texts{});
-  EXPECT_FALSE(CORBA::is_nil(found->resolve("z", "north")));
-  EXPECT_FALSE(CORBA::is_nil(found->resolve("z", "")));
-  EXPECT_TRUE(CORBA::is_nil(found->resolve("z", "south")));
-  EXPECT_TRUE(CORBA::is_nil(found->resolve("nobody", "")));
-}
-
-TEST_F(Middleware, FileIsFollowedButNotIntoADamagedState) {
+TEST_F(Middleware, FileListsServersInItsOrderAndIsFollowedButNotIntoADamagedState) {
   const std::string file = folder.path("d.ini");
   write_all(file, "role = main\n");
   EXPECT_THROW(open_file_directory(broker, file), orb::Error) << "a key outside of any section";
   write_all(file, "");
   const auto found = open_file_directory(broker, file);
-  const auto knows = [&](const char* name) { return !CORBA::is_nil(found->resolve(name, "")); };
-  EXPECT_FALSE(knows("m"));
-  write_all(file, entry("m", "main", 1) + entry("s", "slave", 2));
-  EXPECT_TRUE(knows("s"));
+  const auto knows = [&](const char* name, const char* realm) {
+    return !CORBA::is_nil(found->resolve(name, realm));
+  };
+  EXPECT_FALSE(knows("m", ""));
+
+  write_all(file, "; the plant\n" + entry("m", "main", 1) + entry("z", "slave", 2) +
+                      "realm = north\n" + entry("a.b/c", "slave", 3));
+  EXPECT_EQ(found->servers("slave", ""), (Texts{"z", "a.b/c"}));
+  EXPECT_EQ(found->servers("slave", "south"), Texts{"a.b/c"});
+  EXPECT_EQ(found->servers("main", "north"), Texts{"m"});
+  EXPECT_EQ(found->servers("other", ""), Texts{});
+  EXPECT_TRUE(knows("z", "north"));
+  EXPECT_FALSE(knows("z", "south"));
+  EXPECT_FALSE(knows("nobody", ""));
+
   write_all(file, "[m");
-  EXPECT_TRUE(knows("s"));
+  EXPECT_TRUE(knows("z", ""));
   fs::remove(file);
-  EXPECT_TRUE(knows("m"));
-  write_all(file, entry("s", "slave", 2));
-  EXPECT_FALSE(knows("m"));
+  EXPECT_TRUE(knows("m", ""));
+  write_all(file, entry("z", "slave", 2));
+  EXPECT_FALSE(knows("m", ""));
 }
 
 TEST_F(Middleware, NamingServiceKnowsServersByRealmAndRole) {
@@ -317,8 +302,8 @@ TEST_F(Middleware, NamingServiceKnowsServersByRealmAndRole) {
        "-errlog", folder.path("log"), "-ORBendPoint", "giop:tcp:127.0.0.1:" + std::to_string(port)},
       folder.path("naming"));
   const auto found = open_naming_directory(broker, address(port, "NameService"));
-  const CORBA::Object_var one = broker.from_text(address(1));
-  const CORBA::Object_var two = broker.from_text(address(2));
+  const CORBA::Object_var one = object(1);
+  const CORBA::Object_var two = object(2);
   ASSERT_TRUE(eventually([&] {
     try {
       found->bind("main/1.a", "", role_main, one);
@@ -356,7 +341,7 @@ TEST_F(Middleware, NamingServiceKnowsServersByRealmAndRole) {
 
 TEST_F(Middleware, WhoIsAbsentOrSilentCostsOneTimeoutAndIsNotFound) {
   const Peer peer;
-  directory->enter("other", broker.from_text(address(peer.port, "Nothing")));
+  directory->enter("other", object(peer.port, "Nothing"));
   EXPECT_TRUE(CORBA::is_nil(lookup("other"))) << "a server, but no port service";
   peer.freeze();
   for (const int port : {free_port(), peer.port}) {
@@ -378,7 +363,7 @@ TEST_F(Middleware, WhoIsAbsentOrSilentCostsOneTimeoutAndIsNotFound) {
 TEST_F(Middleware, ReferencesAreKeptUntilReleased) {
   const Peer peer;
   EXPECT_TRUE(CORBA::is_nil(lookup("m", "r")));
-  directory->enter("m", broker.from_text(address(peer.port)));
+  directory->enter("m", object(peer.port));
   const Port_Factory_var first = lookup("m", "r");
   ASSERT_FALSE(CORBA::is_nil(first));
   EXPECT_FALSE(CORBA::is_nil(lookup("m", "r")));
@@ -412,26 +397,9 @@ TEST_F(Middleware, ConsumersAreThePushedOnesThenTheSubServers) {
   EXPECT_EQ(list.count(), 0);
 }
 
-/// A reactor with a thread of its own.
-class ReactorThread {
- public:
-  ~ReactorThread() {
-    reactor.end_reactor_event_loop();
-    thread_.join();
-  }
-  ACE_Reactor reactor{new ACE_Select_Reactor, true};
-
- private:
-  std::thread thread_{[this] {
-    reactor.owner(ACE_Thread::self());
-    reactor.run_reactor_event_loop();
-  }};
-};
-
 class CountingManager : public vrConnect_Manager {
  public:
   using vrConnect_Manager::vrConnect_Manager;
-  ~CountingManager() override { stop(); }
   unsigned int on_connected(CORBA::Object_var& object) override {
     EXPECT_FALSE(CORBA::is_nil(object));
     ++connected;
@@ -443,11 +411,17 @@ class CountingManager : public vrConnect_Manager {
   std::atomic<unsigned int> answer{0};
 };
 
+/// A manager of a connection to a peer, with a reactor that has a thread of its own.
 class ConnectManager : public Middleware {
  protected:
   ConnectManager() {
-    directory->enter("m", broker.from_text(address(peer.port)));
+    directory->enter("m", object(peer.port));
     manager.set_period(50ms);
+  }
+  ~ConnectManager() override {
+    manager.stop();
+    reactor.end_reactor_event_loop();
+    thread.join();
   }
   void await(const std::atomic<int>& counter, int count) {
     EXPECT_TRUE(eventually([&] { return counter >= count; }));
@@ -459,8 +433,12 @@ class ConnectManager : public Middleware {
     EXPECT_EQ(manager.connected, times);
   }
   Peer peer;
-  ReactorThread reactor;
-  CountingManager manager{"m", nullptr, CORBA::Object_var(), &reactor.reactor};
+  ACE_Reactor reactor{new ACE_Select_Reactor, true};
+  std::thread thread{[this] {
+    reactor.owner(ACE_Thread::self());
+    reactor.run_reactor_event_loop();
+  }};
+  CountingManager manager{"m", nullptr, CORBA::Object_var(), &reactor};
 };
 
 TEST_F(ConnectManager, ReportsThePeerWheneverItIsReachedAnew) {
@@ -479,7 +457,7 @@ TEST_F(ConnectManager, ReportsThePeerWheneverItIsReachedAnew) {
 
   // A hook that fails is called again until it succeeds.
   manager.answer = 1;
-  peer.restart();
+  peer.start();
   await(manager.connected, 6);
   manager.answer = 0;
   await(manager.connected, manager.connected + 1);
@@ -491,7 +469,7 @@ TEST_F(ConnectManager, NoticesARestartBetweenTwoBeats) {
   await(manager.beats, 1);
   EXPECT_EQ(manager.connected, 1);
   // Somebody else meets the lost connection and opens the next one, so the probe sees neither.
-  peer.restart();
+  peer.start();
   const Port_Factory_var reference = lookup("m");
   EXPECT_THROW(reference->heart_bit(), CORBA::COMM_FAILURE);
   reference->heart_bit();
