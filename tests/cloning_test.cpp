@@ -19,8 +19,7 @@ class Cloning : public WithPeers {
     directory->enter("main", main.object());
   }
   SubServer& start() {
-    sub = std::make_unique<SubServer>("main", "plant/sub", "north",
-                                      CORBA::ORB_var(CORBA::ORB::_duplicate(broker.orb())));
+    sub = std::make_unique<SubServer>("main", "plant/sub", "north", shared_orb());
     return *sub;
   }
   template <class Class>
@@ -29,8 +28,7 @@ class Cloning : public WithPeers {
     ASSERT_TRUE(port) << name;
     const Port_impl& object = *port;
     EXPECT_EQ(typeid(object), typeid(Class)) << name;
-    Varo::DT_PORT_SVC::PORT_INFO info{};
-    sub->get_port_info(name, info);
+    const auto info = info_of(*sub, name);
     EXPECT_EQ(info.kind, kind);
     EXPECT_EQ(info.port_id, id);
     EXPECT_EQ(info.limit, limit);
@@ -115,17 +113,13 @@ TEST_F(Cloning, NumbersItsOwnPortsAboveTheCopies) {
 
   Active<FakePeer> peer;
   reach(peer);
-  Varo::DT_PORT_SVC::PORT_INFO info{};
-  info.kind = PORT_MASTER;
   for (const unsigned int id : {5000u, 4000u}) {
-    info.port_id = id;
-    peer->info[std::to_string(id)] = info;
+    peer->has(std::to_string(id), PORT_MASTER, id);
     sub->exist(std::to_string(id).c_str());
     EXPECT_EQ(sub->next_handle_, 5001u);
   }
   sub->next_handle_ = 9000;
-  info.port_id = 4500;
-  peer->info["later"] = info;
+  peer->has("later", PORT_MASTER, 4500);
   sub->exist("later");
   EXPECT_EQ(sub->next_handle_, 5001u) << "also when that is lower than before";
 }
@@ -133,11 +127,8 @@ TEST_F(Cloning, NumbersItsOwnPortsAboveTheCopies) {
 TEST_F(Cloning, SkipsWhatItCannotCopy) {
   Active<FakePeer> peer;
   reach(peer);
-  Varo::DT_PORT_SVC::PORT_INFO info{};
-  info.port_id = 3000;
   for (const unsigned int kind : {0u, 30008u, PORT_MASTER}) {
-    info.kind = kind;
-    peer->info[std::to_string(kind)] = info;
+    peer->has(std::to_string(kind), kind, 3000);
   }
   // "missing" has been deleted meanwhile; a name may come twice.
   peer->listed = {{"0", "missing", "30005", "30008", "30005"}, {"30005"}};
@@ -164,9 +155,8 @@ TEST_F(Cloning, KeepsTheCopiesMadeBeforeAFailure) {
   };
   Active<Failing> peer;
   reach(peer);
-  peer->info["a"].kind = peer->info["c"].kind = PORT_MASTER;
-  peer->info["a"].port_id = 3000;
-  peer->info["c"].port_id = 4000;
+  peer->has("a", PORT_MASTER, 3000);
+  peer->has("c", PORT_MASTER, 4000);
   peer->listed.first = {"a", "b", "c"};
   start();
   EXPECT_TRUE(sub->get_port(3000u));
@@ -210,8 +200,7 @@ TEST_F(Cloning, CarriesRequestsAcrossBothServers) {
 }
 
 TEST_F(Cloning, DistributesAnEventToTheSubServersBox) {
-  Active<SubServer> served("main", "plant/sub", nullptr,
-                           CORBA::ORB_var(CORBA::ORB::_duplicate(broker.orb())));
+  Active<SubServer> served("main", "plant/sub", nullptr, shared_orb());
   directory->subs = {"sub"};
   directory->enter("sub", served.object());
   Active<MainServer> main;

@@ -12,14 +12,6 @@
 namespace portsvc {
 namespace {
 
-using Master = std::pair<unsigned int, std::string>;
-
-Master inquire(Port_Factory_i& server, const char* name) {
-  CORBA::String_var master;
-  const unsigned int code = server.inquire_master(name, master.out());
-  return {code, master.in()};
-}
-
 using Consumers = std::pair<unsigned int, Texts>;
 
 Consumers remote_subs(Port_Factory_i& server) {
@@ -41,8 +33,7 @@ TEST_F(MainRole, CreatesEachNameOnce) {
   EXPECT_EQ(server.create_port("30005", PORT_EVENTBOX, 9), result::ok);
   EXPECT_EQ(names(server), Names({"30005", "30007"}, {"30006"}));
   for (const unsigned int kind : {PORT_MASTER, PORT_EVENTBOX, PORT_SLAVE}) {
-    Varo::DT_PORT_SVC::PORT_INFO info{};
-    EXPECT_EQ(server.get_port_info(std::to_string(kind).c_str(), info), result::ok);
+    const auto info = info_of(server, std::to_string(kind).c_str());
     EXPECT_EQ(info.kind, kind);
     EXPECT_EQ(info.limit, 3u);
   }
@@ -88,15 +79,15 @@ TEST_F(MainRole, StoresWhatAPeerSends) {
 }
 
 TEST_F(MainRole, RemembersWhoKeepsAPort) {
-  EXPECT_EQ(inquire(server, "p"), Master(result::unknown_name, ""));
+  EXPECT_EQ(inquire(server, "p"), Keeper(result::unknown_name, ""));
   EXPECT_EQ(server.force_toslave("A", "p"), result::ok);
   EXPECT_EQ(server.force_toslave("B", "p"), result::ok);
   server.set_notify_port("p");
   server.set_notify_port("q");
   EXPECT_EQ(server.force_toslave("B", "q"), result::ok);
   server.clearAll();
-  EXPECT_EQ(inquire(server, "p"), Master(result::ok, "A")) << "the first record stays";
-  EXPECT_EQ(inquire(server, "q"), Master(result::ok, "plant/main"));
+  EXPECT_EQ(inquire(server, "p"), Keeper(result::ok, "A")) << "the first record stays";
+  EXPECT_EQ(inquire(server, "q"), Keeper(result::ok, "plant/main"));
   in_parallel(4, [&](int i) {
     for (int n = 0; n < 100; ++n) {
       const std::string name = std::to_string(n);

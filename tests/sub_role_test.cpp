@@ -16,26 +16,13 @@ class SubRole : public WithPeers {
  protected:
   // The main server is found from here on.
   void reach() { directory->enter("main", peer.object()); }
-  void has(const char* name, unsigned int kind, unsigned int id, unsigned int limit) {
-    Varo::DT_PORT_SVC::PORT_INFO info{};
-    info.kind = kind;
-    info.port_id = id;
-    info.limit = limit;
-    peer->info[name] = info;
-  }
   unsigned int back_call(CORBA::Object_var object) { return sub.back_call_(object); }
-  std::pair<unsigned int, std::string> inquire(const char* name) {
-    CORBA::String_var master;
-    const unsigned int code = sub.inquire_master(name, master.out());
-    return {code, master.in()};
-  }
-
   // A reference to something that is no port service.
   CORBA::Object_var file_handle() { return CORBA::Object_var(sub.openSnapShot()); }
 
   Active<FakePeer> peer;
-  SubServer sub{"main", "plant/sub", nullptr, CORBA::ORB::_duplicate(broker.orb())};
-  const std::pair<unsigned int, std::string> cannot_ask{result::failed, "DUMMY"};
+  SubServer sub{"main", "plant/sub", nullptr, shared_orb()};
+  const Keeper cannot_ask{result::failed, "DUMMY"};
 };
 
 TEST_F(SubRole, WorksOnItsOwnWithoutAPeer) {
@@ -44,7 +31,7 @@ TEST_F(SubRole, WorksOnItsOwnWithoutAPeer) {
   EXPECT_EQ(std::get<0>(connect(sub, "p", CONNECT_OWNER, ACCESS_WAIT)), result::unknown_name);
   EXPECT_EQ(sub.update_port("p", 1, wire("x")), result::failed);
   EXPECT_EQ(sub.force_toslave("any", "p"), result::unknown_name);
-  EXPECT_EQ(inquire("p"), cannot_ask);
+  EXPECT_EQ(inquire(sub, "p"), cannot_ask);
   sub.set_notify_port("p");
 
   EXPECT_EQ(sub.create_port("box", PORT_EVENTBOX, 5), result::ok);
@@ -79,7 +66,7 @@ TEST_F(SubRole, AnnouncesItselfAndItsPortsAtEveryConnection) {
   EXPECT_EQ(peer->calls(), (Texts{"push_remote_consumer plant/sub", "force_toslave plant/sub a",
                                   "force_toslave plant/sub b"}));
   peer->answer("inquire_master", {result::unknown_name});
-  EXPECT_EQ(inquire("a"), std::make_pair(result::unknown_name, std::string("keeper")));
+  EXPECT_EQ(inquire(sub, "a"), Keeper(result::unknown_name, "keeper"));
 }
 
 TEST_F(SubRole, DropsAMasterReferenceThatFails) {
@@ -87,11 +74,11 @@ TEST_F(SubRole, DropsAMasterReferenceThatFails) {
   // Nil, and an object that is no port service.
   EXPECT_EQ(back_call(CORBA::Object::_nil()), result::failed);
   EXPECT_EQ(back_call(file_handle()), result::failed);
-  EXPECT_EQ(inquire("p"), cannot_ask);
+  EXPECT_EQ(inquire(sub, "p"), cannot_ask);
 
   peer->fail("push_remote_consumer");
   EXPECT_EQ(back_call(peer.object()), result::failed);
-  EXPECT_EQ(inquire("p"), cannot_ask);
+  EXPECT_EQ(inquire(sub, "p"), cannot_ask);
   peer->fail("push_remote_consumer", false);
 
   const auto reconnect = [&] {
@@ -102,16 +89,16 @@ TEST_F(SubRole, DropsAMasterReferenceThatFails) {
   peer->fail("force_toslave");
   sub.set_notify_port("p");
   EXPECT_EQ(sub.get_port("p")->notify(), 0u);
-  EXPECT_EQ(inquire("p"), cannot_ask);
+  EXPECT_EQ(inquire(sub, "p"), cannot_ask);
   sub.get_port("p")->set_notify(1);
   reconnect();  // answers 0 although the report fails
-  EXPECT_EQ(inquire("p"), cannot_ask);
+  EXPECT_EQ(inquire(sub, "p"), cannot_ask);
   peer->fail("force_toslave", false);
 
   reconnect();
   peer->fail("inquire_master");
-  EXPECT_EQ(inquire("p"), cannot_ask);
-  EXPECT_EQ(inquire("p"), cannot_ask);
+  EXPECT_EQ(inquire(sub, "p"), cannot_ask);
+  EXPECT_EQ(inquire(sub, "p"), cannot_ask);
   sub.set_notify_port("p");
   EXPECT_EQ(peer->calls(), (Texts{"inquire_master p"})) << "asked once, then dropped";
 }
@@ -136,8 +123,8 @@ TEST_F(SubRole, SendsForwardedPacketsUp) {
 
 TEST_F(SubRole, StoresWhatTheMainServerDistributes) {
   reach();
-  has("box", PORT_EVENTBOX, 3000, 5);
-  has("packets", PORT_MASTER, 3001, 5);
+  peer->has("box", PORT_EVENTBOX, 3000);
+  peer->has("packets", PORT_MASTER, 3001);
   EXPECT_EQ(sub.update_port("nobody", 1, wire("x")), result::failed);
   EXPECT_EQ(sub.update_port("box", 11, wire("a")), result::ok);
   EXPECT_EQ(sub.update_port_front("box", 22, wire("b")), result::ok);
@@ -148,7 +135,7 @@ TEST_F(SubRole, StoresWhatTheMainServerDistributes) {
 
 TEST_F(SubRole, AnswersTheClientsOfTheMainServerAndItsOwn) {
   reach();
-  has("proxy", PORT_MASTER, 3000, 5);
+  peer->has("proxy", PORT_MASTER, 3000);
   const unsigned int id = owner(sub, "proxy");
   const Received request = receive(sub, id);
   EXPECT_EQ(request, Received(result::ok, 300000042, "packet"));
@@ -165,12 +152,11 @@ TEST_F(SubRole, AnswersTheClientsOfTheMainServerAndItsOwn) {
 
 TEST_F(SubRole, TakesAPortOver) {
   reach();
-  has("p", PORT_MASTER, 3000, 7);
+  peer->has("p", PORT_MASTER, 3000, 7);
   EXPECT_EQ(sub.force_toslave("ignored", "nobody"), result::unknown_name);
   EXPECT_EQ(sub.exist("nobody"), static_cast<int>(result::unknown_name));
   EXPECT_EQ(sub.force_toslave("ignored", "p"), result::ok);
-  Varo::DT_PORT_SVC::PORT_INFO info{};
-  sub.get_port_info("p", info);
+  const auto info = info_of(sub, "p");
   EXPECT_EQ(info.kind, PORT_MASTER) << "served here";
   EXPECT_EQ(info.limit, 7u);
   EXPECT_EQ(info.port_id, 3001u);
@@ -203,8 +189,7 @@ TEST_F(SubRole, ListsTheNamesOfTheMainServer) {
 }
 
 TEST_F(SubRole, HearsFromTheConnectionManager) {
-  Active<SubServer> served("main", "plant/served", nullptr,
-                           CORBA::ORB_var(CORBA::ORB::_duplicate(broker.orb())));
+  Active<SubServer> served("main", "plant/served", nullptr, shared_orb());
   ACE_Reactor reactor;
   vrPortConnect_Manager manager("main", nullptr, &*served, &reactor);
   EXPECT_TRUE(manager.self()->_is_equivalent(served.reference()));
@@ -219,7 +204,7 @@ TEST_F(SubRole, HearsFromTheConnectionManager) {
 TEST_F(SubRole, NeverBlocksItselfWhateverComesAtOnce) {
   // A slow main server; cloning on demand, reconnections, reports and stores meet all the time.
   reach();
-  for (int i = 0; i < 40; ++i) has(("p" + std::to_string(i)).c_str(), PORT_EVENTBOX, 3000 + i, 5);
+  for (int i = 0; i < 40; ++i) peer->has("p" + std::to_string(i), PORT_EVENTBOX, 3000 + i);
   peer->delay_ms = 1;
   in_parallel(6, [&](int thread) {
     for (int n = 0; n < 40; ++n) {
@@ -240,7 +225,7 @@ TEST_F(SubRole, NeverBlocksItselfWhateverComesAtOnce) {
           break;
         case 4:
           if (const auto port = sub.get_port(name.c_str())) port->forward(1, buffer("x"), 0);
-          inquire(name.c_str());
+          inquire(sub, name.c_str());
           break;
         default:
           EXPECT_EQ(sub.exist(name.c_str()), static_cast<int>(result::ok));

@@ -74,16 +74,24 @@ class FakePeer : public EmptyServant {
     }
   }
 
+  /// Makes get_port_info know a port; the others are no_such_port.
+  void has(const std::string& name, unsigned int kind, unsigned int id, unsigned int limit = 5) {
+    Varo::DT_PORT_SVC::PORT_INFO info{};
+    info.kind = kind;
+    info.port_id = id;
+    info.limit = limit;
+    info_[name] = info;
+  }
+
   /// How many threads have called so far.
   std::size_t calling_threads() {
     const std::lock_guard<std::mutex> guard(lock_);
     return threads_.size();
   }
 
-  unsigned int reported_owner = 0;                           ///< owner of connect_port
-  std::map<std::string, Varo::DT_PORT_SVC::PORT_INFO> info;  ///< of get_port_info; others: 3
-  Names listed;                                              ///< of patch_object_name
-  std::atomic<int> delay_ms{0};                              ///< how long every call takes
+  unsigned int reported_owner = 0;  ///< owner of connect_port
+  Names listed;                     ///< of patch_object_name
+  std::atomic<int> delay_ms{0};     ///< how long every call takes
 
   CORBA::ULong connect_port(const char* name, CORBA::ULong& handle, CORBA::ULong mode,
                             CORBA::ULong access, CORBA::ULong& owner) override {
@@ -112,8 +120,8 @@ class FakePeer : public EmptyServant {
   }
   CORBA::ULong get_port_info(const char* name, Varo::DT_PORT_SVC::PORT_INFO& out) override {
     const unsigned int answer = note("get_port_info", nullptr, name);
-    const auto found = info.find(name);
-    if (found == info.end()) return result::no_such_port;
+    const auto found = info_.find(name);
+    if (found == info_.end()) return result::no_such_port;
     out = found->second;
     return answer;
   }
@@ -165,7 +173,8 @@ class FakePeer : public EmptyServant {
     return code;
   }
 
-  std::mutex lock_;  // guards what follows
+  std::map<std::string, Varo::DT_PORT_SVC::PORT_INFO> info_;  // set before anybody calls
+  std::mutex lock_;                                           // guards what follows
   Texts calls_;
   std::set<std::thread::id> threads_;
   std::map<std::string, std::deque<unsigned int>> answers_;
@@ -184,6 +193,7 @@ class WithPeers : public ::testing::Test {
     use_directory(directory, "");
   }
   ~WithPeers() override { use_directory(nullptr, ""); }
+  CORBA::ORB_var shared_orb() const { return CORBA::ORB::_duplicate(broker.orb()); }
 
   TestClock clock;
   std::shared_ptr<FakeDirectory> directory = std::make_shared<FakeDirectory>();

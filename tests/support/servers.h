@@ -107,10 +107,23 @@ inline Events receive_n(Port_Factory_i& server, unsigned int id, unsigned int co
   return events;
 }
 
-inline unsigned int id_of(Port_Factory_i& server, const char* name) {
+inline Varo::DT_PORT_SVC::PORT_INFO info_of(Port_Factory_i& server, const char* name) {
   Varo::DT_PORT_SVC::PORT_INFO info{};
   EXPECT_EQ(server.get_port_info(name, info), result::ok) << name;
-  return info.port_id;
+  return info;
+}
+
+inline unsigned int id_of(Port_Factory_i& server, const char* name) {
+  return info_of(server, name).port_id;
+}
+
+/// Result code, the server that keeps the port.
+using Keeper = std::pair<unsigned int, std::string>;
+
+inline Keeper inquire(Port_Factory_i& server, const char* name) {
+  CORBA::String_var keeper;
+  const unsigned int code = server.inquire_master(name, keeper.out());
+  return {code, keeper.in()};
 }
 
 /// All events of a box, which leave it.
