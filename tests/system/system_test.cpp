@@ -86,7 +86,7 @@ std::string SystemTest::done(const std::string& server, const Words& arguments) 
   return ended.out;
 }
 
-orb::Broker& SystemTest::broker() {
+orb::Broker& SystemTest::broker(const std::string& endpoint) {
   if (!broker_) {
     rlimit files{};
     ::getrlimit(RLIMIT_NOFILE, &files);
@@ -94,6 +94,7 @@ orb::Broker& SystemTest::broker() {
     ::setrlimit(RLIMIT_NOFILE, &files);
     ::signal(SIGPIPE, SIG_IGN);
     orb::Options options;
+    options.endpoint = endpoint;
     options.max_message = 256U << 20;  // more than any server takes
     broker_ = std::make_unique<orb::Broker>(options);
   }

@@ -58,8 +58,8 @@ class SystemTest : public ::testing::Test {
                                          const std::string& input = "/dev/null");
   Outcome outcome(Process& process, std::chrono::milliseconds patience = 30s);
 
-  /// The broker of the test, started at the first use.
-  orb::Broker& broker();
+  /// The broker of the test, started at the first use, with an endpoint if it is to serve.
+  orb::Broker& broker(const std::string& endpoint = "");
   /// The reference of a server that runs. After a restart ask for it again.
   Port_Factory_var server(const std::string& name);
   std::string corbaloc(const std::string& name) const;
