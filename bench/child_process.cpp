@@ -122,18 +122,23 @@ double Child::resident_bytes() const {
   return pages * static_cast<double>(::sysconf(_SC_PAGESIZE));
 }
 
-Pinned::Pinned(const std::vector<const Child*>& children) {
+Pinned::Pinned(const std::vector<const Child*>& children, Places places) {
   ::sched_getaffinity(0, sizeof before_, &before_);
-  int last = 0;
+  std::vector<cpu_set_t> single;
   for (int i = 0; i < CPU_SETSIZE; ++i) {
-    if (CPU_ISSET(i, &before_)) last = i;
+    if (!CPU_ISSET(i, &before_)) continue;
+    single.emplace_back();
+    CPU_ZERO(&single.back());
+    CPU_SET(i, &single.back());
   }
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(last, &one);
+  const bool two = places == apart && single.size() > 1;
+  if (two) processors_ = "two";
   processes_.push_back(::getpid());
-  for (const Child* child : children) processes_.push_back(child->pid());
-  for (const pid_t pid : processes_) pin_all_threads(pid, one);
+  pin_all_threads(processes_[0], two ? single.front() : single.back());
+  for (const Child* child : children) {
+    processes_.push_back(child->pid());
+    pin_all_threads(child->pid(), single.back());
+  }
 }
 
 Pinned::~Pinned() {

@@ -58,15 +58,21 @@ class Child {
   pid_t pid_;
 };
 
-/// While it lives, this process and the children run on one and the same processor.
+/// While it lives, this process and the children run on one and the same processor, or this process
+/// on one and the children on another.
 class Pinned {
  public:
-  explicit Pinned(const std::vector<const Child*>& children);
+  enum Places { together, apart };
+  explicit Pinned(const std::vector<const Child*>& children, Places places = together);
   ~Pinned();
   Pinned(const Pinned&) = delete;
   Pinned& operator=(const Pinned&) = delete;
 
+  /// How a row calls it: "one", or "two"; "one" too when there is only one processor.
+  std::string processors() const { return processors_; }
+
  private:
+  std::string processors_ = "one";
   std::vector<pid_t> processes_;
   cpu_set_t before_;
 };

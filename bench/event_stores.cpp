@@ -151,7 +151,7 @@ void measure_event_stores(const Bench& bench) {
       row.what = "events through a box to a consumer";
       row.payload = size_text(size);
       row.connections = producers;
-      row.pinned = pinned != nullptr;
+      if (pinned) row.processors = pinned->processors();
       row.value = rates[0];
       row.unit = "1/s";
       row.target = Target{1.0, true};

@@ -147,7 +147,7 @@ void measure_creation(const Bench& bench) {
     Row row;
     row.what = what;
     row.connections = 1;
-    row.pinned = true;
+    row.processors = pinned.processors();
     row.against = "100 ports, each";
     row.reference = median(reference) * 1e6;
     row.value = median(value) * 1e6;
@@ -182,7 +182,7 @@ void measure_fan_out(const Bench& bench) {
   row.what = "declare_event to 1,000 boxes";
   row.payload = size_text(payload_size);
   row.connections = 1;
-  row.pinned = true;
+  row.processors = pinned.processors();
   row.against = "to 1 box";
   row.reference = seconds[0] * 1e6;
   row.value = seconds[1] * 1e6;
@@ -227,7 +227,7 @@ void measure_large_box(const Bench& bench) {
   Row row;
   row.payload = size_text(payload_size);
   row.connections = 1;
-  row.pinned = true;
+  row.processors = pinned.processors();
   row.unit = "ns";
   // The same calls on a box that never gets large show what the calls themselves cost.
   std::vector<double> small_fill;
@@ -325,7 +325,7 @@ void measure_growth(const Bench& bench) {
     Row row;
     row.payload = payload;
     row.connections = 1;
-    row.pinned = true;
+    row.processors = pinned.processors();
     row.against = "10 ports, 10 handles";
     row.reference = seconds[0] * 1e6;
     row.unit = "us";

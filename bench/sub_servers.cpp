@@ -96,7 +96,7 @@ void measure_proxied_requests(const Bench& bench) {
   row.what = "request and reply through a sub server";
   row.payload = size_text(payload_size);
   row.connections = 1;
-  row.pinned = true;
+  row.processors = pinned.processors();
   row.against = "to the main server";
   row.reference = median(direct_times) * 1e6;
   row.value = median(proxied_times) * 1e6;
@@ -136,7 +136,7 @@ void measure_cloning(const Bench& bench) {
   Row row;
   row.what = "cloning 10,000 ports at the start, each";
   row.connections = 1;
-  row.pinned = true;
+  row.processors = pinned.processors();
   row.against = "empty call";
   row.reference = seconds[0] * 1e6;
   row.value = seconds[1] * 1e6;
@@ -224,7 +224,7 @@ void measure_copies(const Bench& bench) {
     row.what = fmt::format("copies of events to {} sub server{}", count, count == 1 ? "" : "s");
     row.payload = size_text(payload_size);
     row.connections = count;
-    row.pinned = true;
+    row.processors = "one";
     row.against = "empty calls";
     row.reference = 1 / empty_seconds;
     row.unit = "1/s";

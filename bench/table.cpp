@@ -36,9 +36,9 @@ void Table::add(const Row& row) {
                  "value", "unit", "ratio", "target", "note");
     }
     fmt::print(line, section_, row.what, row.payload,
-               row.connections == 0 ? "" : std::to_string(row.connections),
-               row.pinned ? "one" : "all", row.against, number(row.reference), number(row.value),
-               row.unit, ratio ? fmt::format("{:.3f}", *ratio) : "", verdict, row.note);
+               row.connections == 0 ? "" : std::to_string(row.connections), row.processors,
+               row.against, number(row.reference), number(row.value), row.unit,
+               ratio ? fmt::format("{:.3f}", *ratio) : "", verdict, row.note);
     std::fflush(stdout);
   }
 
@@ -49,7 +49,7 @@ void Table::add(const Row& row) {
                    {"what", row.what},
                    {"payload", row.payload},
                    {"connections", row.connections},
-                   {"processors", row.pinned ? "one" : "all"},
+                   {"processors", row.processors},
                    {"against", row.against},
                    {"reference", or_null(row.reference)},
                    {"value", or_null(row.value)},

@@ -15,10 +15,10 @@ struct Target {
 
 struct Row {
   std::string what;
-  std::string payload;           ///< "100 B"; empty where none counts
-  unsigned int connections = 0;  ///< 0 where none counts
-  bool pinned = false;           ///< client and servers on one processor
-  std::string against;           ///< what is measured beside it; empty for nothing
+  std::string payload;             ///< "100 B"; empty where none counts
+  unsigned int connections = 0;    ///< 0 where none counts
+  std::string processors = "all";  ///< Pinned::processors(), or all
+  std::string against;             ///< what is measured beside it; empty for nothing
   std::optional<double> reference;
   std::optional<double> value;  ///< nothing when it could not be measured
   std::string unit;

@@ -40,6 +40,7 @@ void vrPort_Buffer_Queue::push_back(const vrPort_Buffer& packet) {
 }
 
 void vrPort_Buffer_Queue::push_back(vrPort_Buffer&& packet) {
+  std::unique_ptr<unsigned char[]> dropped;  // freed after the lock is released
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, lock_);
   try {
     const unsigned int size = packet.size();
@@ -48,7 +49,10 @@ void vrPort_Buffer_Queue::push_back(vrPort_Buffer&& packet) {
     errno = ENOMEM;
     return;
   }
-  if (entries_.size() > limit_) entries_.pop_front();
+  if (entries_.size() > limit_) {
+    dropped = std::move(entries_.front().bytes);
+    entries_.pop_front();
+  }
 }
 
 unsigned int vrPort_Buffer_Queue::pop(unsigned int handle, vrPort_Buffer& out) {

@@ -2,6 +2,7 @@
 
 #include <ace/Guard_T.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
 #include <optional>
@@ -27,29 +28,42 @@ vrEventBox::vrEventBox(const char* name, unsigned int port_id, unsigned int limi
       servant_(servant),
       last_access_(calendar_seconds()) {}
 
-void vrEventBox::append(const Event_ptr& event) {
+Event_ptr vrEventBox::drop_oldest() {
+  Event_ptr oldest;
+  if (events_.size() > limit()) {
+    oldest = std::move(events_.front());
+    events_.pop_front();
+  }
+  return oldest;
+}
+
+Event_ptr vrEventBox::append(const Event_ptr& event) {
   try {
     events_.push_back(event);
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;
-    return;
+    return {};
   }
-  if (events_.size() > limit()) events_.pop_front();
+  return drop_oldest();
 }
 
 void vrEventBox::push_event(const Event_ptr& event) {
+  Event_ptr dropped;  // let go, like the others below, after the lock is released
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
-  append(event);
+  dropped = append(event);
 }
 
 void vrEventBox::push_events(const std::vector<Event_ptr>& events) {
+  std::vector<Event_ptr> dropped;
+  dropped.reserve(events.size());
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
-  for (const Event_ptr& event : events) append(event);
+  for (const Event_ptr& event : events) dropped.push_back(append(event));
 }
 
 void vrEventBox::push_event_front(const Event_ptr& event) {
+  Event_ptr dropped;
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
-  if (events_.size() > limit()) events_.pop_front();
+  dropped = drop_oldest();
   try {
     events_.push_front(event);
   } catch (const std::bad_alloc&) {
@@ -180,6 +194,7 @@ unsigned int vrEventBox::take_packet(vrPort_Buffer& out, unsigned int timeout) {
 unsigned int vrEventBox::take_events(std::vector<Event_ptr>& events, unsigned int maximum,
                                      unsigned int timeout) {
   return wait_for_events(timeout, [&] {
+    events.reserve(std::min<std::size_t>(maximum, events_.size()));
     do {
       events.push_back(std::move(events_.front()));
       events_.pop_front();

@@ -60,7 +60,10 @@ class vrEventBox : public Port_impl {
   // Waits until take(), called under the box lock while the box holds events, has taken some.
   template <class Take>
   unsigned int wait_for_events(unsigned int timeout, Take&& take);
-  void append(const Event_ptr& event);  // with the overflow rule; the caller holds the box lock
+  // The caller holds the box lock. Both answer the event that the overflow rule drops, if any, for
+  // the caller to let go after the lock.
+  Event_ptr append(const Event_ptr& event);
+  Event_ptr drop_oldest();
 
   std::atomic<bool> persistent_{true};
   Port_Factory_i* const servant_;          // not owned

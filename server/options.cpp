@@ -43,6 +43,12 @@ void add_options(CLI::App& command, Options& options) {
                   "Seconds after which a call to another server, that is no wait, has failed")
       ->capture_default_str()
       ->check(CLI::Range(1U, 3600U));
+  command
+      .add_option("--message-timeout", options.message_timeout,
+                  "Seconds after which a request that has stopped half-way, or a reply that nobody "
+                  "takes, gives up its connection")
+      ->capture_default_str()
+      ->check(CLI::Range(1U, 86400U));
   command.add_option("--trace", options.trace, "Trace level of the broker, on standard error")
       ->check(CLI::Range(0U, 40U));
 }

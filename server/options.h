@@ -24,6 +24,7 @@ struct Options {
   unsigned int snapshot_every = 0;  ///< seconds, 0 for never
   std::uint64_t max_message = 64ULL << 20;
   unsigned int call_timeout = 5;  ///< seconds a call to another server may take that is no wait
+  unsigned int message_timeout = 120;  ///< seconds a message may take to arrive or to be taken
   unsigned int trace = 0;
 };
 

@@ -3,7 +3,15 @@
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
+#include <netinet/tcp.h>
 #include <omniORB4/internal/giopStream.h>
+// The rest of the broker's own headers need those before them.
+#include <omniORB4/internal/giopStrand.h>
+#include <omniORB4/internal/giopStreamImpl.h>
+//
+#include <omniORB4/internal/GIOP_S.h>
+//
+#include <omniORB4/internal/SocketCollection.h>
 #include <omniORB4/minorCode.h>
 #include <omniORB4/omniInterceptors.h>
 #include <omnithread.h>
@@ -31,10 +39,6 @@ constexpr unsigned long thread_stack_bytes = 512UL << 10;
 // Connections to one peer, and calls under way on one connection, up to which nobody queues behind
 // somebody else's wait.
 constexpr const char* many = "16000";
-
-// A request that has not arrived, or a reply that has not been taken, this long after its first
-// byte gives up its connection and its thread. The largest message on a slow line fits in.
-constexpr const char* message_stall_ms = "120000";
 
 // Messages are written through buffers of this size, each sent by a call of its own. The broker's
 // 8 KiB make a reply of 64 events of 4 KiB cost twice as much. It has no option for the size: the
@@ -88,6 +92,33 @@ ConnectionCounter& connection_counter() {
   return counter;
 }
 
+/// The file descriptor of a connection, which the broker keeps to itself and its derived classes.
+class Socket : public _OMNI_NS(SocketHolder) {
+ public:
+  static int of(_OMNI_NS(giopConnection) * connection) {
+    auto* const holder = dynamic_cast<_OMNI_NS(SocketHolder)*>(connection);
+    return holder ? holder->*(&Socket::pd_socket) : -1;
+  }
+};
+
+// A reply that is not taken: the broker's own time-out would make the socket non-blocking and poll
+// it for every reply, a sixth of what the server does for a small call. The kernel watches it for
+// nothing, so it watches the connection and the reply is sent without the broker's time-out. A
+// request that stops half-way keeps that; a small one is there as a whole when it is looked at.
+unsigned int message_timeout_ms = 0;
+
+CORBA::Boolean watch_connection(
+    _OMNI_NS(omniInterceptors)::serverAcceptConnection_T::info_T& info) {
+  ::setsockopt(Socket::of(info.strand.connection), IPPROTO_TCP, TCP_USER_TIMEOUT,
+               &message_timeout_ms, sizeof message_timeout_ms);
+  return true;
+}
+
+CORBA::Boolean leave_reply_to_kernel(_OMNI_NS(omniInterceptors)::serverSendReply_T::info_T& info) {
+  info.giop_s.clearDeadline();
+  return true;
+}
+
 CORBA::Boolean count_connection(_OMNI_NS(omniInterceptors)::clientOpenConnection_T::info_T& info) {
   connection_counter().opened(info.peeraddress());
   return true;
@@ -123,6 +154,8 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
   omni_thread::stacksize(thread_stack_bytes);
   const std::string max_message = std::to_string(options.max_message);
   const std::string trace = std::to_string(options.trace);
+  message_timeout_ms = static_cast<unsigned int>(options.message_timeout.count());
+  const std::string message_timeout = std::to_string(message_timeout_ms);
   const char* settings[][2] = {
       {"traceLevel", trace.c_str()},
       {"giopMaxMsgSize", max_message.c_str()},
@@ -132,7 +165,7 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
       {"threadPerConnectionPolicy", "1"},
       {"threadPerConnectionUpperLimit", many},
       {"supportPerThreadTimeOut", "1"},
-      {"serverCallTimeOutPeriod", message_stall_ms},
+      {"serverCallTimeOutPeriod", message_timeout.c_str()},
       {options.endpoint.empty() ? nullptr : "endPoint", options.endpoint.c_str()},
       {nullptr, nullptr},
   };
@@ -142,6 +175,8 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
     impl_->orb = CORBA::ORB_init(argc, nullptr, "omniORB4", settings);
     set_message_buffer(message_buffer_bytes);
     omniORB::getInterceptors()->clientOpenConnection.add(count_connection);
+    omniORB::getInterceptors()->serverAcceptConnection.add(watch_connection);
+    omniORB::getInterceptors()->serverSendReply.add(leave_reply_to_kernel);
     if (options.endpoint.empty()) return;
     // The first use of the adapter opens the endpoint; calls are held back until serve().
     const CORBA::Object_var object = impl_->orb->resolve_initial_references("RootPOA");

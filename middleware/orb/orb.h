@@ -31,6 +31,10 @@ struct Options {
   std::uint64_t max_message = 64ULL << 20;
   /// The broker's own trace level, for finding faults. 0 keeps it silent.
   unsigned int trace = 0;
+  /// A request that has not arrived this long after its first bytes, or a reply of which nothing
+  /// has been taken for so long, gives up its connection and its thread. The largest message on a
+  /// slow line must fit in.
+  std::chrono::milliseconds message_timeout = std::chrono::minutes(2);
 };
 
 /// The process's broker: one at a time, made before the first reference is used and destroyed

@@ -32,7 +32,7 @@ TEST_F(BrokenInput, GarbageOnTheSocketEndsItsConnectionAndNothingElse) {
     raw.send(bytes);
     EXPECT_TRUE(raw.closed_by_peer(5s)) << bytes.substr(0, 12);
   }
-  // A message that never ends may keep its connection; it keeps nothing else.
+  // A message that does not end keeps its connection for a while, and nothing else.
   const RawConnection half(port("main"));
   half.send(header(request, 4000).substr(0, 7));
   const RawConnection almost(port("main"));
@@ -41,6 +41,56 @@ TEST_F(BrokenInput, GarbageOnTheSocketEndsItsConnectionAndNothingElse) {
   done("main", {"exists", "p"});
   { const RawConnection silent(port("main")); }
   done("main", {"exists", "p"});
+}
+
+// A packet_receive request as it stands on the wire.
+std::string receive_request(CORBA::ULong id, CORBA::ULong timeout) {
+  std::string body;
+  const auto number = [&](CORBA::ULong value) {
+    body.resize((body.size() + 3) / 4 * 4);
+    for (int shift = 0; shift < 32; shift += 8) body += static_cast<char>(value >> shift);
+  };
+  const auto text = [&](const std::string& value, bool terminated) {
+    number(static_cast<CORBA::ULong>(value.size() + terminated));
+    body += value;
+    if (terminated) body += '\0';
+  };
+  number(1);                              // request id
+  body.append({3, 0, 0, 0, 0, 0, 0, 0});  // a reply is wanted; the target is an object key
+  text(object_key, false);
+  text("packet_receive", true);
+  number(0);                                         // no contexts
+  body.resize((body.size() + 12 + 7) / 8 * 8 - 12);  // as aligned from the message's start
+  number(id);
+  number(timeout);
+  return header(0, static_cast<std::uint32_t>(body.size())) + body;
+}
+
+TEST_F(BrokenInput, MessagesThatStopHalfWayCostTheirConnectionOnly) {
+  start("main", {"--message-timeout", "1"});
+  const Port_Factory_var main = server("main");
+  EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 10), result::ok);
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 10), result::ok);
+  EXPECT_EQ(main->send_event("box", wire(std::string(32U << 20, 'x'))), result::ok);
+  const unsigned int id = info_of(main, "box").port_id;
+  const int sockets = process("main").sockets();
+
+  const RawConnection half(port("main"));
+  half.send(header(0, 1U << 20) + receive_request(id, 1).substr(12) + std::string(200000, '\0'));
+  EXPECT_TRUE(half.closed_by_peer(5s)) << "a request that stops half-way";
+
+  const RawConnection idle(port("main"));
+  const RawConnection deaf(port("main"));
+  deaf.send(receive_request(id, 1));
+  ASSERT_TRUE(eventually([&] {
+    CORBA::ULong count = 1;
+    return main->event_count("box", count) == result::ok && count == 0;
+  })) << "the request was not understood";
+  const unsigned int owner = connected(main, "p", CONNECT_OWNER);
+  EXPECT_EQ(std::get<0>(receive(main, owner, 2)), result::timed_out) << "a wait is no message";
+  EXPECT_TRUE(eventually([&] { return process("main").sockets() == sockets + 1; }))
+      << "a reply that nobody takes; a client that is silent stays";
+  EXPECT_FALSE(idle.closed_by_peer(100ms));
 }
 
 TEST_F(BrokenInput, AServerThatCannotStartSaysWhyInOneLine) {
@@ -73,6 +123,7 @@ TEST_F(BrokenInput, AServerThatCannotStartSaysWhyInOneLine) {
   expect(2, "--bogus", main_with(free, {"--bogus"}));
   expect(2, "--max-message", main_with(free, {"--max-message", "12"}));
   expect(2, "--call-timeout", main_with(free, {"--call-timeout", "0"}));
+  expect(2, "--message-timeout", main_with(free, {"--message-timeout", "0"}));
   expect(2, "excludes", main_with(free, {"--directory", "d", "--naming", "n"}));
   expect(1, "malformed", main_with("tcp:9700", {}));
   expect(1, "is in use", main_with(fmt::format("giop:tcp:127.0.0.1:{}", port("main")), {}));
