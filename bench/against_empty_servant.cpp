@@ -139,7 +139,7 @@ void measure_against_empty_servant(const Bench& bench) {
       if (connections == 1) pinned = std::make_unique<Pinned>(servers, Pinned::together);
       if (connections == 2) pinned = std::make_unique<Pinned>(servers, Pinned::apart);
       Effort effort = bench.effort;
-      if (connections > 1) effort.rounds *= bench.amount(2U, 1U);
+      effort.rounds *= bench.amount(connections > 2 ? 4U : 2U, 1U);
       const auto seconds = alternate(works, connections, effort);
       Row row;
       row.what = what;

@@ -128,7 +128,6 @@ void measure_event_stores(const Bench& bench) {
   std::array<Other, 2> others{{{"Redis list", start_redis(bench), 1.0},
                                {"omniEvents channel", start_event_channel(bench), 1.0}}};
   const auto slice = std::chrono::milliseconds(bench.amount(400, 100));
-  const unsigned int rounds = bench.amount(5U, 1U);
 
   for (const std::size_t size :
        {std::size_t{100}, std::size_t{4} << 10, std::size_t{64} << 10, std::size_t{1} << 20}) {
@@ -145,6 +144,7 @@ void measure_event_stores(const Bench& bench) {
       }
       std::unique_ptr<Pinned> pinned;
       if (producers == 1) pinned = std::make_unique<Pinned>(processes);
+      const unsigned int rounds = bench.amount(size <= (4U << 10) ? 11U : 5U, 1U);
       const std::vector<double> rates = alternate(measurements, rounds);
 
       Row row;

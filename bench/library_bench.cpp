@@ -21,6 +21,8 @@
 #include <thread>
 #include <vector>
 
+#include "bench/calls.h"
+#include "bench/measure.h"
 #include "idl/port_codes.h"
 #include "persistence/snapshot_file.h"
 #include "platform/memory.h"
@@ -33,31 +35,11 @@
 namespace portsvc::bench {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using Varo::DATA_BUFFER;
-using Varo::DATA_BUFFER_SEQ;
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 template <class Action>
 double seconds_of(Action&& action) {
   const auto start = Clock::now();
   action();
   return seconds_since(start);
-}
-
-/// Benchmarks measure what succeeds: anything else ends the run.
-void require_ok(CORBA::ULong code) {
-  if (code != result::ok) throw std::runtime_error(fmt::format("unexpected result code {}", code));
-}
-
-DATA_BUFFER payload(std::size_t size) {
-  DATA_BUFFER data;
-  data.length(static_cast<CORBA::ULong>(size));
-  std::fill_n(data.get_buffer(), size, 'x');
-  return data;
 }
 
 /// Bytes that the program has allocated and not freed.

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -66,17 +65,6 @@ std::vector<std::string> sub_server(const Bench& bench, const std::string& name,
 std::vector<std::string> empty_server() { return {own_path(), "empty-server"}; }
 
 std::string own_path() { return "/proc/self/exe"; }
-
-void require_ok(CORBA::ULong code) {
-  if (code != result::ok) throw std::runtime_error(fmt::format("unexpected result code {}", code));
-}
-
-DATA_BUFFER payload(std::size_t size) {
-  DATA_BUFFER data;
-  data.length(static_cast<CORBA::ULong>(size));
-  std::fill_n(data.get_buffer(), size, 'x');
-  return data;
-}
 
 CORBA::ULong connect_client(Port_Factory_ptr server, const std::string& port, CORBA::ULong access) {
   return connect(server, port, CONNECT_CLIENT, access);

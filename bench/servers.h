@@ -5,16 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "bench/calls.h"
 #include "bench/child_process.h"
 #include "bench/measure.h"
 #include "bench/table.h"
-#include "idl/port_codes.h"
 #include "middleware/orb/orb.h"
 
 namespace portsvc::bench {
 
-using Varo::DATA_BUFFER;
-using Varo::DATA_BUFFER_SEQ;
 using Varo::DT_PORT_SVC::Port_Factory_ptr;
 using Varo::DT_PORT_SVC::Port_Factory_var;
 
@@ -63,12 +61,6 @@ std::vector<std::string> sub_server(const Bench& bench, const std::string& name,
 std::vector<std::string> empty_server();
 /// This program, for the roles it plays in other processes.
 std::string own_path();
-
-/// A measured operation must do what it is measured for: anything but 0 ends the run.
-void require_ok(CORBA::ULong code);
-
-/// A payload of `size` bytes.
-DATA_BUFFER payload(std::size_t size);
 
 /// Makes the caller a client of the port; its handle.
 CORBA::ULong connect_client(Port_Factory_ptr server, const std::string& port,

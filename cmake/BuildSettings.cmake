@@ -14,12 +14,15 @@ find_package(Boost REQUIRED)
 find_package(fmt REQUIRED)
 find_package(PkgConfig REQUIRED)
 
+# Sanitizer builds are optimised for building them: the checks multiply what an optimiser has to
+# read, and the tests wait more than they compute. A fuzzer computes.
+set(sanitizer_options -fno-omit-frame-pointer -g1)
 if(PORTSVC_SANITIZE STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined
-                      -fno-omit-frame-pointer -O1)
+                      ${sanitizer_options} $<IF:$<BOOL:${PORTSVC_FUZZ}>,-O1,-O0>)
   add_link_options(-fsanitize=address,undefined)
 elseif(PORTSVC_SANITIZE STREQUAL "thread")
-  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer -O1)
+  add_compile_options(-fsanitize=thread ${sanitizer_options} -O1)
   add_link_options(-fsanitize=thread)
 elseif(NOT PORTSVC_SANITIZE STREQUAL "")
   message(FATAL_ERROR "PORTSVC_SANITIZE is '${PORTSVC_SANITIZE}', wanted: address, thread or empty")

@@ -27,7 +27,8 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libomniorb4-dev omniidl libace-
   libboost-dev libcli11-dev nlohmann-json3-dev libfmt-dev)
 TEST_PACKAGES=(libgtest-dev libgmock-dev omniorb-nameserver)
 
-# configure_and_build DIR [CMAKE_OPTION...]: builds the tree in DIR with all processors.
+# configure_and_build DIR [CMAKE_OPTION...]: builds the tree in DIR with all processors. The
+# variable TARGETS may name what to build, instead of all.
 configure_and_build() {
   local dir=$1 launcher=
   shift
@@ -37,5 +38,6 @@ configure_and_build() {
     return 1
   }
   rm -f "$dir.cmake.log"
-  cmake --build "$dir"
+  # shellcheck disable=SC2086
+  cmake --build "$dir" ${TARGETS:+--target $TARGETS}
 }

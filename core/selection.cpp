@@ -9,63 +9,52 @@ using namespace portsvc;
 
 namespace {
 
-std::optional<unsigned int> go_on() { return std::nullopt; }
+// Waits until an entry of the set is ready and answers its name. `signal_of(entry)` tells: ok, or
+// not_connected for one that is no longer there and leaves the set. Whatever ends the wait but an
+// empty set ends the selection.
+template <class Set, class Signal, class Name, class Off>
+unsigned int watch(Set& set, unsigned int& ready, unsigned int timeout, Signal&& signal_of,
+                   Name&& name_of, Off&& off) {
+  const unsigned int waited = wait(
+      timeout, result::timed_out, &set,
+      [&]() -> std::optional<unsigned int> {
+        if (set.empty()) return result::nothing_selected;
+        for (std::ptrdiff_t i = 0; i < static_cast<std::ptrdiff_t>(set.size());) {
+          const auto entry = set.begin() + i;
+          switch (signal_of(*entry)) {
+            case result::ok:
+              ready = name_of(*entry);
+              return result::ok;
+            case result::not_connected:
+              set.erase(entry);
+              break;
+            default:
+              ++i;
+          }
+        }
+        return std::nullopt;
+      },
+      []() -> std::optional<unsigned int> { return std::nullopt; });
+  if (waited == result::timed_out) ready = 0;
+  if (waited != result::nothing_selected) off();
+  return waited;
+}
 
 }  // namespace
 
 unsigned int Port_Factory_i::wait_for_signal(Owner_Set& set, unsigned int& ready,
                                              unsigned int timeout) {
-  const unsigned int waited = wait(
-      timeout, result::timed_out, &set,
-      [&]() -> std::optional<unsigned int> {
-        if (set.empty()) return result::nothing_selected;
-        for (auto entry = set.begin(); entry != set.end();) {
-          switch ((*entry)->owner_signal()) {
-            case result::ok:
-              ready = (*entry)->port_id();
-              return result::ok;
-            case result::not_connected:
-              entry = set.erase(entry);
-              break;
-            default:
-              ++entry;
-          }
-        }
-        return std::nullopt;
-      },
-      go_on);
-  if (waited == result::timed_out) ready = 0;
-  if (waited != result::nothing_selected) signal_off(set);
-  return waited;
+  return watch(
+      set, ready, timeout, [](const auto& port) { return port->owner_signal(); },
+      [](const auto& port) { return port->port_id(); }, [&] { signal_off(set); });
 }
 
 unsigned int Port_Factory_i::wait_for_replay_signal(Client_Set& set, unsigned int& ready,
                                                     unsigned int timeout) {
-  const unsigned int waited = wait(
-      timeout, result::timed_out, &set,
-      [&]() -> std::optional<unsigned int> {
-        if (set.empty()) return result::nothing_selected;
-        for (auto entry = set.begin(); entry != set.end();) {
-          switch (entry->second->reply_signal(entry->first)) {
-            case result::ok:
-              ready = entry->first;
-              return result::ok;
-            case result::not_connected: {
-              const auto index = entry - set.begin();
-              set.erase(entry);
-              entry = set.begin() + index;
-              break;
-            }
-            default:
-              ++entry;
-          }
-        }
-        return std::nullopt;
-      },
-      go_on);
-  if (waited == result::timed_out) ready = 0;
-  if (waited != result::nothing_selected) signal_off_replay(set);
-  return waited;
+  return watch(
+      set, ready, timeout,
+      [](const auto& client) { return client.second->reply_signal(client.first); },
+      [](const auto& client) { return client.first; }, [&] { signal_off_replay(set); });
 }
 
 void Port_Factory_i::signal_off(Owner_Set& set) {

@@ -87,16 +87,6 @@ unsigned int vrEventBox::event_count() {
   return static_cast<unsigned int>(events_.size());
 }
 
-void vrEventBox::set_connected_host(const char* host) {
-  ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, state_lock_);
-  connected_host_ = host;
-}
-
-std::string vrEventBox::connected_host() {
-  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, {});
-  return connected_host_;
-}
-
 unsigned int vrEventBox::forward(unsigned int handle, vrBuffer data, unsigned int) {
   return static_cast<unsigned int>(
       servant::process_event_data(servant_, this, handle, data, false));

@@ -21,8 +21,6 @@ class vrEventBox : public Port_impl {
   void push_events(const std::vector<Event_ptr>& events) override;
   void clear_events() override;
   unsigned int event_count() override;
-  void set_connected_host(const char* host) override;
-  std::string connected_host() override;
   /// Hands the packet to the role's process_event_data and answers what that does.
   unsigned int forward(unsigned int handle, vrBuffer data, unsigned int timeout) override;
   unsigned int forward_front(unsigned int handle, vrBuffer data, unsigned int timeout) override;

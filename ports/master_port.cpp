@@ -15,16 +15,6 @@ vrMaster_Port::vrMaster_Port(const char* name, unsigned int port_id, unsigned in
   reply_queue_.set_limit(reply_limit);
 }
 
-void vrMaster_Port::set_connected_host(const char* host) {
-  ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, state_lock_);
-  connected_host_ = host;
-}
-
-std::string vrMaster_Port::connected_host() {
-  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, {});
-  return connected_host_;
-}
-
 unsigned int vrMaster_Port::forward(unsigned int handle, vrBuffer data, unsigned int timeout) {
   const unsigned int admitted = wait_receiver(handle, timeout);
   if (admitted == result::ok) packet_queue_.push(handle, std::move(data));

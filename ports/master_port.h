@@ -16,8 +16,6 @@ class vrMaster_Port : public Port_impl {
 
   void clear_events() override {}
   unsigned int event_count() override { return 0; }
-  void set_connected_host(const char* host) override;
-  std::string connected_host() override;
   /// 0 once the packet is queued, or what wait_receiver answers.
   unsigned int forward(unsigned int handle, vrBuffer data, unsigned int timeout) override;
   /// 0; the packet is dropped.

@@ -21,6 +21,16 @@ unsigned int Port_impl::disconnect(unsigned int handle) {
   return was_connected ? result::ok : result::not_connected;
 }
 
+void Port_impl::set_connected_host(const char* host) {
+  ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, state_lock_);
+  connected_host_ = host;
+}
+
+std::string Port_impl::connected_host() {
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, {});
+  return connected_host_;
+}
+
 void Port_impl::push_events(const std::vector<Event_ptr>&) {}
 
 unsigned int Port_impl::receive_n(unsigned int&, std::vector<Event_ptr>&, unsigned int,

@@ -46,9 +46,10 @@ class Port_impl : public boost::enable_shared_from_this<Port_impl> {
   virtual void clear_events() = 0;
   /// The number of events held; 0 on packet ports.
   virtual unsigned int event_count() = 0;
-  /// Stores a free text about the owner's host; the owner's disconnection empties it.
-  virtual void set_connected_host(const char* host) = 0;
-  virtual std::string connected_host() = 0;
+  /// Stores a free text about the owner's host; the owner's disconnection empties it. Proxies store
+  /// none.
+  virtual void set_connected_host(const char* host);
+  virtual std::string connected_host();
   /// A client sends a packet; blocks until an owner takes, as far as its access mode says.
   virtual unsigned int forward(unsigned int handle, vrBuffer data, unsigned int timeout) = 0;
   /// Puts a packet at the head; only event boxes have one.
