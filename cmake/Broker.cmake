@@ -6,9 +6,10 @@ add_library(portsvc::broker ALIAS portsvc_broker)
 
 if(PORTSVC_ORB STREQUAL "OMNIORB")
   pkg_check_modules(OMNIORB REQUIRED IMPORTED_TARGET omniORB4)
+  find_library(OMNIORB_TLS omnisslTP4 HINTS ${OMNIORB_LIBRARY_DIRS} REQUIRED)
   find_program(OMNIIDL omniidl REQUIRED)
   # The 3 in omniORB4's compiler flags (__OMNIORB4__ and friends) come with pkg-config.
-  target_link_libraries(portsvc_broker INTERFACE PkgConfig::OMNIORB Threads::Threads)
+  target_link_libraries(portsvc_broker INTERFACE ${OMNIORB_TLS} PkgConfig::OMNIORB Threads::Threads)
   target_compile_definitions(portsvc_broker INTERFACE PORTSVC_ORB_OMNIORB=1)
 elseif(PORTSVC_ORB STREQUAL "TAO")
   set(TAO_ROOT "$ENV{TAO_ROOT}" CACHE PATH "TAO")

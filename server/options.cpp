@@ -16,9 +16,10 @@ void add_options(CLI::App& command, Options& options) {
                      "Interface name, the server's name towards other servers (default: its name)");
   command.add_option("--realm", options.realm, "Realm of the server and its peers (default: none)");
   command
-      .add_option("--endpoint", options.endpoint,
-                  "Where to listen, giop:tcp:HOST:PORT; port 0 takes any free one, no host all "
-                  "interfaces")
+      .add_option(
+          "--endpoint", options.endpoint,
+          "Where to listen, giop:tcp:HOST:PORT, or with TLS giop:ssl:HOST:PORT; port 0 takes "
+          "any free one, no host all interfaces")
       ->capture_default_str();
   command.add_option("--ior-file", options.ior_file,
                      "File that receives the reference once the server is serving");
@@ -49,6 +50,13 @@ void add_options(CLI::App& command, Options& options) {
                   "takes, gives up its connection")
       ->capture_default_str()
       ->check(CLI::Range(1U, 86400U));
+  auto* const authorities =
+      command.add_option("--tls-ca", options.tls_authorities,
+                         "TLS: the certificates of the authorities that are trusted, PEM");
+  auto* const key = command.add_option(
+      "--tls-key", options.tls_key, "TLS: this server's own certificate and its private key, PEM");
+  authorities->needs(key);
+  key->needs(authorities);
   command.add_option("--trace", options.trace, "Trace level of the broker, on standard error")
       ->check(CLI::Range(0U, 40U));
 }

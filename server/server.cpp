@@ -158,8 +158,11 @@ void serve(const Options& options, StopSignal& stop, orb::Broker& broker, const 
 void run(const Options& options, StopSignal& stop) {
   // First of all the endpoint: a second server started by mistake fails here, before it could
   // delete the snapshot of the first.
-  orb::Broker broker({options.endpoint, options.max_message, options.trace,
-                      std::chrono::seconds(options.message_timeout)});
+  orb::Broker broker({options.endpoint,
+                      options.max_message,
+                      options.trace,
+                      std::chrono::seconds(options.message_timeout),
+                      {options.tls_authorities, options.tls_key}});
   orb::set_peer_call_timeout(std::chrono::seconds(options.call_timeout));
   const UseOfDirectory use(broker, options);
   if (options.role == Role::sub && !use.directory()) {

@@ -70,6 +70,7 @@ TEST(PortctlServer, IsAReferenceAnAddressOrAName) {
     EXPECT_EQ(reference_text(reference), reference);
   }
   EXPECT_EQ(reference_text("plant1.local:9700"), "corbaloc:iiop:plant1.local:9700/PortService");
+  EXPECT_EQ(reference_text("h:9700", true), "corbaloc:ssliop:h:9700/PortService");
   EXPECT_EQ(reference_text("[::1]:9700"), "corbaloc:iiop:[::1]:9700/PortService");
   for (const char* name : {"plant1", "plant:one", "a:b:9700", ":9700", "plant:", ""}) {
     EXPECT_EQ(reference_text(name), std::nullopt) << name;

@@ -30,6 +30,15 @@ void describe_options(CLI::App& app, GlobalOptions& options) {
   app.add_option("--max-message", options.max_message, "Largest message, in bytes")
       ->capture_default_str()
       ->check(CLI::Range(std::uint64_t{8192}, std::uint64_t{1} << 31));
+  auto* const authorities =
+      app.add_option("--tls-ca", options.tls.authorities,
+                     "TLS: the certificates of the authorities that are trusted, PEM")
+          ->envname("PORTSVC_TLS_CA");
+  auto* const key = app.add_option("--tls-key", options.tls.key,
+                                   "TLS: your own certificate and its private key, PEM")
+                        ->envname("PORTSVC_TLS_KEY");
+  authorities->needs(key);
+  key->needs(authorities);
   // A little more than a sub server gives its main server, so that what the sub server makes of
   // a silent main server still arrives here.
   app.add_option("--timeout-call", options.call_timeout,

@@ -31,12 +31,12 @@ bool is_host_and_port(std::string_view text) {
 
 }  // namespace
 
-std::optional<std::string> reference_text(const std::string& server) {
+std::optional<std::string> reference_text(const std::string& server, bool tls) {
   for (const std::string_view scheme : {"corbaloc:", "corbaname:", "IOR:"}) {
     if (server.compare(0, scheme.size(), scheme) == 0) return server;
   }
   if (!is_host_and_port(server)) return std::nullopt;
-  return fmt::format("corbaloc:iiop:{}/{}", server, object_key);
+  return fmt::format("corbaloc:{}:{}/{}", tls ? "ssliop" : "iiop", server, object_key);
 }
 
 orb::Broker& Session::broker() {
@@ -44,6 +44,7 @@ orb::Broker& Session::broker() {
     orb::set_peer_call_timeout(std::chrono::seconds(options_.call_timeout));
     orb::Options options;
     options.max_message = options_.max_message;
+    options.tls = options_.tls;
     broker_ = std::make_unique<orb::Broker>(options);
     call_timeout_ = std::make_unique<orb::CallTimeout>();
   }
@@ -66,7 +67,7 @@ Directory& Session::directory() {
 
 Port_Factory_var Session::resolve(const std::string& server) {
   CORBA::Object_var object;
-  if (const auto reference = reference_text(server)) {
+  if (const auto reference = reference_text(server, options_.tls.in_use())) {
     try {
       object = broker().from_text(*reference);
     } catch (const orb::Error& error) {

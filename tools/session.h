@@ -21,11 +21,12 @@ struct GlobalOptions {
   bool json = false;
   std::uint64_t max_message = 64ULL << 20;
   unsigned int call_timeout = 7;
+  orb::Tls tls = {};
 };
 
 /// The reference that a --server text names: itself for corbaloc, corbaname and IOR texts, a
-/// corbaloc for HOST:PORT; nothing when the text is a server's name.
-std::optional<std::string> reference_text(const std::string& server);
+/// corbaloc for HOST:PORT, with TLS when that is in use; nothing when the text is a server's name.
+std::optional<std::string> reference_text(const std::string& server, bool tls = false);
 
 /// Made once, after the options have been read. Starts the broker at the first use, so that a
 /// command without a server needs none. Not thread-safe.

@@ -4,6 +4,8 @@
 #include <netdb.h>
 
 #include <charconv>
+#include <fstream>
+#include <iterator>
 #include <string_view>
 #include <utility>
 
@@ -11,9 +13,12 @@ namespace portsvc::orb {
 
 Endpoint parse_endpoint(const std::string& text) {
   constexpr std::string_view prefix = "giop:tcp:";
+  constexpr std::string_view tls_prefix = "giop:ssl:";  // as long as the other
   const auto colon = text.rfind(':');
-  if (text.compare(0, prefix.size(), prefix) == 0 && colon >= prefix.size()) {
+  const bool tls = text.compare(0, tls_prefix.size(), tls_prefix) == 0;
+  if ((tls || text.compare(0, prefix.size(), prefix) == 0) && colon >= prefix.size()) {
     Endpoint endpoint;
+    endpoint.tls = tls;
     endpoint.host = text.substr(prefix.size(), colon - prefix.size());
     const char* const end = text.data() + text.size();
     const auto number = std::from_chars(text.data() + colon + 1, end, endpoint.port);
@@ -25,7 +30,26 @@ Endpoint parse_endpoint(const std::string& text) {
       return endpoint;
     }
   }
-  throw Error(fmt::format("the endpoint '{}' is malformed, wanted: giop:tcp:HOST:PORT", text));
+  throw Error(fmt::format(
+      "the endpoint '{}' is malformed, wanted: giop:tcp:HOST:PORT or giop:ssl:HOST:PORT", text));
+}
+
+void check(const Tls& tls, const Endpoint& endpoint) {
+  if (!tls.in_use()) {
+    if (endpoint.tls) throw Error("a giop:ssl endpoint needs a certificate and its authorities");
+    return;
+  }
+  const auto require = [](const std::string& path, const char* what) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) throw Error(fmt::format("cannot read {}", path));
+    const std::string text(std::istreambuf_iterator<char>(file), {});
+    if (text.find(fmt::format("{}-----", what)) == std::string::npos) {
+      throw Error(fmt::format("there is no {} in {}", what, path));
+    }
+  };
+  require(tls.authorities, "CERTIFICATE");
+  require(tls.key, "CERTIFICATE");
+  require(tls.key, "PRIVATE KEY");
 }
 
 std::string why_not_listening(const Endpoint& endpoint) {

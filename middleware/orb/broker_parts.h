@@ -14,10 +14,16 @@ namespace portsvc::orb {
 struct Endpoint {
   std::string host;       ///< a name or an address, an IPv6 one without brackets; empty: everywhere
   unsigned int port = 0;  ///< 0: any free one
+  bool tls = false;
 };
 
-/// Reads "giop:tcp:HOST:PORT"; an IPv6 address stands in brackets. Throws Error.
+/// Reads "giop:tcp:HOST:PORT" or "giop:ssl:HOST:PORT"; an IPv6 address stands in brackets. Throws
+/// Error.
 Endpoint parse_endpoint(const std::string& text);
+
+/// Throws Error when the files are not what TLS needs, or the endpoint needs TLS and there is none.
+/// A broker itself says no more than that it cannot start.
+void check(const Tls& tls, const Endpoint& endpoint);
 
 /// The cause of a failure to listen, as far as it can be told.
 std::string why_not_listening(const Endpoint& endpoint);

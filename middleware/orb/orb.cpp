@@ -12,6 +12,7 @@
 #include <omniORB4/internal/GIOP_S.h>
 //
 #include <omniORB4/internal/SocketCollection.h>
+#include <omniORB4/linkHacks.h>
 #include <omniORB4/minorCode.h>
 #include <omniORB4/omniInterceptors.h>
 #include <omnithread.h>
@@ -24,6 +25,8 @@
 
 #include "idl/port_codes.h"
 #include "middleware/orb/broker_parts.h"
+
+OMNI_FORCE_LINK(omnisslTP);  // nothing else refers to the broker's TLS library
 
 namespace portsvc::orb {
 namespace {
@@ -52,7 +55,8 @@ struct SetMessageBuffer {
 void set_message_buffer(CORBA::ULong bytes);
 template struct SetMessageBuffer<&_OMNI_NS(giopStream)::bufferSize>;
 
-constexpr std::string_view tcp_prefix = "giop:tcp:";
+// How an address begins, and what that is in a corbaloc.
+constexpr std::string_view schemes[][2] = {{"giop:tcp:", "iiop"}, {"giop:ssl:", "ssliop"}};
 
 // An IORInfo names a peer by its numeric address or by a host name.
 bool is_numeric(const char* host) {
@@ -150,13 +154,14 @@ struct Broker::Impl {
 Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
   Endpoint endpoint;
   if (!options.endpoint.empty()) endpoint = parse_endpoint(options.endpoint);
+  check(options.tls, endpoint);
 
   omni_thread::stacksize(thread_stack_bytes);
   const std::string max_message = std::to_string(options.max_message);
   const std::string trace = std::to_string(options.trace);
   message_timeout_ms = static_cast<unsigned int>(options.message_timeout.count());
   const std::string message_timeout = std::to_string(message_timeout_ms);
-  const char* settings[][2] = {
+  const char* settings[16][2] = {
       {"traceLevel", trace.c_str()},
       {"giopMaxMsgSize", max_message.c_str()},
       {"maxGIOPConnectionPerServer", many},
@@ -166,9 +171,18 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
       {"threadPerConnectionUpperLimit", many},
       {"supportPerThreadTimeOut", "1"},
       {"serverCallTimeOutPeriod", message_timeout.c_str()},
-      {options.endpoint.empty() ? nullptr : "endPoint", options.endpoint.c_str()},
-      {nullptr, nullptr},
+  };  // the list ends where a name is null
+  const auto add = [&, next = std::find_if(std::begin(settings), std::end(settings),
+                                           [](const auto& setting) { return !setting[0]; })](
+                       const char* name, const std::string& value) mutable {
+    if (value.empty()) return;
+    (*next)[0] = name;
+    (*next)[1] = value.c_str();
+    ++next;
   };
+  add("sslCAFile", options.tls.authorities);
+  add("sslKeyFile", options.tls.key);
+  add("endPoint", options.endpoint);
 
   try {
     int argc = 0;
@@ -239,8 +253,10 @@ std::string Broker::corbaloc(CORBA::Object_ptr served) const {
   const omniIOR_var ior = served->_PR_getobj()->_getIOR();
   for (const auto* address : ior->getIORInfo()->addresses()) {
     const std::string text = address->address();
-    if (text.compare(0, tcp_prefix.size(), tcp_prefix) == 0) {
-      return fmt::format("corbaloc:iiop:{}/{}", text.substr(tcp_prefix.size()), object_key);
+    for (const auto& [prefix, scheme] : schemes) {
+      if (text.compare(0, prefix.size(), prefix) == 0) {
+        return fmt::format("corbaloc:{}:{}/{}", scheme, text.substr(prefix.size()), object_key);
+      }
     }
   }
   throw Error("the reference has no address");

@@ -23,9 +23,19 @@ class Error : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// What a process needs for TLS, PEM files both. With it the process can serve at a "giop:ssl"
+/// endpoint and call servers there; each side must show a certificate of a trusted authority.
+struct Tls {
+  std::string authorities;  ///< the certificates of the authorities that are trusted
+  std::string key;          ///< the process's own certificate and its private key
+
+  bool in_use() const { return !authorities.empty() && !key.empty(); }
+};
+
 /// Set-up of the process's broker.
 struct Options {
-  /// "giop:tcp:HOST:PORT" to serve there (PORT 0: any free port); empty for a pure client.
+  /// "giop:tcp:HOST:PORT", or "giop:ssl:HOST:PORT", to serve there (PORT 0: any free port); empty
+  /// for a pure client.
   std::string endpoint;
   /// Largest message accepted and sent, in bytes.
   std::uint64_t max_message = 64ULL << 20;
@@ -35,6 +45,7 @@ struct Options {
   /// has been taken for so long, gives up its connection and its thread. The largest message on a
   /// slow line must fit in.
   std::chrono::milliseconds message_timeout = std::chrono::minutes(2);
+  Tls tls = {};
 };
 
 /// The process's broker: one at a time, made before the first reference is used and destroyed
@@ -61,7 +72,7 @@ class Broker {
   bool shutdown(std::chrono::milliseconds patience);
 
   /// The short form of the reference that serve() answered, corbaloc:iiop:HOST:PORT/KEY with the
-  /// port that is really listened on. Throws Error.
+  /// port that is really listened on; corbaloc:ssliop:... with TLS. Throws Error.
   std::string corbaloc(CORBA::Object_ptr served) const;
 
   /// The stringified reference. Throws Error.

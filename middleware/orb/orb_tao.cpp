@@ -97,6 +97,7 @@ struct Broker::Impl {
 Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
   Endpoint endpoint;
   if (!options.endpoint.empty()) endpoint = parse_endpoint(options.endpoint);
+  if (endpoint.tls || options.tls.in_use()) throw Error("there is no TLS in this build");
 
   // There is no limit on the size of a message to set: this broker takes what memory allows.
   std::vector<std::string> words = {"portsvc",

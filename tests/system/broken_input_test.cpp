@@ -125,6 +125,11 @@ TEST_F(BrokenInput, AServerThatCannotStartSaysWhyInOneLine) {
   expect(2, "--call-timeout", main_with(free, {"--call-timeout", "0"}));
   expect(2, "--message-timeout", main_with(free, {"--message-timeout", "0"}));
   expect(2, "excludes", main_with(free, {"--directory", "d", "--naming", "n"}));
+  expect(2, "--tls-ca requires --tls-key", main_with(free, {"--tls-ca", "ca"}));
+  expect(1, "cannot read", main_with(free, {"--tls-ca", "/nowhere", "--tls-key", "/nowhere"}));
+  expect(1, "no CERTIFICATE in",
+         main_with(free, {"--tls-ca", folder.path("file"), "--tls-key", folder.path("file")}));
+  expect(1, "needs a certificate", main_with("giop:ssl:127.0.0.1:0", {}));
   expect(1, "malformed", main_with("tcp:9700", {}));
   expect(1, "is in use", main_with(fmt::format("giop:tcp:127.0.0.1:{}", port("main")), {}));
   expect(1, "not local", main_with("giop:tcp:192.0.2.1:0", {}));

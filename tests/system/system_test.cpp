@@ -7,13 +7,27 @@
 namespace portsvc {
 
 SystemTest::SystemTest() : directory{"--directory", folder.path("servers.ini")} {
+  for (const char* name : {"main", "sub1", "sub2"}) ports_[name] = free_port();
+  write_directory();
+}
+
+void SystemTest::write_directory() {
   std::string entries;
   for (const char* name : {"main", "sub1", "sub2"}) {
-    ports_[name] = free_port();
     entries += fmt::format("[{}]\nrole = {}\nreference = {}\n", name,
                            std::string(name) == "main" ? "main" : "slave", corbaloc(name));
   }
   write_all(directory[1], entries);
+}
+
+void SystemTest::use_tls(const orb::Tls& tls) {
+  tls_ = tls;
+  write_directory();
+}
+
+void SystemTest::add_tls(Words& command) const {
+  if (!tls_.in_use()) return;
+  command.insert(command.end(), {"--tls-ca", tls_.authorities, "--tls-key", tls_.key});
 }
 
 void SystemTest::TearDown() {
@@ -33,13 +47,15 @@ Process& SystemTest::start(const std::string& name, const Words& options) {
   const std::string ior_file = folder.path(name + ".ior");
   std::filesystem::remove(ior_file);
   const bool main = name == "main";
-  Words command{PORT_SERVER,   main ? "main" : "sub",
-                "--name",      name,
-                "--endpoint",  fmt::format("giop:tcp:127.0.0.1:{}", port(name)),
-                "--state-dir", folder.path(name),
-                "--ior-file",  ior_file};
+  Words command{
+      PORT_SERVER,   main ? "main" : "sub",
+      "--name",      name,
+      "--endpoint",  fmt::format("giop:{}:127.0.0.1:{}", tls_.in_use() ? "ssl" : "tcp", port(name)),
+      "--state-dir", folder.path(name),
+      "--ior-file",  ior_file};
   if (!main) command.insert(command.end(), {"--main", "main"});
   command.insert(command.end(), directory.begin(), directory.end());
+  add_tls(command);
   command.insert(command.end(), options.begin(), options.end());
   auto& server = servers_[name] = std::make_unique<Process>(command, files(name));
   EXPECT_TRUE(eventually([&] { return !server->running() || std::filesystem::exists(ior_file); }));
@@ -65,6 +81,7 @@ std::unique_ptr<Process> SystemTest::in_background(const std::string& server,
                                                    const Words& arguments,
                                                    const std::string& input) {
   Words command{PORTCTL, "--server", server};
+  add_tls(command);
   command.insert(command.end(), directory.begin(), directory.end());
   command.insert(command.end(), arguments.begin(), arguments.end());
   return std::make_unique<Process>(command, files("portctl"), input);
@@ -95,6 +112,7 @@ orb::Broker& SystemTest::broker(const std::string& endpoint) {
     ::signal(SIGPIPE, SIG_IGN);
     orb::Options options;
     options.endpoint = endpoint;
+    options.tls = tls_;
     options.max_message = 256U << 20;  // more than any server takes
     broker_ = std::make_unique<orb::Broker>(options);
   }
@@ -112,7 +130,8 @@ Port_Factory_var SystemTest::server(const std::string& name) {
 }
 
 std::string SystemTest::corbaloc(const std::string& name) const {
-  return fmt::format("corbaloc:iiop:127.0.0.1:{}/{}", port(name), object_key);
+  return fmt::format("corbaloc:{}:127.0.0.1:{}/{}", tls_.in_use() ? "ssliop" : "iiop", port(name),
+                     object_key);
 }
 
 unsigned int connected(Port_Factory_ptr server, const std::string& port, unsigned int mode,

@@ -65,15 +65,21 @@ class SystemTest : public ::testing::Test {
   std::string corbaloc(const std::string& name) const;
   int port(const std::string& name) const { return ports_.at(name); }
 
+  /// From here on servers, portctl and the broker of the test use TLS alone.
+  void use_tls(const orb::Tls& tls);
+
   const TemporaryFolder folder;
   Words directory;  ///< the options that name it
 
  private:
+  void write_directory();
+  void add_tls(Words& command) const;
   std::string files(const std::string& of) { return folder.path(of + std::to_string(++started_)); }
   void expect_no_complaint(const std::string& name);
 
   std::map<std::string, int> ports_;
   int started_ = 0;
+  orb::Tls tls_;
   std::unique_ptr<orb::Broker> broker_;
   std::map<std::string, std::unique_ptr<Process>> servers_;
 };
