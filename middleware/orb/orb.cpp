@@ -172,17 +172,19 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
       {"supportPerThreadTimeOut", "1"},
       {"serverCallTimeOutPeriod", message_timeout.c_str()},
   };  // the list ends where a name is null
-  const auto add = [&, next = std::find_if(std::begin(settings), std::end(settings),
-                                           [](const auto& setting) { return !setting[0]; })](
-                       const char* name, const std::string& value) mutable {
-    if (value.empty()) return;
+  auto* next = std::find_if(std::begin(settings), std::end(settings),
+                            [](const auto& setting) { return !setting[0]; });
+  const auto add = [&](const char* name, const char* value) {
+    if (!*value) return;
     (*next)[0] = name;
-    (*next)[1] = value.c_str();
+    (*next)[1] = value;
     ++next;
   };
-  add("sslCAFile", options.tls.authorities);
-  add("sslKeyFile", options.tls.key);
-  add("endPoint", options.endpoint);
+  add("sslCAFile", options.tls.authorities.c_str());
+  add("sslKeyFile", options.tls.key.c_str());
+  // The broker reads the key only when there is a password for it, even for one that needs none.
+  if (options.tls.in_use()) add("sslKeyPassword", "none");
+  add("endPoint", options.endpoint.c_str());
 
   try {
     int argc = 0;
@@ -196,7 +198,14 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
     const CORBA::Object_var object = impl_->orb->resolve_initial_references("RootPOA");
     impl_->root_poa = PortableServer::POA::_narrow(object);
   } catch (const CORBA::INITIALIZE& e) {
-    if (!CORBA::is_nil(impl_->orb.in())) impl_->orb->destroy();
+    const bool started = !CORBA::is_nil(impl_->orb.in());
+    if (started) impl_->orb->destroy();
+    if (!started && options.tls.in_use()) {
+      throw Error(
+          fmt::format("TLS cannot start with {} and {}: they are not valid, or the key is "
+                      "not the certificate's",
+                      options.tls.authorities, options.tls.key));
+    }
     if (e.minor() == _OMNI_NS(INITIALIZE_TransportError)) {
       throw Error(
           fmt::format("cannot listen on {}: {}", options.endpoint, why_not_listening(endpoint)));
@@ -253,6 +262,8 @@ std::string Broker::corbaloc(CORBA::Object_ptr served) const {
   const omniIOR_var ior = served->_PR_getobj()->_getIOR();
   for (const auto* address : ior->getIORInfo()->addresses()) {
     const std::string text = address->address();
+    // With TLS alone the plain address is there too, with port 0.
+    if (text.compare(text.rfind(':'), std::string::npos, ":0") == 0) continue;
     for (const auto& [prefix, scheme] : schemes) {
       if (text.compare(0, prefix.size(), prefix) == 0) {
         return fmt::format("corbaloc:{}:{}/{}", scheme, text.substr(prefix.size()), object_key);

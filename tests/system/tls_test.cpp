@@ -68,6 +68,12 @@ TEST_F(TlsOnly, OthersAreTurnedAwayAndServedNothing) {
   };
   const std::string plant = folder.path("plant.pem");
   const std::string stranger = folder.path("stranger.pem");
+  write_all(folder.path("mixed.pem"),
+            read_all(folder.path("own.crt")) + read_all(folder.path("stranger.key")));
+  Process mixed({PORTCTL, "--tls-ca", plant, "--tls-key", folder.path("mixed.pem"), "ls"},
+                folder.path("mixed"));
+  EXPECT_EQ(outcome(mixed, 10s).status, 2);
+  EXPECT_NE(mixed.err().find("not the certificate's"), std::string::npos) << mixed.err();
   refused({});
   refused({"--tls-ca", plant, "--tls-key", stranger});
   refused({"--tls-ca", folder.path("strangers.pem"), "--tls-key", folder.path("own.pem")});
