@@ -40,9 +40,6 @@ void master(Session& session, const MasterOptions& options) {
   }
 }
 
-struct NoOptions {};
-void describe_nothing(CLI::App&, NoOptions&) {}
-
 void subs(Session& session, const NoOptions&) {
   Varo::STRING_LIST_var list;
   check("list sub servers", session.server()->get_remote_sub(list.out()));

@@ -37,6 +37,10 @@ struct Commands {
   }
 };
 
+/// For commands without options.
+struct NoOptions {};
+inline void describe_nothing(CLI::App&, NoOptions&) {}
+
 void add_listing_commands(Commands& commands);   ///< ls info connections
 void add_registry_commands(Commands& commands);  ///< create rm exists release host ping clear codes
 void add_packet_commands(Commands& commands);    ///< send receive serve select

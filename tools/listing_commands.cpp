@@ -230,9 +230,6 @@ void info(Session& session, const NameOptions& options) {
   }
 }
 
-struct NoOptions {};
-void describe_nothing(CLI::App&, NoOptions&) {}
-
 void connections(Session& session, const NoOptions&) {
   const auto hosts = read_hosts(session.server());
   if (session.options().json) {

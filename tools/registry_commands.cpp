@@ -106,9 +106,6 @@ void set_host(Session& session, const HostOptions& options) {
         session.server()->set_connected_host(options.name.c_str(), options.host.c_str()));
 }
 
-struct NoOptions {};
-void describe_nothing(CLI::App&, NoOptions&) {}
-
 struct PingOptions {
   unsigned int count = 1;
 };

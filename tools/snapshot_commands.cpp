@@ -21,9 +21,6 @@
 namespace portsvc::tools {
 namespace {
 
-struct NoOptions {};
-void describe_nothing(CLI::App&, NoOptions&) {}
-
 void save(Session& session, const NoOptions&) {
   check("save the snapshot", session.server()->make_snapshot());
 }
