@@ -162,8 +162,9 @@ TEST(Endpoint, IsRefusedInOneClearLine) {
             "the host 'no-such-host.invalid' is unknown");
   for (const char* endpoint : {"nonsense", "giop:tcp:", "giop:tcp:127.0.0.1", "giop:tcp:h:65536",
                                "giop:tcp:h:-1", "giop:tcp:h:9x", "giop:tcp:::1:0"}) {
-    EXPECT_EQ(why_refused(endpoint), "the endpoint '" + std::string(endpoint) +
-                                         "' is malformed, wanted: giop:tcp:HOST:PORT or giop:ssl:HOST:PORT");
+    EXPECT_EQ(why_refused(endpoint),
+              "the endpoint '" + std::string(endpoint) +
+                  "' is malformed, wanted: giop:tcp:HOST:PORT or giop:ssl:HOST:PORT");
   }
   EXPECT_EQ(why_refused("giop:ssl:127.0.0.1:0"),
             "a giop:ssl endpoint needs a certificate and its authorities");

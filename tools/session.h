@@ -14,7 +14,7 @@ namespace portsvc::tools {
 
 /// The options that stand before the command.
 struct GlobalOptions {
-  std::string server = "corbaloc:iiop:127.0.0.1:9700/PortService";
+  std::string server = "127.0.0.1:9700";
   std::string directory;
   std::string naming;
   std::string realm;

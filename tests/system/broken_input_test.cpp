@@ -67,17 +67,17 @@ std::string receive_request(CORBA::ULong id, CORBA::ULong timeout) {
 }
 
 TEST_F(BrokenInput, MessagesThatStopHalfWayCostTheirConnectionOnly) {
-  start("main", {"--message-timeout", "1"});
+  start("main", {"--message-timeout", "2"});
   const Port_Factory_var main = server("main");
   EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 10), result::ok);
   EXPECT_EQ(main->create_port("p", PORT_MASTER, 10), result::ok);
-  EXPECT_EQ(main->send_event("box", wire(std::string(32U << 20, 'x'))), result::ok);
+  EXPECT_EQ(main->send_event("box", wire(std::string(16U << 20, 'x'))), result::ok);
   const unsigned int id = info_of(main, "box").port_id;
   const int sockets = process("main").sockets();
 
   const RawConnection half(port("main"));
   half.send(header(0, 1U << 20) + receive_request(id, 1).substr(12) + std::string(200000, '\0'));
-  EXPECT_TRUE(half.closed_by_peer(5s)) << "a request that stops half-way";
+  EXPECT_TRUE(half.closed_by_peer(10s)) << "a request that stops half-way";
 
   const RawConnection idle(port("main"));
   const RawConnection deaf(port("main"));
@@ -87,7 +87,7 @@ TEST_F(BrokenInput, MessagesThatStopHalfWayCostTheirConnectionOnly) {
     return main->event_count("box", count) == result::ok && count == 0;
   })) << "the request was not understood";
   const unsigned int owner = connected(main, "p", CONNECT_OWNER);
-  EXPECT_EQ(std::get<0>(receive(main, owner, 2)), result::timed_out) << "a wait is no message";
+  EXPECT_EQ(std::get<0>(receive(main, owner, 3)), result::timed_out) << "a wait is no message";
   EXPECT_TRUE(eventually([&] { return process("main").sockets() == sockets + 1; }))
       << "a reply that nobody takes; a client that is silent stays";
   EXPECT_FALSE(idle.closed_by_peer(100ms));
