@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -125,22 +126,35 @@ class Side {
 }  // namespace
 
 void measure_against_empty_servant(const Bench& bench) {
-  const Server empty(bench, "empty", empty_server());
-  const Server real(bench, "limit", main_server(bench, "limit"));
-  const Side sides[] = {{empty.get(), false}, {real.get(), true}};
+  // Two processes that do the same differ by where their memory happens to lie, most with large
+  // payloads: each contender is several.
+  const unsigned int pairs = bench.amount(3U, 1U);
+  std::vector<std::unique_ptr<Server>> servers;
+  std::vector<Side> sides;  // the empty one and the real one in turn
+  std::vector<const Child*> processes;
+  for (unsigned int i = 0; i < pairs; ++i) {
+    for (const bool real : {false, true}) {
+      const std::string name = fmt::format("{}{}", real ? "limit" : "empty", i);
+      servers.push_back(
+          std::make_unique<Server>(bench, name, real ? main_server(bench, name) : empty_server()));
+      sides.emplace_back(servers.back()->get(), real);
+      processes.push_back(&servers.back()->process());
+    }
+  }
 
   const auto compare = [&](const std::string& what, std::size_t size, const std::string& note,
-                           const std::vector<Work>& works) {
+                           const std::function<Work(const Side&)>& work_of) {
+    std::vector<Work> works;
+    for (const Side& side : sides) works.push_back(work_of(side));
     for (const unsigned int connections : {1U, 2U, most_connections}) {
-      std::unique_ptr<Pinned> pinned;
       // Four threads that are free to move share two processors now in this way, now in that, and a
       // call takes up to three times as long: they get fixed places. Sixteen even that out.
-      const std::vector<const Child*> servers{&empty.process(), &real.process()};
-      if (connections == 1) pinned = std::make_unique<Pinned>(servers, Pinned::together);
-      if (connections == 2) pinned = std::make_unique<Pinned>(servers, Pinned::apart);
+      std::unique_ptr<Pinned> pinned;
+      if (connections == 1) pinned = std::make_unique<Pinned>(processes, Pinned::together);
+      if (connections == 2) pinned = std::make_unique<Pinned>(processes, Pinned::apart);
       Effort effort = bench.effort;
-      effort.rounds *= bench.amount(connections > 2 ? 4U : 2U, 1U);
-      const auto seconds = alternate(works, connections, effort);
+      effort.rounds = effort.rounds * bench.amount(connections > 2 ? 4U : 2U, 1U) / pairs;
+      const auto seconds = alternate(works, connections, effort, 2);
       Row row;
       row.what = what;
       row.payload = size == 0 ? "" : size_text(size);
@@ -156,16 +170,15 @@ void measure_against_empty_servant(const Bench& bench) {
     }
   };
 
-  compare("exist", 0, "", {sides[0].exist(), sides[1].exist()});
+  compare("exist", 0, "", [](const Side& side) { return side.exist(); });
   for (const std::size_t size :
        {std::size_t{100}, std::size_t{4} << 10, std::size_t{64} << 10, std::size_t{1} << 20}) {
-    compare("send_event", size, "", {sides[0].send_event(size), sides[1].send_event(size)});
+    compare("send_event", size, "", [=](const Side& side) { return side.send_event(size); });
     compare("packet_receive_n", size, fmt::format("{} at once", batch_of(size)),
-            {sides[0].packet_receive_n(size), sides[1].packet_receive_n(size)});
-    compare("packet_replay", size, "",
-            {sides[0].packet_replay(size), sides[1].packet_replay(size)});
+            [=](const Side& side) { return side.packet_receive_n(size); });
+    compare("packet_replay", size, "", [=](const Side& side) { return side.packet_replay(size); });
     compare("packet_replay_wait", size, "reply there",
-            {sides[0].packet_replay_wait(size), sides[1].packet_replay_wait(size)});
+            [=](const Side& side) { return side.packet_replay_wait(size); });
   }
 }
 

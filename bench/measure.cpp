@@ -49,11 +49,13 @@ double seconds_per_call(const Work& work, unsigned int threads, std::chrono::mil
 }
 
 std::vector<double> alternate(const std::vector<std::function<double()>>& measurements,
-                              unsigned int rounds) {
-  std::vector<std::vector<double>> results(measurements.size());
+                              unsigned int rounds, std::size_t contenders) {
+  std::vector<std::vector<double>> results(contenders == 0 ? measurements.size() : contenders);
   for (const auto& measure : measurements) measure();
   for (unsigned int round = 0; round < rounds; ++round) {
-    for (std::size_t i = 0; i < measurements.size(); ++i) results[i].push_back(measurements[i]());
+    for (std::size_t i = 0; i < measurements.size(); ++i) {
+      results[i % results.size()].push_back(measurements[i]());
+    }
   }
   std::vector<double> medians;
   for (auto& values : results) medians.push_back(median(std::move(values)));
@@ -61,12 +63,12 @@ std::vector<double> alternate(const std::vector<std::function<double()>>& measur
 }
 
 std::vector<double> alternate(const std::vector<Work>& works, unsigned int threads,
-                              const Effort& effort) {
+                              const Effort& effort, std::size_t contenders) {
   std::vector<std::function<double()>> measurements;
   for (const Work& work : works) {
     measurements.emplace_back([&] { return seconds_per_call(work, threads, effort.slice); });
   }
-  return alternate(measurements, effort.rounds);
+  return alternate(measurements, effort.rounds, contenders);
 }
 
 double percentile(std::vector<double>& values, double rank) {

@@ -35,13 +35,15 @@ struct Work {
 double seconds_per_call(const Work& work, unsigned int threads, std::chrono::milliseconds slice);
 
 /// Runs every measurement once untimed, then all of them in turn, `rounds` times over; the median
-/// of each.
+/// of each, or of each `contenders`-th one together.
 std::vector<double> alternate(const std::vector<std::function<double()>>& measurements,
-                              unsigned int rounds);
+                              unsigned int rounds, std::size_t contenders = 0);
 
-/// alternate() with seconds_per_call() of each work.
+/// alternate() with seconds_per_call() of each work. The works may be those of `contenders` taken
+/// in turn several times over, each time with other processes: the median is then one of all of
+/// them.
 std::vector<double> alternate(const std::vector<Work>& works, unsigned int threads,
-                              const Effort& effort);
+                              const Effort& effort, std::size_t contenders = 0);
 
 /// The value below which the share `rank` (0 to 1) of the values lies. The values are not empty;
 /// they are sorted afterwards.
