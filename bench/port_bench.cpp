@@ -17,14 +17,16 @@
 // medians of the slices stand in `reference` (what is named under `against`) and `value`; `ratio`
 // is value by reference. `conns` is the number of connections that call at the same time; a time is
 // what one call takes as its caller sees it. `cpus one`: client and servers were pinned to one
-// processor, as all rows with one connection are but those beside blocked callers. Pinned, a call
-// costs the work that is done for it; free to move, mostly the waking of another processor.
+// processor, as all rows with one connection are but those beside blocked callers; `two`: the
+// client to one and the servers to another. Pinned, a call costs the work that is done for it; free
+// to move, mostly the waking of another processor.
 // `target` is the bound that the ratio (or the value, where nothing stands beside it) is held to,
 // with MISS where it is not kept.
 //
 // The empty servant has the same broker with the same options, gets the same arguments and gives
 // back results of the same size: fresh sequences, allocated and not written to. Its process and
-// this one keep the memory they free, as port_server does. Calls that a measured one needs
+// this one keep the memory they free, as port_server does. Both sides are three processes whose
+// slices count together: where the memory of one happens to lie stays with it. Calls that a measured one needs
 // beforehand, such as the filling of a box, are made to both and not timed.
 #include <fmt/format.h>
 #include <signal.h>

@@ -108,7 +108,8 @@ class Socket : public _OMNI_NS(SocketHolder) {
 // A reply that is not taken: the broker's own time-out would make the socket non-blocking and poll
 // it for every reply, a sixth of what the server does for a small call. The kernel watches it for
 // nothing, so it watches the connection and the reply is sent without the broker's time-out. A
-// request that stops half-way keeps that; a small one is there as a whole when it is looked at.
+// request that stops half-way keeps that one, once its first buffer is full; one that stops before
+// has not begun for the broker, and ends with its scan for idle connections.
 unsigned int message_timeout_ms = 0;
 
 CORBA::Boolean watch_connection(

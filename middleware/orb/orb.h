@@ -43,7 +43,8 @@ struct Options {
   unsigned int trace = 0;
   /// A request that has not arrived this long after its first bytes, or a reply of which nothing
   /// has been taken for so long, gives up its connection and its thread. The largest message on a
-  /// slow line must fit in.
+  /// slow line must fit in. A request that stops within its first 64 KiB counts as an idle
+  /// connection, which ends after three minutes.
   std::chrono::milliseconds message_timeout = std::chrono::minutes(2);
   Tls tls = {};
 };
