@@ -26,8 +26,8 @@
 // The empty servant has the same broker with the same options, gets the same arguments and gives
 // back results of the same size: fresh sequences, allocated and not written to. Its process and
 // this one keep the memory they free, as port_server does. Both sides are three processes whose
-// slices count together: where the memory of one happens to lie stays with it. Calls that a measured one needs
-// beforehand, such as the filling of a box, are made to both and not timed.
+// slices count together: where the memory of one happens to lie stays with it. Calls that a
+// measured one needs beforehand, such as the filling of a box, are made to both and not timed.
 #include <fmt/format.h>
 #include <signal.h>
 
