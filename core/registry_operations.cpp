@@ -54,15 +54,18 @@ CORBA::Long Port_Factory_i::exist(const char* name) {
 
 CORBA::ULong Port_Factory_i::delete_port(const char* name) {
   boost::shared_ptr<Port_impl> port;  // let go after the lock
-  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
-  port = registry_.find(name);
-  if (!port) return result::ok;
-  if (port->kind() == PORT_EVENTBOX) {
-    registry_.remove_id(port->port_id());
-    ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, event_guard, event_lock_, result::servant_lock);
-    events_.remove(name);
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
+    port = registry_.find(name);
+    if (!port) return result::ok;
+    if (port->kind() == PORT_EVENTBOX) {
+      registry_.remove_id(port->port_id());
+      ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, event_guard, event_lock_, result::servant_lock);
+      events_.remove(name);
+    }
+    registry_.remove(*port);
   }
-  registry_.remove(*port);
+  port->wake_everybody();
   return result::ok;
 }
 

@@ -29,8 +29,20 @@ class SystemClock final : public Clock {
     ::nanosleep(&t, nullptr);
   }
 
-  void poll(const void*, const std::function<bool()>& step) override {
-    Poller::instance().wait(step);
+  void rest(const ACE_Time_Value& length, const Waited_On& what,
+            const std::function<bool()>& ready) override {
+    if (!waits_end_early()) {
+      pause(length, what.object);
+      return;
+    }
+    const auto due = Sleeper::Time::now() + std::chrono::seconds(length.sec()) +
+                     std::chrono::microseconds(length.usec());
+    Places places(what.topics, what.topic_count);
+    while (!ready() && Sleeper::of_this_thread()->sleep_until(due)) places.take_again();
+  }
+
+  void poll(const Waited_On& what, const std::function<bool(Turn)>& step) override {
+    Poller::instance().wait(what, step);
   }
 };
 

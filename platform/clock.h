@@ -4,13 +4,33 @@
 
 #include <ace/Time_Value.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+
+#include "platform/wake.h"
 
 namespace portsvc {
 
 /// The pause between two tests of a wait.
 inline const ACE_Time_Value polling_pause(0, 10000);
+
+/// Why a waiting call tests again.
+enum class Turn {
+  pause_over,
+  woken,  ///< before its pause is over, see platform/wake.h
+};
+
+/// What a waiting call waits for.
+struct Waited_On {
+  /// Whose state is tested (a port, a task's stop flag); never dereferenced.
+  const void* object = nullptr;
+  /// A change of any of these may end its pause early. None: it keeps its whole pause.
+  const Topic* topics = nullptr;
+  std::size_t topic_count = 0;
+  /// The test takes long: it runs on the calling thread, where it holds up nobody else's.
+  bool long_test = false;
+};
 
 /// The wall clock and the pause. Thread-safe; one instance serves the whole process.
 class Clock {
@@ -25,13 +45,19 @@ class Clock {
   /// it is never dereferenced. A caller tests its condition again whatever the pause did.
   virtual void pause(const ACE_Time_Value& length, const void* waited_on) = 0;
 
+  /// Pauses for `length`, or with early waking at most until ready() answers true after a change.
+  virtual void rest(const ACE_Time_Value& length, const Waited_On& what,
+                    const std::function<bool()>& /*ready*/) {
+    pause(length, what.object);
+  }
+
   /// Pauses for polling_pause and calls step(), again and again until it answers true. The system's
-  /// clock does so for all waiting threads on one thread (platform/poller.h); this one, for clocks
-  /// that tests move, on the calling thread.
-  virtual void poll(const void* waited_on, const std::function<bool()>& step) {
+  /// clock does so for all waiting threads together (platform/poller.h); this one, for clocks that
+  /// tests move, on the calling thread.
+  virtual void poll(const Waited_On& what, const std::function<bool(Turn)>& step) {
     do {
-      pause(polling_pause, waited_on);
-    } while (!step());
+      pause(polling_pause, what.object);
+    } while (!step(Turn::pause_over));
   }
 };
 

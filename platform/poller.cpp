@@ -6,10 +6,10 @@
 namespace portsvc {
 namespace {
 
-constexpr std::chrono::milliseconds period(10);
+const std::chrono::microseconds period(polling_pause.sec() * 1000000 + polling_pause.usec());
 // Turns that are due within this time are taken together, so that many waits that began at
 // different moments do not keep the thread busy with waking up.
-constexpr std::chrono::microseconds early(500);
+constexpr std::chrono::microseconds tolerance(500);
 
 }  // namespace
 
@@ -22,17 +22,45 @@ Poller::Poller() {
   std::thread([this] { run(); }).detach();
 }
 
-void Poller::wait(const std::function<bool()>& step) {
-  Waiter waiter(step);
-  std::unique_lock<std::mutex> guard(lock_);
-  turns_.push_back({Time::now() + period, &waiter});
-  if (turns_.size() == 1) arrived_.notify_one();
-  waiter.ended.wait(guard, [&] { return waiter.done; });
-  if (waiter.failure) std::rethrow_exception(waiter.failure);
+void Poller::wait(const Waited_On& what, const Step& step) {
+  const bool early = waits_end_early() && what.topic_count > 0;
+  Places places(what.topics, early ? what.topic_count : 0);
+  if (early && step(Turn::woken)) return;  // what came before this wait stood in its queues
+  if (early || what.long_test) {
+    Sleeper& sleeper = *Sleeper::of_this_thread();
+    do {
+      const Time::time_point due = Time::now() + period;
+      while (sleeper.sleep_until(due)) {
+        places.take_again();
+        if (step(Turn::woken)) return;
+      }
+      if (step(Turn::pause_over)) return;
+    } while (what.long_test);
+  }
+  wait_long(places, step);
+}
+
+void Poller::wait_long(Places& places, const Step& step) {
+  const auto wait = std::make_shared<Long_Wait>(step);
+  {
+    const std::lock_guard<std::mutex> guard(lock_);
+    turns_.push_back({Time::now() + period, wait});
+    if (turns_.size() == 1) arrived_.notify_one();
+  }
+  for (;;) {
+    wait->sleeper->sleep();
+    const std::lock_guard<std::mutex> guard(wait->lock);
+    if (wait->failure) std::rethrow_exception(wait->failure);
+    if (wait->over) return;
+    places.take_again();
+    wait->over = true;  // also when the step throws
+    if (step(Turn::woken)) return;
+    wait->over = false;
+  }
 }
 
 void Poller::run() {
-  std::vector<Waiter*> batch;
+  std::vector<Turn_At> batch;
   std::unique_lock<std::mutex> guard(lock_);
   for (;;) {
     arrived_.wait(guard, [this] { return !turns_.empty(); });
@@ -41,38 +69,37 @@ void Poller::run() {
     std::this_thread::sleep_until(due);  // whoever arrives meanwhile comes later
     guard.lock();
 
-    const Time::time_point until = Time::now() + early;
+    const Time::time_point until = Time::now() + tolerance;
     while (!turns_.empty() && turns_.front().due <= until) {
-      batch.push_back(turns_.front().waiter);
+      batch.push_back(std::move(turns_.front()));
       turns_.pop_front();
     }
     guard.unlock();
-    std::vector<Waiter*> ended;
-    for (Waiter*& waiter : batch) {
-      if (test(*waiter)) ended.push_back(std::exchange(waiter, nullptr));
+    for (Turn_At& turn : batch) {
+      if (end_of(*turn.wait)) turn.wait.reset();
     }
     guard.lock();
     const Time::time_point next = Time::now() + period;
-    for (Waiter* const waiter : batch) {
-      if (waiter) turns_.push_back({next, waiter});
+    for (Turn_At& turn : batch) {
+      if (turn.wait) turns_.push_back({next, std::move(turn.wait)});
     }
     batch.clear();
-    // Under the lock: once it sees the flag, a waiter is gone.
-    for (Waiter* const waiter : ended) {
-      waiter->done = true;
-      waiter->ended.notify_one();
-    }
   }
 }
 
-// True when the wait is over.
-bool Poller::test(Waiter& waiter) {
+// Tests for a wait whose pause is over; true when it is not to be tested again.
+bool Poller::end_of(Long_Wait& wait) {
+  const std::unique_lock<std::mutex> guard(wait.lock, std::try_to_lock);
+  if (!guard.owns_lock()) return false;  // its own thread is testing
+  if (wait.over) return true;
   try {
-    return waiter.step();
+    wait.over = wait.step(Turn::pause_over);
   } catch (...) {
-    waiter.failure = std::current_exception();
-    return true;
+    wait.failure = std::current_exception();
+    wait.over = true;
   }
+  if (wait.over) wait.sleeper->wake();
+  return wait.over;
 }
 
 }  // namespace portsvc

@@ -1,4 +1,4 @@
-// One thread that tests for all waits of the process.
+// The pause between two tests of a wait, for all waits of the process.
 #pragma once
 
 #include <chrono>
@@ -6,49 +6,64 @@
 #include <deque>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <vector>
 
+#include "platform/clock.h"
+
 namespace portsvc {
 
-/// Runs the tests of all waiting calls, each once per period, on one thread. A thousand waiting
-/// calls that sleep and test by themselves wake a hundred thousand times a second, which costs most
-/// of a processor and delays everybody else's calls; their tests alone cost next to nothing.
+/// Pauses the waiting calls and has them tested once per pause.
 ///
-/// A test may take locks that are held for a moment, never one that is held across a call or a
-/// pause: it would hold up all other waits.
+/// The first pause of a wait that may end early passes on the caller's own thread: most such waits
+/// are over before the pause is, and cost nobody else anything. A wait that goes on is tested once
+/// per pause by one thread for all of them: a thousand waiting calls that sleep and test by
+/// themselves wake a hundred thousand times a second, which costs most of a processor and delays
+/// everybody else's calls; their tests alone cost next to nothing. A wake-up runs the test on the
+/// caller's own thread, which it has woken anyway. A test that takes long always runs there.
+///
+/// The test of another wait may take locks that are held for a moment, never one that is held
+/// across a call or a pause: it would hold up all others.
 class Poller {
  public:
+  using Step = std::function<bool(Turn)>;
+
   /// The process's poller. It lives as long as the process: threads may wait until its very end.
   static Poller& instance();
 
-  /// Blocks until step() has answered true; it is called a period from now for the first time, on
-  /// the poller's thread. An exception ends the wait and is passed on. No lock may be held.
-  void wait(const std::function<bool()>& step);
+  /// Blocks until step() has answered true; it is called for the first time a pause from now, or
+  /// when something has changed. An exception ends the wait and is passed on. No lock may be held.
+  void wait(const Waited_On& what, const Step& step);
 
  private:
   using Time = std::chrono::steady_clock;
 
-  struct Waiter {
-    explicit Waiter(const std::function<bool()>& its_step) : step(its_step) {}
+  /// A wait that has outlasted its first pause. Shared by the thread that waits and the one that
+  /// tests; the step, on the former's stack, is not called once the wait is over.
+  struct Long_Wait {
+    explicit Long_Wait(const Step& its_step) : step(its_step) {}
 
-    const std::function<bool()>& step;
-    bool done = false;
+    std::mutex lock;  // guards the fields; held while the step runs, which may take ports' locks
+    const Step& step;
+    bool over = false;
     std::exception_ptr failure;
-    std::condition_variable ended;
+    std::shared_ptr<Sleeper> sleeper = Sleeper::of_this_thread();
   };
-  struct Turn {
+  struct Turn_At {
     Time::time_point due;
-    Waiter* waiter;  // on the stack of the thread that waits
+    std::shared_ptr<Long_Wait> wait;
   };
 
   Poller();
   void run();
-  static bool test(Waiter& waiter);
+  void wait_long(Places& places, const Step& step);
+  static bool end_of(Long_Wait& wait);
 
-  std::mutex lock_;  // guards turns_ and the waiters' done flags; no test runs under it
+  std::mutex lock_;  // guards turns_; no test runs under it
   std::condition_variable arrived_;
-  std::deque<Turn> turns_;  // in order of time, since every turn is a period away when it is added
+  std::deque<Turn_At>
+      turns_;  // in order of time, since every turn is a pause away when it is added
 };
 
 }  // namespace portsvc

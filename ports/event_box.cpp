@@ -49,26 +49,35 @@ Event_ptr vrEventBox::append(const Event_ptr& event) {
 
 void vrEventBox::push_event(const Event_ptr& event) {
   Event_ptr dropped;  // let go, like the others below, after the lock is released
-  ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
-  dropped = append(event);
+  {
+    ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
+    dropped = append(event);
+  }
+  something_changed(packets());
 }
 
 void vrEventBox::push_events(const std::vector<Event_ptr>& events) {
   std::vector<Event_ptr> dropped;
   dropped.reserve(events.size());
-  ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
-  for (const Event_ptr& event : events) dropped.push_back(append(event));
+  {
+    ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
+    for (const Event_ptr& event : events) dropped.push_back(append(event));
+  }
+  something_changed(packets(), static_cast<unsigned int>(events.size()));
 }
 
 void vrEventBox::push_event_front(const Event_ptr& event) {
   Event_ptr dropped;
-  ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
-  dropped = drop_oldest();
-  try {
-    events_.push_front(event);
-  } catch (const std::bad_alloc&) {
-    errno = ENOMEM;
+  {
+    ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
+    dropped = drop_oldest();
+    try {
+      events_.push_front(event);
+    } catch (const std::bad_alloc&) {
+      errno = ENOMEM;
+    }
   }
+  something_changed(packets());
 }
 
 void vrEventBox::clear_events() {
@@ -144,12 +153,16 @@ unsigned int vrEventBox::take_reply(unsigned int, unsigned int, vrPort_Buffer&) 
 
 template <class Take>
 unsigned int vrEventBox::wait_for_events(unsigned int timeout, Take&& take) {
-  return wait(
-      timeout, result::timed_out, this,
-      [&]() -> std::optional<unsigned int> {
+  const Topic topic = packets();
+  bool caller_gone = false;
+  const unsigned int taken = wait(
+      timeout, result::timed_out, {this, &topic, 1},
+      [&](const Caller* caller) -> std::optional<unsigned int> {
         {
           ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, box_lock_, result::port_lock);
           if (!events_.empty()) {
+            caller_gone = gone(caller);
+            if (caller_gone) return result::timed_out;
             take();
             return result::ok;
           }
@@ -161,6 +174,8 @@ unsigned int vrEventBox::wait_for_events(unsigned int timeout, Take&& take) {
         if (owner_access() == ACCESS_WAIT) return std::nullopt;
         return result::nothing_arrived;
       });
+  if (caller_gone) something_changed(packets());  // what it was woken for is somebody else's
+  return taken;
 }
 
 unsigned int vrEventBox::take_packet(vrPort_Buffer& out, unsigned int timeout) {

@@ -17,8 +17,10 @@ vrMaster_Port::vrMaster_Port(const char* name, unsigned int port_id, unsigned in
 
 unsigned int vrMaster_Port::forward(unsigned int handle, vrBuffer data, unsigned int timeout) {
   const unsigned int admitted = wait_receiver(handle, timeout);
-  if (admitted == result::ok) packet_queue_.push(handle, std::move(data));
-  return admitted;
+  if (admitted != result::ok) return admitted;
+  packet_queue_.push(handle, std::move(data));
+  something_changed(packets());
+  return result::ok;
 }
 
 unsigned int vrMaster_Port::forward_front(unsigned int, vrBuffer, unsigned int) {
@@ -49,6 +51,7 @@ unsigned int vrMaster_Port::receive(unsigned int& source, vrBuffer& data, unsign
 
 unsigned int vrMaster_Port::replay(unsigned int handle, vrBuffer data, unsigned int) {
   reply_queue_.push(handle, std::move(data));
+  something_changed(replies(handle));
   return result::ok;
 }
 
@@ -63,10 +66,14 @@ unsigned int vrMaster_Port::take_packet(vrPort_Buffer& out, unsigned int timeout
   {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
     receiver_waiting_ = true;
+    ++takers_;
   }
+  something_changed(admission());
+  const Topic topic = packets();
   const unsigned int taken = wait(
-      timeout, result::timed_out, this,
-      [&]() -> std::optional<unsigned int> {
+      timeout, result::timed_out, {this, &topic, 1},
+      [&](const Caller* caller) -> std::optional<unsigned int> {
+        if (caller && packet_queue_.is_empty() == 0 && gone(caller)) return result::timed_out;
         if (packet_queue_.pop(any_handle, out) == result::ok) return result::ok;
         return std::nullopt;
       },
@@ -75,12 +82,18 @@ unsigned int vrMaster_Port::take_packet(vrPort_Buffer& out, unsigned int timeout
         if (owner_access_ == ACCESS_WAIT) return std::nullopt;
         return result::nothing_arrived;
       });
-  return end_take(taken);
+  return end_take(taken, taken == result::timed_out && gone(Caller::of_this_thread()));
 }
 
-unsigned int vrMaster_Port::end_take(unsigned int result) {
-  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
-  receiver_waiting_ = false;
+// A caller that has gone takes back what its take allowed only when nobody else is taking: the flag
+// may be that of a take begun since. What it was woken for is somebody else's.
+unsigned int vrMaster_Port::end_take(unsigned int result, bool caller_gone) {
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
+    --takers_;
+    if (!caller_gone || takers_ == 0) receiver_waiting_ = false;
+  }
+  if (caller_gone) something_changed(packets());
   return result;
 }
 
@@ -94,11 +107,13 @@ unsigned int vrMaster_Port::wait_receiver(unsigned int handle, unsigned int time
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
     if (owner_access_ == ACCESS_SELECT && has_selectors() && owner_connected_) return result::ok;
   }
+  const Topic topic = admission();
   return wait(
-      timeout, result::send_timed_out, this,
-      [&]() -> std::optional<unsigned int> {
+      timeout, result::send_timed_out, {this, &topic, 1},
+      [&](const Caller* caller) -> std::optional<unsigned int> {
         ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
         if (!receiver_waiting_) return std::nullopt;
+        if (gone(caller)) return result::send_timed_out;
         receiver_waiting_ = false;  // this take has got its packet
         return result::ok;
       },
@@ -117,9 +132,13 @@ unsigned int vrMaster_Port::take_reply(unsigned int handle, unsigned int timeout
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
     client_mode = client_access(handle);
   }
+  const Topic topic = replies(handle);
   return wait(
-      timeout, result::reply_timed_out, this,
-      [&]() -> std::optional<unsigned int> {
+      timeout, result::reply_timed_out, {this, &topic, 1},
+      [&](const Caller* caller) -> std::optional<unsigned int> {
+        if (caller && reply_queue_.find(handle) == result::ok && gone(caller)) {
+          return result::reply_timed_out;
+        }
         if (reply_queue_.pop(handle, out) == result::ok) return result::ok;
         return std::nullopt;
       },

@@ -37,5 +37,5 @@ class vrMaster_Port : public Port_impl {
   unsigned int take_reply(unsigned int handle, unsigned int timeout, vrPort_Buffer& out) override;
 
  private:
-  unsigned int end_take(unsigned int result);
+  unsigned int end_take(unsigned int result, bool caller_gone);
 };

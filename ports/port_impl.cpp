@@ -12,12 +12,16 @@ Port_impl::Port_impl(const char* name, unsigned int port_id, unsigned int limit,
 unsigned int Port_impl::disconnect(unsigned int handle) {
   if (handle != port_id()) return disconnect_client(handle);
 
-  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
-  const bool was_connected = owner_connected_;
-  if (was_connected) connected_host_.clear();
-  owner_connected_ = false;
-  receiver_waiting_ = false;
-  selector_count_.store(0, std::memory_order_relaxed);
+  bool was_connected = false;
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
+    was_connected = owner_connected_;
+    if (was_connected) connected_host_.clear();
+    owner_connected_ = false;
+    receiver_waiting_ = false;
+    selector_count_.store(0, std::memory_order_relaxed);
+  }
+  everything_changed(packets());  // selections drop the port
   return was_connected ? result::ok : result::not_connected;
 }
 
@@ -98,6 +102,17 @@ void Port_impl::set_notify(unsigned int value) {
   notify_ = value;
 }
 
+void Port_impl::wake_everybody() {
+  everything_changed(packets());
+  everything_changed(admission());
+  std::vector<unsigned int> handles;
+  {
+    ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, connection_lock_);
+    for (const auto& client : clients_) handles.push_back(client.first);
+  }
+  for (const unsigned int handle : handles) everything_changed(replies(handle));
+}
+
 void Port_impl::join_index(Client_Index* index) {
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, connection_lock_);
   index_ = index;
@@ -144,8 +159,12 @@ unsigned int Port_impl::connect_client(unsigned int handle, unsigned int access,
 }
 
 unsigned int Port_impl::disconnect_client(unsigned int handle) {
-  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
-  return remove_client(handle) ? result::ok : result::unknown_handle;
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
+    if (!remove_client(handle)) return result::unknown_handle;
+  }
+  everything_changed(replies(handle));  // selections drop the client
+  return result::ok;
 }
 
 unsigned int Port_impl::connect_owner(unsigned int access, unsigned int& owner) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "idl/port_codes.h"
+#include "platform/wake.h"
 #include "ports/buffer.h"
 #include "ports/buffer_queue.h"
 #include "ports/client_index.h"
@@ -110,6 +111,14 @@ class Port_impl : public boost::enable_shared_from_this<Port_impl> {
   unsigned int notify();
   void set_notify(unsigned int value);
 
+  /// What waits for packets (or events), for the owner to take, and for replies to one client.
+  portsvc::Topic packets() const { return {this, 0}; }
+  portsvc::Topic admission() const { return {this, 1}; }
+  portsvc::Topic replies(unsigned int handle) const { return {this, (1ULL << 32) | handle}; }
+  /// Wakes everybody who waits on the port, which has been deleted: whatever still stands in it is
+  /// there to be taken. Takes the connection lock.
+  void wake_everybody();
+
   /// From here on `index` knows this port's clients; it must outlive the stay.
   void join_index(portsvc::Client_Index* index);
   void leave_index();
@@ -134,12 +143,13 @@ class Port_impl : public boost::enable_shared_from_this<Port_impl> {
   std::atomic<unsigned int> port_id_;
   unsigned int owner_access_ = 0;
   bool receiver_waiting_ = false;
+  unsigned int takers_ = 0;  // takes under way on the packet queue
   std::atomic<unsigned int> selector_count_{0};
   const unsigned int kind_;
   bool owner_connected_ = false;
 
-  // Guards owner_access_, receiver_waiting_, owner_connected_, connected_host_ and writes of
-  // selector_count_. Nothing else is taken under it.
+  // Guards owner_access_, receiver_waiting_, takers_, owner_connected_, connected_host_ and writes
+  // of selector_count_. Nothing else is taken under it.
   ACE_Recursive_Thread_Mutex state_lock_;
   // Guards clients_, reply_registrations_, notify_ and index_. Only the index's own lock is taken
   // under it; never held together with state_lock_.

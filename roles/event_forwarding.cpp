@@ -59,12 +59,25 @@ void EventSendTask::push_request(SendEventRequest* request) {
   std::unique_ptr<SendEventRequest> owned(request);
   Requests discarded;  // destroyed after the lock is released
   if (!owned) return;
-  ACE_GUARD(ACE_Thread_Mutex, guard, queue_lock_);
-  if (requests_.size() <= pending_limit) {
-    requests_.push_back(std::move(owned));
-  } else {
-    discarded.swap(requests_);
+  {
+    ACE_GUARD(ACE_Thread_Mutex, guard, queue_lock_);
+    if (requests_.size() <= pending_limit) {
+      requests_.push_back(std::move(owned));
+    } else {
+      discarded.swap(requests_);
+    }
   }
+  something_changed(requests());
+}
+
+void EventSendTask::stop() {
+  stop_ = true;
+  something_changed(requests());
+}
+
+bool EventSendTask::has_work() {
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, queue_lock_, false);
+  return stop_ || !requests_.empty();
 }
 
 int EventSendTask::svc() {
@@ -75,7 +88,8 @@ int EventSendTask::svc() {
       batch.swap(requests_);
     }
     if (batch.empty()) {
-      portsvc::clock().pause(idle_pause, &stop_);
+      const Topic topic = requests();
+      portsvc::clock().rest(idle_pause, {&stop_, &topic, 1}, [this] { return has_work(); });
       continue;
     }
     for (const auto& request : batch) {

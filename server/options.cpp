@@ -50,6 +50,12 @@ void add_options(CLI::App& command, Options& options) {
                   "takes, gives up its connection")
       ->capture_default_str()
       ->check(CLI::Range(1U, 86400U));
+  command
+      .add_option("--waits", options.waits,
+                  "How blocked calls wait: 'early' ends a wait as soon as there is something to "
+                  "take, 'paused' looks every 10 ms")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"early", "paused"}));
   auto* const authorities =
       command.add_option("--tls-ca", options.tls_authorities,
                          "TLS: the certificates of the authorities that are trusted, PEM");

@@ -25,6 +25,7 @@ struct Options {
   std::uint64_t max_message = 64ULL << 20;
   unsigned int call_timeout = 5;  ///< seconds a call to another server may take that is no wait
   unsigned int message_timeout = 120;  ///< seconds a message may take to arrive or to be taken
+  std::string waits = "early";         ///< or "paused"
   std::string tls_authorities;         ///< PEM files, empty without TLS
   std::string tls_key;
   unsigned int trace = 0;

@@ -16,6 +16,7 @@
 #include "middleware/directory.h"
 #include "persistence/background_tasks.h"
 #include "platform/memory.h"
+#include "platform/wake.h"
 #include "roles/port_connect_manager.h"
 #include "roles/port_factory_main.h"
 #include "roles/port_factory_sub.h"
@@ -163,6 +164,7 @@ void run(const Options& options, StopSignal& stop) {
                       options.trace,
                       std::chrono::seconds(options.message_timeout),
                       {options.tls_authorities, options.tls_key}});
+  wake_waits_early(options.waits == "early");
   orb::set_peer_call_timeout(std::chrono::seconds(options.call_timeout));
   const UseOfDirectory use(broker, options);
   if (options.role == Role::sub && !use.directory()) {

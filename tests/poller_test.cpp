@@ -18,7 +18,7 @@ TEST(Poller, EndsEachWaitWhenItsOwnTestSaysSoAndNoOther) {
   std::vector<std::thread> threads;
   for (unsigned int i = 0; i < waits; ++i) {
     threads.emplace_back([&, i] {
-      Poller::instance().wait([&, i] { return may_end[i].load(); });
+      Poller::instance().wait({}, [&, i](Turn) { return may_end[i].load(); });
       has_ended[i] = true;
     });
   }
@@ -31,16 +31,17 @@ TEST(Poller, EndsEachWaitWhenItsOwnTestSaysSoAndNoOther) {
 }
 
 TEST(Poller, PassesAnExceptionToItsWaitAndGoesOn) {
-  EXPECT_THROW(Poller::instance().wait([]() -> bool { throw std::bad_alloc(); }), std::bad_alloc);
+  EXPECT_THROW(Poller::instance().wait({}, [](Turn) -> bool { throw std::bad_alloc(); }),
+               std::bad_alloc);
   int tests = 0;
-  Poller::instance().wait([&] { return ++tests == 3; });
+  Poller::instance().wait({}, [&](Turn) { return ++tests == 3; });
   EXPECT_EQ(tests, 3);
 }
 
 TEST(Poller, PausesBetweenTests) {
   const auto start = std::chrono::steady_clock::now();
   int tests = 0;
-  Poller::instance().wait([&] { return ++tests == 5; });
+  Poller::instance().wait({}, [&](Turn) { return ++tests == 5; });
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(45));
 }
 

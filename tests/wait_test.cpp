@@ -14,6 +14,7 @@ constexpr unsigned int given_up = 2;
 constexpr unsigned int refused = 3;
 
 Answer no() { return std::nullopt; }
+Answer not_yet(const Caller*) { return std::nullopt; }
 
 TEST(Countdown, CountsOffWhatHasElapsed) {
   TestClock clock;
@@ -42,25 +43,29 @@ TEST(Countdown, CountsOffWhatHasElapsed) {
 TEST(Wait, TestsBeforeItPausesAndBeforeItGivesUp) {
   TestClock clock;
   EXPECT_EQ(wait(
-                1, given_up, nullptr, [] { return Answer(done); }, no),
+                1, given_up, {}, [](const Caller*) { return Answer(done); }, no),
             done);
   EXPECT_EQ(clock.pauses(), 0);
 
-  EXPECT_EQ(wait(1, given_up, nullptr, no, no), given_up);
+  EXPECT_EQ(wait(1, given_up, {}, not_yet, no), given_up);
   EXPECT_EQ(clock.pauses(), 100);
 
   // What is there at the very last test is still taken.
   const double end = clock.elapsed() + 1;
-  const auto at_the_end = [&] { return clock.elapsed() >= end ? Answer(done) : no(); };
-  EXPECT_EQ(wait(1, given_up, nullptr, at_the_end, no), done);
+  const auto at_the_end = [&](const Caller*) {
+    return clock.elapsed() >= end ? Answer(done) : no();
+  };
+  EXPECT_EQ(wait(1, given_up, {}, at_the_end, no), done);
 }
 
 TEST(Wait, GoesOnForEverWithoutALimitAndEndsWhenTheModeSaysSo) {
   TestClock clock;
-  const auto next_day = [&] { return clock.elapsed() > 86400 ? Answer(done) : no(); };
+  const auto next_day = [&](const Caller*) {
+    return clock.elapsed() > 86400 ? Answer(done) : no();
+  };
   clock.on_pause = [&](const ACE_Time_Value&) { clock.advance(60); };
-  EXPECT_EQ(wait(0, given_up, nullptr, next_day, no), done);
-  EXPECT_EQ(wait(0, given_up, nullptr, no, [] { return Answer(refused); }), refused);
+  EXPECT_EQ(wait(0, given_up, {}, next_day, no), done);
+  EXPECT_EQ(wait(0, given_up, {}, not_yet, [] { return Answer(refused); }), refused);
 }
 
 TEST(Wait, HeedsAClockThatIsSet) {
@@ -69,13 +74,13 @@ TEST(Wait, HeedsAClockThatIsSet) {
   clock.on_pause = [&](const ACE_Time_Value&) {
     if (clock.pauses() == 50) clock.advance(-3600);
   };
-  EXPECT_EQ(wait(1, given_up, nullptr, no, no), given_up);
+  EXPECT_EQ(wait(1, given_up, {}, not_yet, no), given_up);
   EXPECT_GE(clock.pauses(), 100);
   EXPECT_LE(clock.pauses(), 102);
 
   const int before = clock.pauses();
   clock.on_pause = [&](const ACE_Time_Value&) { clock.advance(3600); };
-  EXPECT_EQ(wait(1, given_up, nullptr, no, no), given_up);
+  EXPECT_EQ(wait(1, given_up, {}, not_yet, no), given_up);
   EXPECT_EQ(clock.pauses(), before + 1);
 }
 

@@ -4,7 +4,9 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
 #include <netinet/tcp.h>
+#include <omniORB4/callHandle.h>
 #include <omniORB4/internal/giopStream.h>
+#include <poll.h>
 // The rest of the broker's own headers need those before them.
 #include <omniORB4/internal/giopStrand.h>
 #include <omniORB4/internal/giopStreamImpl.h>
@@ -25,6 +27,7 @@
 
 #include "idl/port_codes.h"
 #include "middleware/orb/broker_parts.h"
+#include "middleware/orb/wire_bytes.h"
 
 OMNI_FORCE_LINK(omnisslTP);  // nothing else refers to the broker's TLS library
 
@@ -112,10 +115,21 @@ class Socket : public _OMNI_NS(SocketHolder) {
 // has not begun for the broker, and ends with its scan for idle connections.
 unsigned int message_timeout_ms = 0;
 
+// A peer whose machine is gone says nothing; while it owes no answer only such probes find out. The
+// kernel gives the connection up once they have gone unanswered for the time-out above.
+constexpr int seconds_before_probes = 10;
+constexpr int seconds_between_probes = 5;
+
 CORBA::Boolean watch_connection(
     _OMNI_NS(omniInterceptors)::serverAcceptConnection_T::info_T& info) {
-  ::setsockopt(Socket::of(info.strand.connection), IPPROTO_TCP, TCP_USER_TIMEOUT,
-               &message_timeout_ms, sizeof message_timeout_ms);
+  const int socket = Socket::of(info.strand.connection);
+  const auto set = [socket](int level, int option, int value) {
+    ::setsockopt(socket, level, option, &value, sizeof value);
+  };
+  set(IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<int>(message_timeout_ms));
+  set(SOL_SOCKET, SO_KEEPALIVE, 1);
+  set(IPPROTO_TCP, TCP_KEEPIDLE, seconds_before_probes);
+  set(IPPROTO_TCP, TCP_KEEPINTVL, seconds_between_probes);
   return true;
 }
 
@@ -272,6 +286,14 @@ std::string Broker::corbaloc(CORBA::Object_ptr served) const {
     }
   }
   throw Error("the reference has no address");
+}
+
+bool Remote_Caller::gone() const {
+  auto* const call = dynamic_cast<_OMNI_NS(GIOP_S)*>(call_.iop_s());
+  const int socket = call ? Socket::of(call->strand().connection) : -1;
+  if (socket < 0) return false;
+  pollfd end{socket, POLLRDHUP, 0};
+  return ::poll(&end, 1, 0) > 0 && (end.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
 CallTimeout::CallTimeout(std::chrono::milliseconds timeout) : outer_(thread_timeout) {

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "middleware/orb/orb.h"
+#include "platform/caller.h"
 
 namespace portsvc::orb {
 
@@ -77,10 +78,25 @@ inline Varo::DATA_BUFFER* give(std::unique_ptr<unsigned char[]> bytes, unsigned 
 #if defined(PORTSVC_ORB_TAO)
 using Port_Factory_Skeleton = POA_Varo::DT_PORT_SVC::Port_Factory;
 #else
-/// The skeleton; it notes that the in arguments of a remote call may be taken over.
+/// The other end of the connection over which a call has come.
+class Remote_Caller final : public Caller {
+ public:
+  explicit Remote_Caller(const omniCallHandle& call) : call_(call) {}
+
+  /// True once the other end has closed the connection or the kernel has given it up.
+  bool gone() const override;
+
+ private:
+  const omniCallHandle& call_;
+};
+
+/// The skeleton; it notes that the in arguments of a remote call may be taken over, and whose call
+/// it is.
 class Port_Factory_Skeleton : public virtual POA_Varo::DT_PORT_SVC::Port_Factory {
  public:
   _CORBA_Boolean _dispatch(omniCallHandle& handle) override {
+    const Remote_Caller caller(handle);
+    const Caller::Scope scope(&caller);
     detail::arguments_are_ours = true;
     const _CORBA_Boolean known = POA_Varo::DT_PORT_SVC::Port_Factory::_dispatch(handle);
     detail::arguments_are_ours = false;
