@@ -1,0 +1,374 @@
+// Waits that end when there is something to take, on the system's clock.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <mutex>
+#include <set>
+
+#include "platform/poller.h"
+#include "tests/support/servers.h"
+#include "tests/support/threads.h"
+
+namespace portsvc {
+namespace {
+
+using namespace std::chrono_literals;
+using Steady = std::chrono::steady_clock;
+
+class EarlyWaits : public ::testing::Test {
+ protected:
+  EarlyWaits() { wake_waits_early(true); }
+  ~EarlyWaits() override { wake_waits_early(false); }
+
+  const int object = 0;
+  const Topic topic{&object, 1};
+  const Waited_On what{&object, &topic, 1};
+};
+
+/// Threads that sleep on a topic, in this order. Each answers the number of the change at which it
+/// was woken and found something.
+class Sleepers {
+ public:
+  Sleepers(int count, const Topic& topic) : topic_(topic) {
+    for (int i = 0; i < count; ++i) {
+      std::promise<void> placed;
+      ends_.push_back(std::async(std::launch::async, [this, &placed] {
+        Places places(&topic_, 1);
+        placed.set_value();
+        for (;;) {
+          Sleeper::of_this_thread()->sleep();
+          places.take_again();
+          ++woken_;
+          if (there_is_something_) return change_.load();
+        }
+      }));
+      placed.get_future().wait();
+    }
+  }
+  void change(unsigned int things) {
+    ++change_;
+    something_changed(topic_, things);
+  }
+  void change_in_vain() {
+    there_is_something_ = false;
+    const int before = woken_;
+    change(1);
+    EXPECT_TRUE(eventually([&] { return woken_ > before; }));
+    there_is_something_ = true;
+  }
+  int end(std::size_t sleeper) { return ends_[sleeper].get(); }
+
+ private:
+  const Topic topic_;
+  std::atomic<bool> there_is_something_{true};
+  std::atomic<int> woken_{0};
+  std::atomic<int> change_{0};
+  std::vector<std::future<int>> ends_;
+};
+
+TEST_F(EarlyWaits, WakeOnePerThingTheLongestFirst) {
+  Sleepers sleepers(5, topic);
+  something_changed({&object, 2});
+  sleepers.change_in_vain();
+  sleepers.change(1);
+  EXPECT_EQ(sleepers.end(0), 2) << "it kept its place";
+  sleepers.change(1);
+  EXPECT_EQ(sleepers.end(1), 3);
+  sleepers.change(2);
+  EXPECT_EQ(sleepers.end(2), 4);
+  EXPECT_EQ(sleepers.end(3), 4);
+  sleepers.change(1);
+  EXPECT_EQ(sleepers.end(4), 5);
+}
+
+TEST_F(EarlyWaits, PassOnAWakeUpThatTheyDoNotUse) {
+  auto oldest = std::make_unique<Places>(&topic, 1);
+  Sleepers younger(2, topic);
+  younger.change(1);
+  oldest.reset();
+  EXPECT_EQ(younger.end(0), 1);
+  everything_changed(topic);
+  EXPECT_EQ(younger.end(1), 1);
+}
+
+TEST_F(EarlyWaits, EndByAWakeUpAtAnyTimeAndByThePauseWithoutOne) {
+  const auto own = std::this_thread::get_id();
+  std::atomic<bool> there{false};
+  std::atomic<int> pauses{0};
+  std::vector<std::pair<Turn, bool>> ends;  // the turn, and whether it was on the caller's thread
+  const auto end_by = [&](bool wanted_woken) {
+    return [&, wanted_woken](Turn turn) {
+      if (turn == Turn::pause_over) ++pauses;
+      return there && (turn == Turn::woken) == wanted_woken;
+    };
+  };
+  for (const int pauses_before : {0, 1, 5}) {
+    there = false;
+    pauses = 0;
+    std::thread changer([&] {
+      EXPECT_TRUE(eventually([&] { return pauses >= pauses_before; }));
+      there = true;
+      while (there) {
+        something_changed(topic);
+        std::this_thread::yield();
+      }
+    });
+    std::thread::id tester;
+    Poller::instance().wait(what, [&](Turn turn) {
+      tester = std::this_thread::get_id();
+      return end_by(true)(turn);
+    });
+    there = false;
+    changer.join();
+    EXPECT_EQ(tester, own);
+  }
+  there = true;  // and nobody says so
+  Poller::instance().wait(what, end_by(false));
+  Poller::instance().wait({&object, &topic, 1, true}, end_by(false));
+
+  // One that gives up after its pause, and every one where waits are paused, is not woken.
+  const auto never_woken = [&](const Waited_On& on) {
+    int turns = 0;
+    Poller::instance().wait(on, [&](Turn turn) {
+      EXPECT_EQ(turn, Turn::pause_over);
+      something_changed(topic);
+      return ++turns == 3;
+    });
+  };
+  never_woken({&object, nullptr, 0});
+  wake_waits_early(false);
+  never_woken(what);
+}
+
+/// A clock whose pauses never end: what ends a blocking wait was woken.
+class Endless_Pauses final : public Clock {
+ public:
+  Endless_Pauses() { replace_clock(this); }
+  ~Endless_Pauses() override { replace_clock(nullptr); }
+
+  ACE_Time_Value now() const override { return ACE_Time_Value(1700000000); }
+  void pause(const ACE_Time_Value&, const void*) override { std::this_thread::sleep_for(1ms); }
+  void rest(const ACE_Time_Value&, const Waited_On& what,
+            const std::function<bool()>& ready) override {
+    poll(what, [&](Turn) { return ready(); });
+  }
+  void poll(const Waited_On& what, const std::function<bool(Turn)>& step) override {
+    Places places(what.topics, what.topic_count);
+    ++waiting;
+    while (++tests, !step(Turn::woken)) {
+      if (!Sleeper::of_this_thread()->sleep_until(Steady::now() + 10s)) {
+        ADD_FAILURE() << "nobody woke the wait";
+        while (!step(Turn::pause_over)) {
+        }
+        break;
+      }
+      places.take_again();
+    }
+    --waiting;
+  }
+  void await(int waits) {
+    EXPECT_TRUE(eventually([&] { return waiting == waits; }));
+  }
+
+  std::atomic<int> waiting{0};
+  std::atomic<int> tests{0};
+};
+
+class WokenWaits : public EarlyWaits {
+ protected:
+  WokenWaits() {
+    for (const char* name : {"p", "q"}) server.create_port(name, PORT_MASTER, 100);
+    server.create_port("box", PORT_EVENTBOX, 100);
+  }
+  template <class Wait>
+  auto begun(Wait wait, int waits = 1) {
+    auto result = std::async(std::launch::async, wait);
+    clock.await(waits);
+    return result;
+  }
+  template <class Operation>
+  std::pair<unsigned int, unsigned int> select(Operation operation,
+                                               const std::vector<unsigned int>& handles) {
+    Varo::PORT_HANDLE_SET set;
+    set.length(static_cast<CORBA::ULong>(handles.size()));
+    std::copy(handles.begin(), handles.end(), set.get_buffer());
+    CORBA::ULong ready = 0;
+    const unsigned int code = (server.*operation)(set, ready, 0);
+    return {code, ready};
+  }
+
+  unsigned int q_again() {
+    server.create_port("q", PORT_MASTER, 5);
+    return owner(server, "q", ACCESS_SELECT);
+  }
+
+  Endless_Pauses clock;
+  MainServer server;
+};
+
+TEST_F(WokenWaits, OfPacketsRepliesAndAdmission) {
+  const unsigned int p = owner(server, "p");
+  const unsigned int sender = client(server, "p");
+  auto take = begun([&] { return receive(server, p, 5); });
+  EXPECT_EQ(send(server, sender, "x", 5), result::ok);
+  EXPECT_EQ(take.get(), Received(result::ok, sender, "x"));
+
+  auto admission = begun([&] { return send(server, sender, "y", 5); });
+  EXPECT_EQ(receive(server, p, 5), Received(result::ok, sender, "y"));
+  EXPECT_EQ(admission.get(), result::ok);
+
+  auto answer = begun([&] { return reply(server, sender, 5); });
+  server.packet_replay(client(server, "p"), wire("somebody else's"), 0);
+  server.packet_replay(sender, wire("z"), 0);
+  EXPECT_EQ(answer.get(), Reply(result::ok, "z"));
+}
+
+TEST_F(WokenWaits, OfEvents) {
+  const unsigned int box = owner(server, "box");
+  const auto take = [&] { return std::get<2>(receive(server, box, 5)); };
+  auto first = begun(take);
+  auto second = begun(take, 2);
+  Varo::DATA_BUFFER_SEQ two;
+  two.length(2);
+  two[0] = wire("a");
+  two[1] = wire("b");
+  server.add_event("box", 7);
+  server.declare_event_n(7, two, 0);
+  EXPECT_EQ(std::set<std::string>({first.get(), second.get()}), std::set<std::string>({"a", "b"}));
+  for (const bool front : {false, true}) {
+    auto next = begun(take);
+    if (front) {
+      server.update_port_front("box", 0, wire("c"));
+    } else {
+      server.send_event("box", wire("c"));
+    }
+    EXPECT_EQ(next.get(), "c");
+  }
+}
+
+TEST_F(WokenWaits, OfSelections) {
+  const unsigned int p = owner(server, "p", ACCESS_SELECT), q = owner(server, "q", ACCESS_SELECT);
+  auto packets = begun([&] { return select(&MainServer::select_event_port, {p, q, p}); });
+  EXPECT_EQ(send(server, client(server, "q"), "x", 5), result::ok);
+  EXPECT_EQ(packets.get(), std::pair(result::ok, q));
+  EXPECT_EQ(std::get<0>(receive(server, q)), result::ok);
+
+  const unsigned int a = client(server, "p", ACCESS_SELECT), b = client(server, "q", ACCESS_SELECT);
+  auto replies = begun([&] { return select(&MainServer::select_replay_port, {a, b}); });
+  server.packet_replay(b, wire("r"), 0);
+  EXPECT_EQ(replies.get(), std::pair(result::ok, b));
+  EXPECT_EQ(reply(server, b).first, result::ok);
+
+  replies = begun([&] { return select(&MainServer::select_replay_port, {a, b}); });
+  for (const unsigned int handle : {a, b}) server.disconnect_port(handle);
+  EXPECT_EQ(replies.get().first, result::nothing_selected);
+
+  packets = begun([&] { return select(&MainServer::select_event_port, {p, q}); });
+  const int before = clock.tests;
+  server.delete_port("q");
+  EXPECT_TRUE(eventually([&] { return clock.tests > before; })) << "one last look";
+  EXPECT_EQ(send(server, client(server, "p"), "x", 5), result::ok);
+  EXPECT_EQ(packets.get(), std::pair(result::ok, p)) << "the deleted one is watched to the end";
+
+  packets = begun([&] { return select(&MainServer::select_event_port, {q_again()}); });
+  server.disconnect_port(id_of(server, "q"));
+  EXPECT_EQ(packets.get().first, result::nothing_selected);
+}
+
+// Many at once: everything is taken exactly once, and no call outlives its time.
+TEST_F(EarlyWaits, LoseNothingAndHangNowhereUnderStress) {
+  constexpr int threads = 4;
+  constexpr int per_thread = 150;
+  MainServer server;
+  for (const char* name : {"work", "seen", "gone"}) server.create_port(name, PORT_MASTER, 100000);
+  server.create_port("box", PORT_EVENTBOX, 100000);
+  const unsigned int work = owner(server, "work"), box = owner(server, "box");
+  const unsigned int seen = owner(server, "seen", ACCESS_SELECT);
+
+  std::mutex lock;
+  std::multiset<std::string> sent, taken;  // guarded by lock
+  std::atomic<int> sending{2 * threads};
+  std::atomic<bool> stop{false};
+  const auto in_time = [](const char* call_name, int seconds, auto call) {
+    const auto start = Steady::now();
+    const auto answer = call();
+    EXPECT_LT(Steady::now() - start, std::chrono::seconds(seconds) + 3s) << call_name;
+    return answer;
+  };
+  const auto note = [&](std::multiset<std::string>& where, const std::string& text) {
+    const std::lock_guard<std::mutex> guard(lock);
+    where.insert(text);
+  };
+  const auto take = [&](unsigned int id) {
+    const auto [code, source, text] = in_time("take", 1, [&] { return receive(server, id, 1); });
+    if (code != result::ok) return false;
+    note(taken, text);
+    if (source != 0) server.packet_replay(source, wire(text), 0);
+    return true;
+  };
+  std::vector<std::function<void(int)>> roles = {
+      [&](int i) {  // clients that are answered
+        const unsigned int handle = client(server, i % 2 ? "work" : "seen");
+        for (int n = 0; n < per_thread; ++n) {
+          const std::string text = fmt::format("{}.{}", i, n);
+          if (in_time("send", 1, [&] { return send(server, handle, text.c_str(), 1); }) != 0) {
+            continue;
+          }
+          note(sent, text);
+          EXPECT_EQ(in_time("reply", 5, [&] { return reply(server, handle, 5); }).second, text);
+        }
+        --sending;
+      },
+      [&](int i) {
+        for (int n = 0; n < per_thread; ++n) {
+          const std::string text = fmt::format("event {}.{}", i, n);
+          note(sent, text);
+          server.send_event("box", wire(text));
+        }
+        --sending;
+      },
+      [&](int i) {
+        if (i % 10 > 1) return;
+        while (sending > 0) take(work);
+        while (take(work)) {
+        }
+      },
+      [&](int) {
+        while (sending > 0) take(box);
+        while (take(box)) {
+        }
+      },
+      [&](int) {  // an owner that selects
+        Varo::PORT_HANDLE_SET set;
+        set.length(1);
+        set[0] = seen;
+        CORBA::ULong ready = 0;
+        while (in_time("select", 1, [&] { return server.select_event_port(set, ready, 1); }) == 0 ||
+               sending > 0) {
+          take(ready);
+        }
+      },
+      [&](int i) {  // ports and connections that come and go under those who wait
+        const std::string name = fmt::format("gone{}", i);
+        while (sending > 0) {
+          server.create_port(name.c_str(), PORT_MASTER, 5);
+          const unsigned int id = owner(server, name.c_str());
+          const unsigned int handle = client(server, name.c_str());
+          auto blocked = std::async(std::launch::async, [&] { return receive(server, id, 1); });
+          server.disconnect_port(handle);
+          server.delete_port(name.c_str());
+          in_time("a deleted port's take", 1, [&] { return blocked.get(); });
+        }
+      },
+  };
+  in_parallel(static_cast<int>(roles.size()) * threads, [&](int i) {
+    roles[static_cast<std::size_t>(i / threads)](i % threads + 10 * (i / threads));
+  });
+  EXPECT_GE(sent.size(), static_cast<std::size_t>(2 * threads * per_thread * 9 / 10));
+  EXPECT_EQ(taken, sent);
+}
+
+}  // namespace
+}  // namespace portsvc

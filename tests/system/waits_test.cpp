@@ -1,0 +1,95 @@
+// Callers that wait, and callers that die while they do.
+#include <fmt/format.h>
+#include <signal.h>
+
+#include <future>
+
+#include "tests/system/system_test.h"
+
+namespace portsvc {
+namespace {
+
+class Waits : public SystemTest, public ::testing::WithParamInterface<const char*> {
+ protected:
+  Waits() { start("main", {"--waits", GetParam()}); }
+};
+
+INSTANTIATE_TEST_SUITE_P(, Waits, ::testing::Values("early", "paused"),
+                         [](const auto& mode) { return mode.param; });
+
+// A caller that is killed while it waits takes nothing with it: what comes next goes to whoever is
+// there, and the server keeps nothing for it.
+TEST_P(Waits, ADeadCallerSwallowsNothing) {
+  const Port_Factory_var main = server("main");
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+  EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 8), result::ok);
+
+  for (const char* name : {"p", "box"}) {
+    const bool box = std::string(name) == "box";
+    const auto dead = in_background(
+        "main", box ? Words{"event", "watch", "box"} : Words{"receive", "p", "--count", "0"});
+    ASSERT_TRUE(eventually([&] { return info_of(main, name).owner_connected != 0; }));
+    const unsigned int sender = box ? 0 : connected(main, "p", CONNECT_CLIENT);
+    const auto put = [&](const char* data) {
+      EXPECT_EQ(box ? main->send_event("box", wire(data)) : send(main, sender, data, 10),
+                result::ok);
+    };
+    put("taken");
+    ASSERT_TRUE(eventually([&] { return dead->out() == "taken\n"; }));
+    done("main", {"ping"});  // meanwhile it waits for the next one
+    dead->kill();
+
+    // The owner's connection outlives its process: the next one takes over where it stood.
+    const unsigned int id = info_of(main, name).port_id;
+    for (const char* data : {"first", "second"}) {
+      auto alive = std::async(std::launch::async, [&] { return receive(main, id, 20); });
+      put(data);
+      EXPECT_EQ(alive.get(), Received(result::ok, sender, data));
+    }
+  }
+}
+
+// A call of packet_receive without a limit, as bytes.
+std::string endless_take(unsigned int id) {
+  std::string body;
+  const auto number = [&](unsigned int value) {
+    body.append((4 - body.size() % 4) % 4, '\0');
+    body.append(reinterpret_cast<const char*>(&value), 4);
+  };
+  const auto octets = [&](const std::string& text) {
+    number(static_cast<unsigned int>(text.size()));
+    body += text;
+  };
+  number(0);  // no service contexts
+  number(1);  // the request's number
+  body += '\1';
+  octets(object_key);
+  octets(std::string("packet_receive") + '\0');
+  octets("");
+  number(id);
+  number(0);
+  const std::string header("GIOP\1\0\1\0", 8);
+  const auto size = static_cast<unsigned int>(body.size());
+  return header + std::string(reinterpret_cast<const char*>(&size), 4) + body;
+}
+
+// Nothing comes for them, so the server has to find out by itself.
+TEST_P(Waits, DeadCallersGiveTheirConnectionsBack) {
+  const Port_Factory_var main = server("main");
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+  const unsigned int id = connected(main, "p", CONNECT_OWNER);
+  const unsigned int sender = connected(main, "p", CONNECT_CLIENT, ACCESS_SELECT);
+  const int sockets = process("main").sockets();
+  std::vector<std::unique_ptr<RawConnection>> callers;
+  for (int i = 0; i < 20; ++i) {
+    callers.push_back(std::make_unique<RawConnection>(port("main")));
+    callers.back()->send(endless_take(id));
+  }
+  EXPECT_FALSE(callers.back()->closed_by_peer(1500ms)) << "while they are there they wait";
+  callers.clear();
+  EXPECT_TRUE(eventually([&] { return process("main").sockets() <= sockets; }));
+  EXPECT_EQ(send(main, sender, "x", 0), result::owner_not_taking) << "a take of the dead";
+}
+
+}  // namespace
+}  // namespace portsvc
