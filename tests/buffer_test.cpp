@@ -1,10 +1,12 @@
+// Payloads, and the queue that keeps them.
 #include "ports/buffer.h"
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
+#include <tuple>
 
-#include "tests/support/allocation.h"
+#include "idl/port_codes.h"
+#include "ports/buffer_queue.h"
 #include "tests/support/payload.h"
 
 namespace portsvc {
@@ -14,86 +16,94 @@ vrPort_Buffer packet(unsigned int handle, std::string_view data) {
   return vrPort_Buffer(handle, buffer(data));
 }
 
-TEST(Buffer, OwnsACopyOfItsBytes) {
+TEST(Buffer, OwnsItsBytesUntilItGivesThemAway) {
   std::string source = "hello";
-  vrBuffer first = buffer(source);
-  vrBuffer second(first);
-  vrBuffer third;
+  vrBuffer first = buffer(source), second(first), third = buffer("old");
   third = first;
   source[0] = 'J';
   first.assign("bye", 3);
-  EXPECT_EQ(text(first), "bye");
-  EXPECT_EQ(text(second), "hello");
-  EXPECT_EQ(text(third), "hello");
-  first.assign("x", 0);
-  EXPECT_EQ(first.size(), 0u);
-  EXPECT_EQ(first.data(), nullptr);
-}
+  EXPECT_EQ(text(first) + text(second) + text(third), "byehellohello");
 
-TEST(Buffer, GivesItsBytesAwayWhenMoved) {
-  vrBuffer first = buffer("hello");
-  const unsigned char* const bytes = first.data();
-  vrBuffer second(std::move(first));
-  vrBuffer third = buffer("old");
-  third = std::move(second);
+  const unsigned char* const bytes = second.data();
+  vrBuffer moved(std::move(second));
+  third = std::move(moved);
   EXPECT_EQ(third.data(), bytes);
   EXPECT_EQ(text(third), "hello");
   EXPECT_EQ(third.release().get(), bytes);
-  for (const vrBuffer* emptied : {&first, &second, &third}) {
+  first.assign("x", 0);
+  for (const vrBuffer* emptied : {&first, &second, &moved, &third}) {
     EXPECT_EQ(emptied->size(), 0u);
     EXPECT_EQ(emptied->data(), nullptr);
   }
 }
 
 TEST(Buffer, KeepsItsPayloadWhenAnEmptyOneIsAssigned) {
-  vrBuffer target = buffer("old");
-  const vrBuffer empty;
+  vrPort_Buffer target = packet(7, "old");
+  const vrPort_Buffer empty = packet(8, "");
   target = empty;
-  target = vrBuffer();
-  target = static_cast<const vrBuffer&>(target);
-  EXPECT_EQ(text(target), "old");
-
-  vrPort_Buffer tagged = packet(7, "old");
-  const vrPort_Buffer other = packet(8, "");
-  tagged = other;
-  EXPECT_EQ(tagged.handle(), 8u);
-  tagged = packet(9, "");
-  EXPECT_EQ(tagged.handle(), 9u);
-  EXPECT_EQ(text(tagged), "old");
-  tagged = packet(10, "new");
-  EXPECT_EQ(tagged.handle(), 10u);
-  EXPECT_EQ(text(tagged), "new");
+  target = static_cast<const vrPort_Buffer&>(target);
+  EXPECT_EQ(target.handle(), 8u);
+  for (const auto& [handle, data] : {std::pair(9u, ""), std::pair(10u, "new")}) {
+    target = packet(handle, data);
+    EXPECT_EQ(target.handle(), handle);
+    EXPECT_EQ(text(target), *data ? "new" : "old");
+  }
 }
 
 TEST(Buffer, ComparesLengthAndBytesAndPortBuffersTheirHandles) {
-  EXPECT_TRUE(buffer("abc") == buffer("abc"));
-  EXPECT_TRUE(vrBuffer() == buffer(""));
-  EXPECT_FALSE(buffer("abc") == buffer("abd"));
-  EXPECT_FALSE(buffer("abc") == buffer("ab"));
-  EXPECT_FALSE(buffer("ab") == buffer("abc"));
-  EXPECT_FALSE(vrBuffer() == buffer("a"));
+  const std::tuple<const char*, const char*, bool> cases[] = {
+      {"abc", "abc", true}, {"", "", true},       {"abc", "abd", false},
+      {"abc", "ab", false}, {"ab", "abc", false}, {"", "a", false}};
+  for (const auto& [left, right, equal] : cases) {
+    EXPECT_EQ(buffer(left) == buffer(right), equal) << left << " " << right;
+  }
   EXPECT_TRUE(packet(1, "a") == packet(1, "b"));
   EXPECT_FALSE(packet(1, "a") == packet(2, "a"));
 }
 
-TEST(Buffer, IsEmptyWhenItsBytesCannotBeAllocated) {
-  const vrPort_Buffer source = packet(5, "hello");
-  vrBuffer assigned = buffer("old");
-  vrPort_Buffer copied = packet(1, "old");
-  errno = 0;
-  {
-    const NoMemory scope;
-    const vrBuffer made(5, "hello");
-    EXPECT_EQ(errno, ENOMEM);
-    EXPECT_EQ(made.size(), 0u);
-    EXPECT_EQ(vrPort_Buffer(source).size(), 0u);
-    assigned.assign("new", 3);
-    copied = source;
+// All that is queued, oldest first.
+std::string drain(vrPort_Buffer_Queue& queue) {
+  std::string all;
+  vrPort_Buffer packet;
+  for (; queue.pop(any_handle, packet) == result::ok; packet = vrPort_Buffer()) {
+    all += std::to_string(packet.handle()) + text(packet);
+    packet.release();
   }
-  EXPECT_EQ(assigned.size(), 0u);
-  EXPECT_EQ(assigned.data(), nullptr);
-  EXPECT_EQ(copied.size(), 0u);
-  EXPECT_EQ(copied.handle(), 5u);
+  return all;
+}
+
+TEST(BufferQueue, DropsTheOldestBeyondItsLimit) {
+  vrPort_Buffer_Queue queue;
+  for (const auto& [limit, held] : {std::pair(1u, "7c"), {2u, "7b7c"}, {0u, ""}}) {
+    if (limit != 1) queue.set_limit(limit);  // which it is from birth
+    for (const char* data : {"a", "b", "c"}) queue.push(7, buffer(data));
+    EXPECT_EQ(drain(queue), held);
+  }
+}
+
+TEST(BufferQueue, TakesByHandleAndTellsEmptyFromNoneForThatHandle) {
+  vrPort_Buffer_Queue queue;
+  queue.set_limit(10);
+  vrPort_Buffer out = packet(9, "untouched");
+  EXPECT_EQ(queue.pop(any_handle, out), result::nothing_arrived);
+  EXPECT_EQ(queue.pop(800, out), result::unknown_name);
+  EXPECT_EQ(queue.find(800), result::queue_empty);
+  // The empty payload in the middle must neither gain nor lose bytes when its neighbours leave.
+  for (const auto& one : {packet(800, "a"), packet(801, ""), packet(800, "b"), packet(802, "c")}) {
+    queue.push_back(one);
+  }
+  EXPECT_EQ(queue.find(803), result::unknown_name);
+  EXPECT_EQ(queue.pop(803, out), result::unknown_name);
+  EXPECT_EQ(std::to_string(out.handle()) + text(out), "9untouched");
+  EXPECT_EQ(queue.find(801), result::ok);
+  for (const char* data : {"a", "b"}) {
+    EXPECT_EQ(queue.pop(800, out), result::ok);
+    EXPECT_EQ(std::to_string(out.handle()) + text(out), std::string("800") + data);
+  }
+  EXPECT_EQ(drain(queue), "801802c");
+  queue.push(801, buffer("a"));
+  queue.clear();
+  EXPECT_EQ(queue.find(801), result::queue_empty);
 }
 
 }  // namespace

@@ -1,180 +1,295 @@
+// Event boxes, by themselves and through the servant's operations.
 #include "ports/event_box.h"
 
 #include <gtest/gtest.h>
 
 #include <future>
+#include <set>
 
 #include "tests/support/servers.h"
+#include "tests/support/threads.h"
 
 namespace portsvc {
 namespace {
 
-constexpr unsigned int all = 0xFFFFFFFF;
-
 class EventBox : public ::testing::Test {
  protected:
-  unsigned int connect(vrEventBox& box, unsigned int mode, unsigned int access) {
-    reported = untouched;
-    return box.connect(7, mode, access, reported);
+  void boxes(std::initializer_list<const char*> names, unsigned int limit = 5) {
+    for (const char* name : names) ASSERT_EQ(server.create_port(name, PORT_EVENTBOX, limit), 0u);
   }
-  Received receive(vrEventBox& box, unsigned int timeout = 0) {
+  void subscribe(std::initializer_list<const char*> names, unsigned int code) {
+    for (const char* name : names) EXPECT_EQ(server.add_event(name, code), result::ok) << name;
+  }
+  unsigned int declare(unsigned int code, const std::string& data) {
+    return server.declare_event(code, wire(data), 77);
+  }
+  unsigned int declare_n(unsigned int code, const Texts& payloads) {
+    Varo::DATA_BUFFER_SEQ list;
+    list.length(static_cast<CORBA::ULong>(payloads.size()));
+    for (CORBA::ULong i = 0; i < payloads.size(); ++i) list[i] = wire(payloads[i]);
+    return server.declare_event_n(code, list, 77);
+  }
+  Received receive(unsigned int timeout = 0) {
     unsigned int source = untouched;
     vrBuffer data = buffer("untouched");
     const unsigned int code = box.receive(source, data, timeout);
     return {code, source, text(data)};
   }
-  Texts take(vrEventBox& box, unsigned int maximum = all) {
-    std::vector<Event_ptr> events;
-    box.take_events(events, maximum, 0);
-    Texts taken;
-    for (const Event_ptr& event : events) taken.push_back(text(*event));
-    return taken;
-  }
 
   TestClock clock;
-  unsigned int reported = untouched;
+  MainServer server;
+  vrEventBox box{"b", 7, 9, nullptr};
 };
 
 TEST_F(EventBox, KeepsItsLimitAndOneMoreAtTheFront) {
-  // Letters are appended one after the other; those after a ^ go to the front.
+  // Letters are appended one after the other, those in brackets at once; those after a ^ go to the
+  // front, and a ! empties the box.
   const struct {
     unsigned int limit;
     const char* pushes;
     const char* held;
-  } cases[] = {
-      {3, "ABCD", "BCD"},    {3, "BCD^E", "EBCD"}, {3, "BCD^E^F", "FBCD"}, {3, "BCD^EG", "BCDG"},
-      {3, "AB^C^D", "DCAB"}, {1, "AB", "B"},       {1, "^A^B^C", "CA"},    {0, "AB", ""},
-      {0, "^A^B", "B"},      {0, "^AB", "B"},
-  };
+  } cases[] = {{3, "ABCD", "BCD"},    {3, "BCD^E", "EBCD"},  {3, "BCD^E^F", "FBCD"},
+               {3, "BCD^EG", "BCDG"}, {3, "AB^C^D", "DCAB"}, {1, "AB", "B"},
+               {1, "^A^B^C", "CA"},   {0, "AB", ""},         {0, "^A^B", "B"},
+               {0, "^AB", "B"},       {3, "A(BCDE)", "CDE"}, {3, "AB()", "AB"},
+               {3, "(AB)C!", ""},     {3, "A!B", "B"}};
   for (const auto& c : cases) {
-    vrEventBox box("b", 7, c.limit, nullptr);
+    vrEventBox limited("b", 7, c.limit, nullptr);
     for (const char* push = c.pushes; *push; ++push) {
       if (*push == '^') {
-        box.push_event_front(event(std::string_view(++push, 1)));
+        limited.push_event_front(event(std::string_view(++push, 1)));
+      } else if (*push == '!') {
+        limited.clear_events();
+      } else if (*push == '(') {
+        std::vector<Event_ptr> events;
+        while (*++push != ')') events.push_back(event(std::string_view(push, 1)));
+        limited.push_events(events);
       } else {
-        box.push_event(event(std::string_view(push, 1)));
+        limited.push_event(event(std::string_view(push, 1)));
       }
     }
-    EXPECT_EQ(box.event_count(), std::string_view(c.held).size()) << c.pushes;
+    EXPECT_EQ(limited.event_count(), std::string_view(c.held).size()) << c.pushes;
+    std::vector<Event_ptr> events;
+    limited.take_events(events, 99, 0);
     std::string held;
-    for (const std::string& one : take(box)) held += one;
+    for (const Event_ptr& one : events) held += text(*one);
     EXPECT_EQ(held, c.held) << c.limit << " " << c.pushes;
   }
 }
 
-TEST_F(EventBox, AppliesTheLimitToSeveralEventsAsToOne) {
-  vrEventBox box("b", 7, 3, nullptr);
-  box.push_event(event("A"));
-  box.push_events({event("B"), event("C"), event("D"), event("E")});
-  box.push_events({});
-  EXPECT_EQ(take(box), (Texts{"C", "D", "E"}));
-  box.push_events({event("F")});
-  box.clear_events();
-  EXPECT_EQ(box.event_count(), 0u);
-}
-
-TEST_F(EventBox, ConnectsAnOwnerThatBlocksAndForgetsClients) {
-  vrEventBox box("b", 7, 3, nullptr);
-  EXPECT_EQ(connect(box, CONNECT_CLIENT, ACCESS_WAIT), result::ok);
-  EXPECT_EQ(reported, 0u);
-  EXPECT_EQ(box.has_client(7), result::unknown_name);
-  EXPECT_EQ(connect(box, PORT_EVENTBOX, ACCESS_WAIT), result::bad_mode);
-  EXPECT_EQ(connect(box, CONNECT_OWNER, ACCESS_SELECT), result::access_refused);
-  EXPECT_EQ(connect(box, CONNECT_OWNER, ACCESS_WAIT), result::ok);
-  EXPECT_EQ(reported, untouched);
-  for (const unsigned int access : {ACCESS_WAIT, ACCESS_SELECT}) {
-    EXPECT_EQ(connect(box, CONNECT_OWNER, access), result::owner_exists);
-    EXPECT_EQ(reported, 7u);
-  }
-  EXPECT_EQ(box.select(true), result::access_refused);
-  box.set_connected_host("host");
-  EXPECT_EQ(box.connected_host(), "host");
-  EXPECT_EQ(box.disconnect(7), result::ok);
-  EXPECT_EQ(box.connected_host(), "");
-}
-
 TEST_F(EventBox, GivesOutEventsInOrderAndTheirHandles) {
-  vrEventBox box("b", 7, 9, nullptr);
   for (const char* data : {"A", "B", "C", "D", "E"}) box.push_event(event(data, 60));
-  EXPECT_EQ(receive(box), Received(result::ok, 0, "A")) << "a single take hides the handle";
-  EXPECT_EQ(take(box, 0), (Texts{"B"}));
-  EXPECT_EQ(take(box, 2), (Texts{"C", "D"}));
-  std::vector<Event_ptr> events;
-  EXPECT_EQ(box.receive_n(reported, events, 2, 0), result::ok);
-  EXPECT_EQ(reported, 60u);
-  EXPECT_EQ(events.size(), 1u);
-  EXPECT_EQ(box.receive_n(reported = untouched, events, 2, 0), result::timed_out);
-  EXPECT_EQ(reported, untouched);
+  EXPECT_EQ(receive(), Received(result::ok, 0, "A")) << "a single take hides the handle";
+  for (const auto& [maximum, taken] : {std::pair(0u, "B"), {2u, "CD"}, {9u, "E"}}) {
+    unsigned int source = untouched;
+    std::vector<Event_ptr> events;
+    EXPECT_EQ(box.receive_n(source, events, maximum, 0), result::ok);
+    EXPECT_EQ(source, 60u);
+    std::string all;
+    for (const Event_ptr& one : events) all += text(*one);
+    EXPECT_EQ(all, taken);
+    if (maximum != 9) continue;
+    EXPECT_EQ(box.receive_n(source = untouched, events, 2, 0), result::timed_out);
+    EXPECT_EQ(source, untouched);
+  }
   box.push_event(event("", 60));
-  EXPECT_EQ(receive(box), Received(result::ok, 0, "untouched"));
+  EXPECT_EQ(receive(), Received(result::ok, 0, "untouched"));
 }
 
 TEST_F(EventBox, WaitsAsItsOwnersModeAndTheTimeoutSay) {
-  vrEventBox box("b", 7, 9, nullptr);
   const Received nothing(result::timed_out, untouched, "untouched");
-  EXPECT_EQ(receive(box, 0), nothing);
+  EXPECT_EQ(receive(0), nothing);
   EXPECT_EQ(clock.pauses(), 0);
-  EXPECT_EQ(std::get<0>(receive(box, 5)), result::nothing_arrived) << "without an owner";
+  EXPECT_EQ(std::get<0>(receive(5)), result::nothing_arrived) << "without an owner";
   EXPECT_EQ(clock.pauses(), 1);
-  connect(box, CONNECT_OWNER, ACCESS_WAIT);
-  EXPECT_EQ(receive(box, 0), nothing);
+  unsigned int owner = 0;
+  box.connect(7, CONNECT_OWNER, ACCESS_WAIT, owner);
+  EXPECT_EQ(receive(0), nothing);
   EXPECT_EQ(clock.pauses(), 1);
-  EXPECT_EQ(receive(box, 5), nothing);
+  EXPECT_EQ(receive(5), nothing);
   EXPECT_NEAR(clock.elapsed(), 5.01, 0.02);
 
-  auto taken = std::async(std::launch::async, [&] { return receive(box, 5); });
+  auto taken = std::async(std::launch::async, [&] { return receive(5); });
   ASSERT_TRUE(clock.await_poll(&box));
   box.push_event(event("late"));
   EXPECT_EQ(taken.get(), Received(result::ok, 0, "late"));
 }
 
-TEST_F(EventBox, ExpiresMoreThan120SecondsAfterTheLastRead) {
-  vrEventBox box("b", 7, 9, nullptr);
-  clock.advance(1000);
-  EXPECT_TRUE(box.persistent());
-  EXPECT_FALSE(box.expired());
-  box.set_persistent(false);
-  EXPECT_TRUE(box.expired());
-  std::vector<Event_ptr> events;
-  const std::function<void()> reads[] = {[&] { receive(box); },
-                                         [&] { box.receive_n(reported, events, 1, 0); }};
-  for (const auto& read : reads) {  // also in vain
-    read();
-    clock.advance(120);
-    box.push_event(event("pushes do not count"));
-    EXPECT_FALSE(box.expired());
-    clock.advance(1);
-    EXPECT_TRUE(box.expired());
-    box.clear_events();
+TEST_F(EventBox, ConnectsAnOwnerThatBlocksAndForgetsClientsAndReplies) {
+  const struct {
+    unsigned int mode, access, code, owner;
+  } cases[] = {{CONNECT_CLIENT, ACCESS_WAIT, result::ok, 0},
+               {PORT_EVENTBOX, ACCESS_WAIT, result::bad_mode, untouched},
+               {CONNECT_OWNER, ACCESS_SELECT, result::access_refused, untouched},
+               {CONNECT_OWNER, ACCESS_WAIT, result::ok, untouched},
+               {CONNECT_OWNER, ACCESS_WAIT, result::owner_exists, 7},
+               {CONNECT_OWNER, ACCESS_SELECT, result::owner_exists, 7}};
+  for (const auto& c : cases) {
+    unsigned int owner = untouched;
+    EXPECT_EQ(box.connect(7, c.mode, c.access, owner), c.code);
+    EXPECT_EQ(owner, c.owner);
+    EXPECT_EQ(box.has_client(7), result::unknown_name);
   }
-}
-
-TEST_F(EventBox, HandsForwardedPacketsToTheRoleAndIgnoresReplies) {
-  struct Recorder : MainServer {
-    int process_event_data(Port_impl* port, unsigned int handle, const vrBuffer& data,
-                           bool front) override {
-      seen.emplace_back(port, handle, text(data), front);
-      return 99;
-    }
-    std::vector<std::tuple<Port_impl*, unsigned int, std::string, bool>> seen;
-  } host;
-  vrEventBox box("b", 7, 9, &host);
-  EXPECT_EQ(box.forward(800, buffer("A"), 0), 99u);
-  EXPECT_EQ(box.forward_front(801, buffer("B"), 0), 99u);
-  ASSERT_EQ(host.seen.size(), 2u);
-  EXPECT_EQ(host.seen[0], std::make_tuple(&box, 800u, std::string("A"), false));
-  EXPECT_EQ(host.seen[1], std::make_tuple(&box, 801u, std::string("B"), true));
-  EXPECT_EQ(box.event_count(), 0u);
-
+  EXPECT_EQ(box.select(true), result::access_refused);
   vrBuffer data = buffer("untouched");
   vrPort_Buffer packet(9, buffer("untouched"));
   EXPECT_EQ(box.replay(800, buffer("A"), 5), result::ok);
   EXPECT_EQ(box.replay_wait(800, data, 5), result::ok);
   EXPECT_EQ(box.take_reply(800, 5, packet), result::ok);
   EXPECT_EQ(box.wait_receiver(800, 5), result::ok);
-  EXPECT_EQ(text(data), "untouched");
-  EXPECT_EQ(text(packet), "untouched");
+  EXPECT_EQ(text(data) + text(packet), "untoucheduntouched");
   EXPECT_EQ(clock.pauses(), 0);
+}
+
+TEST_F(EventBox, GetsWhatIsDeclaredUnderItsCodesWhileItExists) {
+  EXPECT_EQ(declare(7, "x"), result::no_subscriptions);
+  EXPECT_EQ(declare_n(7, {"x"}), result::no_subscriptions);
+  boxes({"box1", "box2", "box3"});
+  subscribe({"box1", "box2", "Box1"}, 7);  // names differ by case
+  EXPECT_EQ(server.add_event("box1", 7), result::already_subscribed);
+  for (const unsigned int code : {0u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
+    EXPECT_EQ(declare(code, "x"), result::not_subscribed);
+    EXPECT_EQ(declare_n(code, {"x"}), result::not_subscribed);
+    subscribe({"box3"}, code);
+    EXPECT_EQ(declare(code, std::to_string(code)), result::ok);
+  }
+  EXPECT_EQ(drain(server, "box3"), (Texts{"0", "2147483647", "2147483648", "4294967295"}));
+  EXPECT_EQ(declare(7, "a"), result::ok);
+  EXPECT_EQ(declare_n(7, {}), result::ok);
+  EXPECT_EQ(declare_n(7, {"b", "", "c"}), result::ok);
+  for (const char* name : {"box1", "box2"}) {
+    EXPECT_EQ(drain(server, name), (Texts{"a", "b", "", "c"}));
+  }
+  EXPECT_EQ(drain(server, "box3"), Texts());
+
+  server.delete_port("box1");
+  boxes({"box1"});
+  EXPECT_EQ(declare(7, "d"), result::ok);
+  EXPECT_EQ(event_count(server, "box1"), 0u) << "the new box has no subscription";
+  EXPECT_EQ(drain(server, "box2"), (Texts{"d"}));
+  subscribe({"box1"}, 7);
+  for (const char* name : {"box1", "box2"}) server.delete_port(name);
+  // A subscription that no box ever stood behind is kept.
+  EXPECT_EQ(server.add_event("Box1", 7), result::already_subscribed);
+  server.create_port("packets", PORT_MASTER, 5);
+  subscribe({"packets"}, 9);
+  server.delete_port("packets");
+  EXPECT_EQ(server.add_event("packets", 9), result::already_subscribed);
+  EXPECT_EQ(declare(9, "e"), result::ok);
+  boxes({"last"});
+  subscribe({"last"}, 10);
+  server.delete_port("last");
+  EXPECT_EQ(declare(10, "f"), result::not_subscribed);
+}
+
+TEST_F(EventBox, GetsABatchInOneHoldOfItsLock) {
+  boxes({"box"}, 2);
+  subscribe({"box"}, 7);
+  // What the overflow drops is let go once the lock is free again: here another reader comes.
+  Texts seen;
+  const auto look = [&](vrPort_Buffer* dropped) {
+    seen = drain(server, "box");
+    delete dropped;
+  };
+  server.get_port("box")->push_event(Event_ptr(new vrPort_Buffer, look));
+  EXPECT_EQ(declare_n(7, {"a", "b", "c"}), result::ok);
+  EXPECT_EQ(seen, (Texts{"b", "c"}));
+}
+
+TEST_F(EventBox, IsCountedClearedAndSwitchedByName) {
+  boxes({"box"});
+  server.create_port("packets", PORT_MASTER, 5);
+  CORBA::ULong count = untouched;
+  EXPECT_EQ(server.event_count("nobody", count), result::unknown_handle);
+  EXPECT_EQ(count, untouched);
+  EXPECT_EQ(server.clear_event("nobody"), result::unknown_handle);
+  EXPECT_EQ(server.send_event("nobody", wire("x")), result::unknown_name);
+  EXPECT_EQ(server.copy_enable("nobody", 0), static_cast<int>(result::unknown_name));
+  subscribe({"box"}, 7);
+  for (const char* name : {"box", "packets"}) {
+    const bool keeps = name[0] == 'b';
+    for (const char* data : {"a", "b"}) EXPECT_EQ(server.send_event(name, wire(data)), result::ok);
+    EXPECT_EQ(event_count(server, name), keeps ? 2u : 0u);
+    EXPECT_EQ(server.clear_event(name), result::ok);
+    EXPECT_EQ(event_count(server, name), 0u);
+    EXPECT_EQ(server.copy_enable(name, -5), 0);
+    EXPECT_EQ(server.get_port(name)->copy_enable(), -5);
+  }
+  EXPECT_EQ(declare(7, "c"), result::ok) << "clearing leaves subscriptions alone";
+  const unsigned int id = id_of(server, "box");
+  EXPECT_EQ(portsvc::receive(server, id), Received(result::ok, 0, "c"));
+  EXPECT_EQ(receive_n(server, id, 5), Events(result::timed_out, {}));
+
+  const auto named = boost::dynamic_pointer_cast<vrEventBox>(server.get_port("box"));
+  for (const int flag : {0, 2}) {
+    EXPECT_EQ(server.setPersistent("box", flag), result::ok);
+    EXPECT_EQ(named->persistent(), flag != 0);
+    for (const char* name : {"packets", "nobody"}) {
+      EXPECT_EQ(server.setPersistent(name, flag), result::unknown_name);
+    }
+  }
+}
+
+TEST_F(EventBox, SharesOneStoredEventWithAllOthersAndLeavesItWhole) {
+  boxes({"a", "b", "c"});
+  subscribe({"a", "b", "c"}, 7);
+  unsigned int ids[3];
+  std::set<const vrPort_Buffer*> objects;
+  boost::weak_ptr<vrPort_Buffer> last;
+  declare(7, "one");
+  declare_n(7, {"two"});
+  for (const char* name : {"a", "b", "c"}) {
+    ids[name[0] - 'a'] = id_of(server, name);
+    unsigned int source = untouched;
+    std::vector<Event_ptr> events;
+    ASSERT_EQ(server.get_port(name)->receive_n(source, events, 2, 0), result::ok);
+    for (const Event_ptr& event : events) objects.insert(event.get());
+    last = events.at(1);
+  }
+  EXPECT_EQ(objects.size(), 2u);
+  EXPECT_TRUE(last.expired()) << "nothing but the boxes holds it";
+  // Readers at the same time, in both ways of taking; the last takes the event's bytes over.
+  for (int n = 0; n < 300; ++n) {
+    const std::string payload = "payload " + std::to_string(n);
+    declare(7, payload);
+    in_parallel(3, [&](int i) {
+      if (i == 0) {
+        EXPECT_EQ(portsvc::receive(server, ids[i]), Received(result::ok, 0, payload));
+      } else {
+        EXPECT_EQ(receive_n(server, ids[i], 5), Events(result::ok, {payload}));
+      }
+    });
+  }
+}
+
+TEST_F(EventBox, LosesNothingBelowTheLimitAndKeepsEachProducersOrder) {
+  constexpr int producers = 3;
+  constexpr int each = 1000;
+  boxes({"box"}, producers * each);
+  subscribe({"box"}, 7);
+  const unsigned int id = owner(server, "box");
+  // Meanwhile others come and go under the same code.
+  in_parallel(producers + 2, [&](int i) {
+    const std::string prefix = std::to_string(i) + ":";
+    for (int n = 0; i < producers && n < each; n += 2) {
+      ASSERT_EQ(declare(7, prefix + std::to_string(n)), result::ok);
+      ASSERT_EQ(declare_n(7, {prefix + std::to_string(n + 1)}), result::ok);
+    }
+    for (int n = 0; i == producers && n < 200; ++n) {
+      boxes({prefix.c_str()});
+      subscribe({prefix.c_str()}, 7);
+      server.delete_port(prefix.c_str());
+    }
+    int next[producers] = {};
+    for (int taken = 0; i > producers && taken < producers * each;) {
+      const Events events = receive_n(server, id, 64, 60);
+      ASSERT_EQ(events.first, result::ok);
+      for (const std::string& event : events.second) {
+        ASSERT_EQ(event.substr(2), std::to_string(next[event[0] - '0']++));
+        ++taken;
+      }
+    }
+  });
 }
 
 }  // namespace

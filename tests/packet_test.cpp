@@ -1,8 +1,12 @@
-// Packets and replies through the servant's operations.
+// Packets and replies: the port whose owner is served here, and the servant's operations.
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
+#include <functional>
+#include <future>
 
+#include "ports/master_port.h"
 #include "tests/support/allocation.h"
 #include "tests/support/servers.h"
 #include "tests/support/threads.h"
@@ -10,25 +14,208 @@
 namespace portsvc {
 namespace {
 
+class MasterPort : public ::testing::Test {
+ protected:
+  unsigned int connect(unsigned int handle, unsigned int mode, unsigned int access) {
+    reported = untouched;
+    return port.connect(handle, mode, access, reported);
+  }
+  unsigned int owner(unsigned int access) { return connect(42, CONNECT_OWNER, access); }
+  unsigned int client(unsigned int handle, unsigned int access = ACCESS_WAIT) {
+    return connect(handle, CONNECT_CLIENT, access);
+  }
+  unsigned int send(unsigned int handle, const char* data, unsigned int timeout = 0) {
+    return port.forward(handle, buffer(data), timeout);
+  }
+  Received receive(unsigned int timeout = 0) {
+    unsigned int source = untouched;
+    vrBuffer data = buffer("untouched");
+    const unsigned int code = port.receive(source, data, timeout);
+    return {code, source, text(data)};
+  }
+  Reply reply(unsigned int handle, unsigned int timeout = 0) {
+    vrBuffer data = buffer("untouched");
+    const unsigned int code = port.replay_wait(handle, data, timeout);
+    return {code, text(data)};
+  }
+  // A take on another thread, which is waiting when this returns.
+  std::future<Received> blocked_receive(unsigned int timeout = 0) {
+    auto taken = std::async(std::launch::async, [=] { return receive(timeout); });
+    EXPECT_TRUE(clock.await_poll(&port));
+    return taken;
+  }
+
+  TestClock clock;
+  vrMaster_Port port{"p", 42, 3, nullptr};
+  const Received nothing{result::nothing_arrived, untouched, "untouched"};
+  unsigned int reported = untouched;
+};
+
+TEST_F(MasterPort, HasOneOwnerAndKnowsItsClients) {
+  EXPECT_EQ(port.disconnect(758), result::unknown_handle);
+  EXPECT_EQ(client(758, ACCESS_SELECT), result::ok);
+  EXPECT_EQ(reported, 0u);
+  EXPECT_EQ(client(758, ACCESS_WAIT), result::ok);
+  EXPECT_EQ(port.select_replay(758, true), result::ok) << "the first access mode stays";
+  EXPECT_EQ(port.has_client(758), result::ok);
+  EXPECT_EQ(port.disconnect(758), result::ok);
+  EXPECT_EQ(port.has_client(758), result::unknown_name);
+  // A question about an unknown handle enters it, with no access.
+  EXPECT_EQ(port.select_replay(759, true), result::access_refused);
+  EXPECT_EQ(port.has_client(759), result::ok);
+  EXPECT_EQ(port.reply_signal(759), result::not_connected);
+
+  EXPECT_EQ(connect(42, PORT_MASTER, ACCESS_WAIT), result::bad_mode);
+  EXPECT_EQ(owner(ACCESS_SELECT), result::ok);
+  EXPECT_EQ(reported, untouched);
+  EXPECT_EQ(owner(ACCESS_WAIT), result::owner_exists);
+  EXPECT_EQ(reported, 42u);
+  EXPECT_EQ(port.disconnect(42), result::ok);
+  EXPECT_EQ(port.disconnect(42), result::not_connected);
+  // The last owner's mode stays, so that the port can still be selected.
+  EXPECT_EQ(port.select(true), result::ok);
+  EXPECT_EQ(owner(ACCESS_WAIT), result::ok);
+  EXPECT_EQ(port.select(false), result::access_refused);
+}
+
+TEST_F(MasterPort, RefusesSendersThatDoNotBlockAfterOnePause) {
+  client(758, ACCESS_SELECT);
+  EXPECT_EQ(send(758, "nobody there", 9), result::unknown_handle);
+  EXPECT_EQ(send(999, "unknown sender", 9), result::unknown_handle);
+  EXPECT_EQ(port.has_client(999), result::ok);
+  owner(ACCESS_WAIT);
+  EXPECT_EQ(send(758, "not taking", 9), result::owner_not_taking);
+  EXPECT_EQ(clock.pauses(), 3);
+  port.disconnect(42);
+
+  // Somebody without a connection begins to take while the sender pauses.
+  std::future<Received> taker;
+  clock.on_pause = [&](const ACE_Time_Value&) { taker = blocked_receive(); };
+  EXPECT_EQ(send(758, "too late"), result::not_connected);
+  clock.on_pause = nullptr;
+  EXPECT_EQ(send(758, "in time"), result::ok);
+  EXPECT_EQ(taker.get(), Received(result::ok, 758, "in time"));
+}
+
+TEST_F(MasterPort, AdmitsOnePacketPerTakeForWhichASenderMayWait) {
+  client(758, ACCESS_SELECT);
+  client(759);
+  owner(ACCESS_WAIT);
+  EXPECT_EQ(send(759, "lost", 1), result::send_timed_out);
+  EXPECT_EQ(clock.pauses(), 100);
+  EXPECT_EQ(port.owner_signal(), result::queue_empty);
+  auto sent = std::async(std::launch::async, [&] { return send(759, "awaited"); });
+  ASSERT_TRUE(clock.await_poll(&port));
+  clock.advance(86400);
+  auto taken = std::async(std::launch::async, [&] { return receive(); });
+  EXPECT_EQ(taken.get(), Received(result::ok, 759, "awaited"));
+  EXPECT_EQ(sent.get(), result::ok);
+  EXPECT_EQ(send(758, "second"), result::owner_not_taking);
+
+  // Neither a take that has timed out nor one that the owner has left admits anything.
+  taken = blocked_receive(1);
+  clock.advance(1);
+  EXPECT_EQ(taken.get(), Received(result::timed_out, untouched, "untouched"));
+  EXPECT_EQ(send(758, "third"), result::owner_not_taking);
+  taken = blocked_receive(1);
+  port.disconnect(42);
+  EXPECT_EQ(send(758, "fourth"), result::unknown_handle);
+  clock.advance(1);
+  taken.wait();
+}
+
+TEST_F(MasterPort, AdmitsAllSendersWhileItsOwnerWatches) {
+  client(758, ACCESS_SELECT);
+  EXPECT_EQ(port.select(true), result::access_refused);
+  owner(ACCESS_SELECT);
+  for (const bool on : {true, true, false}) ASSERT_EQ(port.select(on), result::ok);
+  EXPECT_TRUE(port.has_selectors());
+  for (const char* data : {"a", "b", "c", "d"}) EXPECT_EQ(send(758, data), result::ok);
+  EXPECT_EQ(clock.pauses(), 0);
+  EXPECT_EQ(port.owner_signal(), result::ok);
+  port.select(false);
+  EXPECT_EQ(send(758, "e"), result::owner_not_taking);
+  EXPECT_EQ(receive(), Received(result::ok, 758, "b")) << "the oldest went over the limit";
+
+  port.select(true);
+  port.disconnect(42);
+  EXPECT_FALSE(port.has_selectors());
+  EXPECT_EQ(port.select(false), result::ok);
+  EXPECT_FALSE(port.has_selectors()) << "the count never falls below 0";
+  EXPECT_EQ(port.owner_signal(), result::not_connected) << "although packets are queued";
+  port.select(true);
+  EXPECT_EQ(send(758, "f"), result::unknown_handle) << "a watch without an owner admits nobody";
+  owner(ACCESS_WAIT);
+  EXPECT_EQ(receive(), Received(result::ok, 758, "c")) << "packets wait for the next owner";
+}
+
+TEST_F(MasterPort, TakesAsItsOwnersModeSaysAndHasNoHeadAndNoEvents) {
+  EXPECT_EQ(receive(5), nothing);
+  owner(ACCESS_SELECT);
+  EXPECT_EQ(receive(5), nothing);
+  EXPECT_EQ(clock.pauses(), 2);
+  port.select(true);
+  send(758, "");
+  EXPECT_EQ(receive(), Received(result::ok, 758, "untouched"))
+      << "an empty packet assigns no bytes";
+  EXPECT_EQ(port.forward_front(758, buffer("front"), 0), result::ok);
+  port.push_event(event("e"));
+  port.push_event_front(event("e"));
+  port.push_events({event("e")});
+  EXPECT_EQ(port.event_count(), 0u);
+  std::vector<Event_ptr> events;
+  EXPECT_EQ(port.receive_n(reported, events, 9, 0), result::ok);
+  EXPECT_TRUE(events.empty());
+  send(758, "a");
+  port.clear_events();
+  EXPECT_EQ(receive(), Received(result::ok, 758, "a"));
+  EXPECT_EQ(receive(), nothing);
+  port.disconnect(42);
+  owner(ACCESS_WAIT);
+  EXPECT_EQ(receive(5), Received(result::timed_out, untouched, "untouched"));
+  EXPECT_NEAR(clock.elapsed(), 5.03, 0.02);
+}
+
+TEST_F(MasterPort, KeepsTheNewest32RepliesAndDeliversThemToTheirClientOnly) {
+  client(758, ACCESS_SELECT);
+  client(759, ACCESS_WAIT);
+  EXPECT_EQ(port.reply_signal(758), result::queue_empty);
+  for (unsigned int i = 0; i <= reply_limit; ++i) {
+    port.replay(i < 16 ? 758 : 759, buffer(std::to_string(i)), 9);
+  }
+  EXPECT_EQ(port.reply_signal(758), result::ok);
+  for (unsigned int i = 1; i < 16; ++i) EXPECT_EQ(reply(758), Reply(result::ok, std::to_string(i)));
+  EXPECT_EQ(port.reply_signal(758), result::unknown_name);
+  EXPECT_EQ(reply(758, 5), Reply(result::nothing_arrived, "untouched"));
+  EXPECT_EQ(clock.pauses(), 1);
+  for (unsigned int i = 16; i <= reply_limit; ++i) EXPECT_EQ(reply(759).second, std::to_string(i));
+  EXPECT_EQ(reply(759, 5), Reply(result::reply_timed_out, "untouched"));
+  EXPECT_NEAR(clock.elapsed(), 5.02, 0.02);
+}
+
+TEST(Pause, LastsTenMilliseconds) {
+  using std::chrono::steady_clock;
+  vrMaster_Port port("p", 42, 3, nullptr);
+  vrPort_Buffer packet;
+  const auto start = steady_clock::now();
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(port.take_packet(packet, 0), result::nothing_arrived);
+  const auto took = steady_clock::now() - start;
+  EXPECT_GE(took, std::chrono::milliseconds(190));
+  EXPECT_LT(took, std::chrono::milliseconds(2000));
+}
+
 class Packets : public ::testing::Test {
  protected:
-  Packets() {
-    EXPECT_EQ(server.create_port("p", PORT_MASTER, 3), result::ok);
-    EXPECT_EQ(server.create_port("box", PORT_EVENTBOX, 3), result::ok);
-  }
-  // A watching owner, so that packets are queued without a take.
-  unsigned int watching_owner() {
-    const unsigned int id = owner(server, "p", ACCESS_SELECT);
-    EXPECT_EQ(server.get_port(id)->select(true), result::ok);
-    return id;
-  }
+  Packets() { EXPECT_EQ(server.create_port("p", PORT_MASTER, 3), result::ok); }
 
   TestClock clock;
   MainServer server;
 };
 
-TEST_F(Packets, NeedTheRightKindOfHandle) {
-  const unsigned int id = watching_owner();
+TEST_F(Packets, AreCopiesAndNeedTheRightKindOfHandle) {
+  server.create_port("box", PORT_EVENTBOX, 3);
+  const unsigned int id = owner(server, "p", ACCESS_SELECT);
+  EXPECT_EQ(server.get_port(id)->select(true), result::ok);
   const unsigned int handle = client(server, "p");
   const unsigned int box_client = client(server, "box");
   for (const unsigned int wrong : {id, box_client, 1u}) {
@@ -41,11 +228,6 @@ TEST_F(Packets, NeedTheRightKindOfHandle) {
     EXPECT_EQ(receive(server, wrong), Received(result::unknown_handle, untouched, ""));
     EXPECT_EQ(receive_n(server, wrong, 5), Events(result::unknown_handle, {}));
   }
-}
-
-TEST_F(Packets, AreCopiesOfTheArguments) {
-  const unsigned int id = watching_owner();
-  const unsigned int handle = client(server, "p");
   std::string bytes(50 << 20, '\0');
   for (std::size_t i = 0; i < bytes.size(); i += 997) bytes[i] = static_cast<char>(i);
   const Varo::DATA_BUFFER large = wire(bytes);
@@ -56,33 +238,48 @@ TEST_F(Packets, AreCopiesOfTheArguments) {
   EXPECT_TRUE(reply(server, handle) == Reply(result::ok, bytes));
 }
 
-TEST_F(Packets, SayWhenAnAnswerCannotBeAllocated) {
-  const unsigned int id = watching_owner();
+TEST_F(Packets, AndAllOtherAnswersAreCodesWhenMemoryHasRunOut) {
+  server.create_port("box", PORT_EVENTBOX, 3);
+  const unsigned int id = owner(server, "p", ACCESS_SELECT);
+  const unsigned int box = id_of(server, "box");
   const unsigned int handle = client(server, "p", ACCESS_SELECT);
+  server.get_port(id)->select(true);
   send(server, handle, "a");
   server.packet_replay(handle, wire("a"), 0);
   server.send_event("box", wire("e"));
-  const unsigned int box = id_of(server, "box");
-  CORBA::ULong source = 0;
+  const vrPort_Buffer source(5, buffer("hello"));
+  vrBuffer assigned = buffer("old");
+  vrPort_Buffer copied(1, buffer("old"));
+  CORBA::ULong from = 0;
   Varo::DATA_BUFFER_var data;
   Varo::DATA_BUFFER_SEQ_var list;
-  const NoMemory scope;
-  const auto failed = [](unsigned int code) {
-    return std::make_pair(code, std::exchange(errno, 0));
+  Varo::STRING_LIST_var names, more;
+  Varo::DT_PORT_SVC::ConnectionSeq_var connections;
+  const std::pair<unsigned int, std::function<unsigned int()>> cases[] = {
+      {result::failed, [&] { return server.packet_receive(1, from, data.out(), 0); }},
+      {result::out_of_memory, [&] { return server.packet_receive(id, from, data.out(), 0); }},
+      {result::out_of_memory, [&] { return server.packet_receive(id, from, data.out(), 0); }},
+      {result::failed, [&] { return server.packet_replay_wait(1, data.out(), 0); }},
+      {result::out_of_memory, [&] { return server.packet_replay_wait(handle, data.out(), 0); }},
+      {result::failed, [&] { return server.packet_replay_wait(handle, data.out(), 0); }},
+      {result::failed, [&] { return server.packet_receive_n(1, list.out(), 5, 0); }},
+      {result::failed, [&] { return server.packet_receive_n(box, list.out(), 5, 0); }},
+      {result::failed, [&] { return server.packet_receive_n(box, list.out(), 5, 0); }},
+      {result::failed, [&] { return server.current_connection(connections.out()); }},
+      {result::out_of_memory, [&] { return server.patch_object_name(names.out(), more.out()); }},
+      {result::out_of_memory, [&] { return server.get_remote_sub(names.out()); }},
+      {0, [&] { return vrBuffer(5, "hello").size(); }},
+      {0, [&] { return vrPort_Buffer(source).size(); }},
+      {0, [&] { return assigned.assign("new", 3), assigned.size(); }},
+      {0, [&] { return (copied = source).size(); }},
   };
-  const auto after_the_call = std::make_pair(result::out_of_memory, ENOMEM);
-  const auto elsewhere = std::make_pair(result::failed, ENOMEM);
-  errno = 0;
-  EXPECT_EQ(failed(server.packet_receive(1, source, data.out(), 0)), elsewhere);
-  EXPECT_EQ(failed(server.packet_receive(id, source, data.out(), 0)), after_the_call);
-  EXPECT_EQ(failed(server.packet_receive(id, source, data.out(), 0)), after_the_call)
-      << "whatever the port answered";
-  EXPECT_EQ(failed(server.packet_replay_wait(1, data.out(), 0)), elsewhere);
-  EXPECT_EQ(failed(server.packet_replay_wait(handle, data.out(), 0)), after_the_call);
-  EXPECT_EQ(failed(server.packet_replay_wait(handle, data.out(), 0)), elsewhere);
-  EXPECT_EQ(failed(server.packet_receive_n(1, list.out(), 5, 0)), elsewhere);
-  EXPECT_EQ(failed(server.packet_receive_n(box, list.out(), 5, 0)), elsewhere);
-  EXPECT_EQ(failed(server.packet_receive_n(box, list.out(), 5, 0)), elsewhere);
+  const NoMemory scope;
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    errno = 0;
+    EXPECT_EQ(cases[i].second(), cases[i].first) << i;
+    EXPECT_EQ(errno, ENOMEM) << i;
+  }
+  EXPECT_EQ(copied.handle(), 5u);
 }
 
 TEST_F(Packets, AnswerEveryOneOfManyClients) {
@@ -90,16 +287,13 @@ TEST_F(Packets, AnswerEveryOneOfManyClients) {
   constexpr int requests = 15;
   const unsigned int id = owner(server, "p");
   in_parallel(clients + 1, [&](int i) {
-    if (i == clients) {
-      for (int n = 0; n < clients * requests; ++n) {
-        const auto [code, source, data] = receive(server, id);
-        ASSERT_EQ(code, result::ok);
-        server.packet_replay(source, wire("re: " + data), 0);
-      }
-      return;
+    for (int n = 0; i == clients && n < clients * requests; ++n) {
+      const auto [code, source, data] = receive(server, id);
+      ASSERT_EQ(code, result::ok);
+      server.packet_replay(source, wire("re: " + data), 0);
     }
     const unsigned int handle = client(server, "p");
-    for (int n = 0; n < requests; ++n) {
+    for (int n = 0; i < clients && n < requests; ++n) {
       const std::string request = std::to_string(i) + "." + std::to_string(n);
       ASSERT_EQ(send(server, handle, request.c_str()), result::ok);
       ASSERT_EQ(reply(server, handle), Reply(result::ok, "re: " + request));
