@@ -11,7 +11,7 @@
 using namespace portsvc;
 
 Event_ptr Port_Factory_i::make_event(const Varo::DATA_BUFFER& data, bool may_take) {
-  return boost::make_shared<vrPort_Buffer>(0, from_wire(data, may_take));
+  return event_from_wire(0, data, may_take);
 }
 
 CORBA::ULong Port_Factory_i::add_event(const char* name, CORBA::ULong code) {

@@ -48,6 +48,7 @@ CORBA::ULong Port_Factory_i::packet_foward(CORBA::ULong handle, const DATA_BUFFE
                                            CORBA::ULong timeout) {
   const auto port = find_port(handle);
   if (!port) return result::unknown_handle;
+  const Queued_Bytes counted = admit(data.length());
   return port->forward(handle, from_wire(data), timeout);
 }
 
@@ -55,6 +56,7 @@ CORBA::ULong Port_Factory_i::packet_foward_front(CORBA::ULong handle, const DATA
                                                  CORBA::ULong timeout) {
   const auto port = find_port(handle);
   if (!port) return result::unknown_handle;
+  const Queued_Bytes counted = admit(data.length());
   return port->forward_front(handle, from_wire(data), timeout);
 }
 
@@ -62,6 +64,7 @@ CORBA::ULong Port_Factory_i::packet_replay(CORBA::ULong handle, const DATA_BUFFE
                                            CORBA::ULong timeout) {
   const auto port = find_port(handle);
   if (!port) return result::unknown_handle;
+  const Queued_Bytes counted = admit(data.length());
   return port->replay(handle, from_wire(data), timeout);
 }
 

@@ -35,6 +35,7 @@ class Port_Registry {
   /// Of the ports that hold this client handle the first in name order, empty when there is none.
   boost::shared_ptr<Port_impl> find_client(unsigned int handle) const;
 
+  std::size_t size() const { return ports_.size(); }
   bool has_id(unsigned int id) const { return ids_.count(id) != 0; }
   /// The largest id ever entered and not removed; first_client_handle when there is none.
   unsigned int last_id() const;

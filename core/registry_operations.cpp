@@ -22,6 +22,7 @@ CORBA::ULong Port_Factory_i::connect_port(const char* name, CORBA::ULong_out han
 
   switch (mode) {
     case CONNECT_CLIENT: {
+      if (!port->has_room()) orb::refuse(refusal::clients);
       {
         ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
         if (next_handle_ >= handle_limit_) next_handle_ = client_handle_restart;

@@ -112,6 +112,17 @@ constexpr std::string_view kind_name(unsigned int kind) {
                                  : "unknown";
 }
 
+/// Minor codes of the broker's exceptions with which a server refuses a call that no result code
+/// fits: TRANSIENT while it stops, IMP_LIMIT above one of its limits. Nothing of the call has been
+/// carried out.
+namespace refusal {
+constexpr unsigned int stopping = 0x50530001;
+constexpr unsigned int blocked_calls = 0x50530002;
+constexpr unsigned int ports = 0x50530003;
+constexpr unsigned int clients = 0x50530004;
+constexpr unsigned int queued_bytes = 0x50530005;
+}  // namespace refusal
+
 /// The client handle of the first CONNECT_CLIENT connection of a server.
 constexpr unsigned int first_client_handle = 758;
 /// The client handle counter never hands out this value or one above it...

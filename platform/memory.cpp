@@ -3,7 +3,9 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 
 namespace portsvc {
@@ -19,6 +21,17 @@ void keep_freed_memory() {
 }
 
 void return_freed_memory() { ::malloc_trim(0); }
+
+unsigned long long available_memory() {
+  unsigned long long memory = static_cast<unsigned long long>(::sysconf(_SC_PHYS_PAGES)) *
+                              static_cast<unsigned long long>(::sysconf(_SC_PAGESIZE));
+  for (const char* const path :
+       {"/sys/fs/cgroup/memory.max", "/sys/fs/cgroup/memory/memory.limit_in_bytes"}) {
+    unsigned long long limit = 0;  // a group without one has a word or a huge number there
+    if (std::ifstream(path) >> limit) memory = std::min(memory, limit);
+  }
+  return memory;
+}
 
 unsigned long long resident_memory() {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/proc/self/statm", "r"),

@@ -12,6 +12,10 @@ void keep_freed_memory();
 /// which other threads may wait for memory.
 void return_freed_memory();
 
+/// The memory that this process may use in bytes: the machine's, or its control group's if that is
+/// less.
+unsigned long long available_memory();
+
 /// The process's resident memory in bytes, 0 when the platform does not tell.
 unsigned long long resident_memory();
 

@@ -44,7 +44,7 @@ void vrPort_Buffer_Queue::push_back(vrPort_Buffer&& packet) {
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, lock_);
   try {
     const unsigned int size = packet.size();
-    entries_.push_back(Entry{packet.handle(), size, packet.release()});
+    entries_.push_back(Entry{packet.handle(), Queued_Bytes(size), packet.release()});
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;
     return;
@@ -72,7 +72,7 @@ unsigned int vrPort_Buffer_Queue::pop(unsigned int handle, vrPort_Buffer& out) {
 }
 
 void vrPort_Buffer_Queue::hand_over(Entry& entry, vrPort_Buffer& out) {
-  out = vrPort_Buffer(entry.handle, vrBuffer(entry.size, std::move(entry.bytes)));
+  out = vrPort_Buffer(entry.handle, vrBuffer(entry.counted.payload(), std::move(entry.bytes)));
 }
 
 unsigned int vrPort_Buffer_Queue::find(unsigned int handle) {

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <boost/container/deque.hpp>
 
+#include "platform/limits.h"
 #include "ports/buffer.h"
 
 /// First-in-first-out queue with a limit; beyond it the oldest entry is dropped silently.
@@ -45,7 +46,7 @@ class vrPort_Buffer_Queue {
   // do when it closes the gap behind an entry taken from the middle.
   struct Entry {
     unsigned int handle;
-    unsigned int size;
+    portsvc::Queued_Bytes counted;  // knows the size
     std::unique_ptr<unsigned char[]> bytes;
   };
   // Unlike std::deque this one allocates nothing while it is empty: an idle port stays small.

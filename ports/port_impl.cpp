@@ -2,6 +2,8 @@
 
 #include <ace/Guard_T.h>
 
+#include "platform/limits.h"
+
 using namespace portsvc;
 
 Port_impl::Port_impl(const char* name, unsigned int port_id, unsigned int limit, unsigned int kind)
@@ -156,6 +158,15 @@ unsigned int Port_impl::connect_client(unsigned int handle, unsigned int access,
   enter_client(handle, access);
   reply_registrations_.emplace(handle, false);
   return result::ok;
+}
+
+bool Port_impl::has_room() {
+  std::size_t clients = 0;
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, true);
+    clients = clients_.size();
+  }
+  return limits().clients.allows(clients, full_, name());
 }
 
 unsigned int Port_impl::disconnect_client(unsigned int handle) {

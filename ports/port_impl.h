@@ -102,6 +102,8 @@ class Port_impl : public boost::enable_shared_from_this<Port_impl> {
   unsigned int reply_signal(unsigned int handle);
   /// 0 when the client table holds the handle, else 2001.
   unsigned int has_client(unsigned int handle);
+  /// Whether the limit of clients allows another one.
+  bool has_room();
   /// Copies owner access, kind, owner connected and the packet queue's limit.
   void info(unsigned int& access, unsigned int& kind, bool& connected, unsigned int& limit);
   /// Marks a client's selection: 0, or 2008 unless its access is ACCESS_SELECT. A handle that is
@@ -161,6 +163,7 @@ class Port_impl : public boost::enable_shared_from_this<Port_impl> {
   std::map<unsigned int, unsigned int> clients_;  // handle to access mode
   std::map<unsigned int, bool> reply_registrations_;  // handle to selection mark
   const unsigned int limit_;
+  std::atomic<bool> full_{false};  // has_room() said no last
   unsigned int notify_ = 0;
   std::atomic<int> copy_enable_{1};
   portsvc::Client_Index* index_ = nullptr;  // not owned; null while not in a port table

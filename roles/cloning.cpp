@@ -2,6 +2,7 @@
 
 #include <ace/Guard_T.h>
 
+#include "platform/limits.h"
 #include "ports/port_creator.h"
 #include "roles/port_factory_sub.h"
 
@@ -42,7 +43,7 @@ boost::shared_ptr<Port_impl> Port_Factory_Sub::create_clon(const char* name,
                                                            const PORT_INFO& info) {
   if (registry_.find(name)) return {};
   auto port = creator()->create(name, info.port_id, info.limit, info.kind, this);
-  if (!port) return {};
+  if (!port || !limits().ports.allows(registry_.size())) return {};
   registry_.add(port, info.kind == PORT_EVENTBOX);
   next_handle_ = registry_.last_id() + 1;
   return port;
@@ -69,6 +70,7 @@ CORBA::ULong Port_Factory_Sub::create_port(const char* name, CORBA::ULong kind,
   if (registry_.find(name)) return result::already_exists;
   const auto port = creator()->create(name, next_handle_, limit, kind, this);
   if (!port) return result::bad_mode;
+  if (!limits().ports.allows(registry_.size())) orb::refuse(refusal::ports);
   registry_.add(port, kind == PORT_EVENTBOX);
   ++next_handle_;
   return result::ok;

@@ -29,6 +29,7 @@ SendEventRequest::SendEventRequest(const char* port_name, const char* server, co
     : handle_(handle),
       front_(front),
       data_(data),
+      counted_(data.size()),
       port_name_(port_name),
       server_(server),
       realm_(realm ? realm : "") {}

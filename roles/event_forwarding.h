@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/limits.h"
 #include "platform/wake.h"
 #include "ports/buffer.h"
 
@@ -31,6 +32,7 @@ class SendEventRequest {
   const unsigned int handle_;
   const bool front_;
   const vrBuffer data_;
+  const portsvc::Queued_Bytes counted_;
   const std::string port_name_;
   const std::string server_;
   const std::string realm_;  // empty means none

@@ -37,13 +37,15 @@ CORBA::ULong Port_Factory_Main::create_port(const char* name, CORBA::ULong kind,
   const auto port = ACE_Singleton<vrMainPort_Creator, ACE_Thread_Mutex>::instance()->create(
       name, id, limit, kind, this);
   if (!port) return result::bad_mode;
+  if (!limits().ports.allows(registry_.size())) orb::refuse(refusal::ports);
   registry_.add(port, kind == PORT_EVENTBOX);
   return result::ok;
 }
 
 int Port_Factory_Main::process_event_data(Port_impl* port, unsigned int handle,
                                           const vrBuffer& data, bool front) {
-  const auto event = boost::make_shared<vrPort_Buffer>(handle, data.size(), data.data());
+  const auto event =
+      boost::make_shared<Counted_Event>(handle, vrBuffer(data), Queued_Bytes(data.size()));
   if (front) {
     port->push_event_front(event);
   } else {
@@ -73,7 +75,7 @@ CORBA::ULong Port_Factory_Main::update(const char* name, unsigned int handle,
                                        const Varo::DATA_BUFFER& data, bool front) {
   const auto port = get_port(name);
   if (!port) return result::unknown_handle;
-  const auto event = boost::make_shared<vrPort_Buffer>(handle, from_wire(data));
+  const auto event = event_from_wire(handle, data, orb::may_take_arguments());
   if (front) {
     port->push_event_front(event);
   } else {

@@ -120,7 +120,7 @@ int Port_Factory_Sub::process_event_data(Port_impl* port, unsigned int handle, c
 CORBA::ULong Port_Factory_Sub::update(const char* name, unsigned int handle,
                                       const Varo::DATA_BUFFER& data, bool front) {
   // Before the lookup: cloning may make calls of its own.
-  const auto event = boost::make_shared<vrPort_Buffer>(handle, from_wire(data));
+  const auto event = event_from_wire(handle, data, orb::may_take_arguments());
   auto port = get_port(name);
   if (!port) {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::failed);
@@ -152,6 +152,7 @@ CORBA::ULong Port_Factory_Sub::packet_replay(CORBA::ULong handle, const Varo::DA
   // Only what reached an owner through a proxy carries the offset: the clients of a port that is
   // served here answer to the handle they were given.
   const unsigned int client = port->kind() == PORT_SLAVE ? handle - remote_client_offset : handle;
+  const Queued_Bytes counted = admit(data.length());
   return port->replay(client, from_wire(data), timeout);
 }
 

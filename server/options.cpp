@@ -6,6 +6,25 @@
 namespace portsvc::server {
 namespace {
 
+constexpr std::uint64_t most = std::uint64_t{1} << 62;
+
+void add_limits(CLI::App& command, Options& options) {
+  const auto add = [&](const char* name, std::uint64_t& value, const char* what) {
+    return command.add_option(name, value, what)->check(CLI::Range(std::uint64_t{1}, most));
+  };
+  add("--max-connections", options.max_connections,
+      "Largest number of connections (default: 16000, or what the open files leave room for)");
+  add("--max-blocked-calls", options.max_blocked_calls,
+      "Largest number of calls under way that may wait")
+      ->capture_default_str();
+  add("--max-ports", options.max_ports, "Largest number of ports")->capture_default_str();
+  add("--max-clients-per-port", options.max_clients, "Largest number of clients of a port")
+      ->capture_default_str();
+  add("--max-queued-bytes", options.max_queued_bytes,
+      "Largest sum of the packets, replies and events held, in bytes (default: half of the "
+      "memory)");
+}
+
 void add_options(CLI::App& command, Options& options) {
   const auto not_empty = CLI::Validator(
       [](const std::string& text) { return text.empty() ? "it is empty" : std::string(); }, "");
@@ -56,6 +75,7 @@ void add_options(CLI::App& command, Options& options) {
                   "take, 'paused' looks every 10 ms")
       ->capture_default_str()
       ->check(CLI::IsMember({"early", "paused"}));
+  add_limits(command, options);
   auto* const authorities =
       command.add_option("--tls-ca", options.tls_authorities,
                          "TLS: the certificates of the authorities that are trusted, PEM");

@@ -26,7 +26,13 @@ struct Options {
   unsigned int call_timeout = 5;  ///< seconds a call to another server may take that is no wait
   unsigned int message_timeout = 120;  ///< seconds a message may take to arrive or to be taken
   std::string waits = "early";         ///< or "paused"
-  std::string tls_authorities;         ///< PEM files, empty without TLS
+  // What there may be at a time, docs/operations.md.
+  std::uint64_t max_connections = 0;  ///< 0: 16000, or what the open files leave room for
+  std::uint64_t max_blocked_calls = 16'000;
+  std::uint64_t max_ports = 1'000'000;
+  std::uint64_t max_clients = 100'000;  ///< of one port
+  std::uint64_t max_queued_bytes = 0;   ///< 0: half of the memory there is
+  std::string tls_authorities;          ///< PEM files, empty without TLS
   std::string tls_key;
   unsigned int trace = 0;
 };

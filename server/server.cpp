@@ -3,7 +3,9 @@
 #include <ace/Reactor.h>
 #include <ace/Select_Reactor.h>
 #include <fmt/format.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <optional>
@@ -15,6 +17,7 @@
 #include "idl/port_codes.h"
 #include "middleware/directory.h"
 #include "persistence/background_tasks.h"
+#include "platform/limits.h"
 #include "platform/memory.h"
 #include "platform/wake.h"
 #include "roles/port_connect_manager.h"
@@ -105,6 +108,32 @@ class PeriodicSnapshots {
   SnapSaveTask task_;
 };
 
+void set_limits(const Options& options) {
+  constexpr std::uint64_t usual_connections = 16'000;
+  const bool chosen = options.max_connections != 0;
+  std::uint64_t connections = chosen ? options.max_connections : usual_connections;
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) == 0) {
+    // Some of the files are for connections to other servers and for what the server itself opens.
+    const std::uint64_t room =
+        files.rlim_cur - std::min<std::uint64_t>(files.rlim_cur / 2, 64 + files.rlim_cur / 8);
+    if (connections > room) {
+      if (chosen) {
+        tell(fmt::format("the limit of {} open files leaves room for {} connections",
+                         files.rlim_cur, room));
+      }
+      connections = room;
+    }
+  }
+  limits().connections.set(connections);
+  limits().blocked_calls.set(options.max_blocked_calls);
+  limits().ports.set(options.max_ports);
+  limits().clients.set(options.max_clients);
+  limits().queued_bytes.set(options.max_queued_bytes != 0 ? options.max_queued_bytes
+                                                          : available_memory() / 2);
+  report_limits(tell);
+}
+
 void restore(Port_Factory_i* servant, const std::optional<std::string>& snapshot) {
   if (!snapshot) {
     tell("there is no snapshot to restore");
@@ -157,6 +186,7 @@ void serve(const Options& options, StopSignal& stop, orb::Broker& broker, const 
 }  // namespace
 
 void run(const Options& options, StopSignal& stop) {
+  set_limits(options);
   // First of all the endpoint: a second server started by mistake fails here, before it could
   // delete the snapshot of the first.
   orb::Broker broker({options.endpoint,

@@ -8,6 +8,7 @@
 #include <omniORB4/internal/giopStream.h>
 #include <poll.h>
 // The rest of the broker's own headers need those before them.
+#include <omniORB4/internal/giopServer.h>
 #include <omniORB4/internal/giopStrand.h>
 #include <omniORB4/internal/giopStreamImpl.h>
 //
@@ -21,13 +22,16 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <string_view>
+#include <thread>
 
 #include "idl/port_codes.h"
 #include "middleware/orb/broker_parts.h"
 #include "middleware/orb/wire_bytes.h"
+#include "platform/limits.h"
 
 OMNI_FORCE_LINK(omnisslTP);  // nothing else refers to the broker's TLS library
 
@@ -44,7 +48,14 @@ constexpr unsigned long thread_stack_bytes = 512UL << 10;
 
 // Connections to one peer, and calls under way on one connection, up to which nobody queues behind
 // somebody else's wait.
-constexpr const char* many = "16000";
+constexpr unsigned int many = 16000;
+
+// A thread for each connection and each blocked call: a call that finds none would wait unnoticed.
+std::string threads_for(const Limit& connections, const Limit& calls) {
+  constexpr std::uint64_t most = 1U << 30;
+  return std::to_string(std::max<std::uint64_t>(many, std::min(connections.most(), most)) +
+                        std::min(calls.most(), most));
+}
 
 // Messages are written through buffers of this size, each sent by a call of its own. The broker's
 // 8 KiB make a reply of 64 events of 4 KiB cost twice as much. It has no option for the size: the
@@ -57,6 +68,16 @@ struct SetMessageBuffer {
 };
 void set_message_buffer(CORBA::ULong bytes);
 template struct SetMessageBuffer<&_OMNI_NS(giopStream)::bufferSize>;
+
+// The broker tells of a new connection, not of its end; but it keeps count for itself.
+template <CORBA::ULong _OMNI_NS(giopServer)::*Member>
+struct CountConnections {
+  friend CORBA::ULong connections_of(const _OMNI_NS(giopServer) & server) {
+    return __atomic_load_n(&(server.*Member), __ATOMIC_RELAXED);
+  }
+};
+CORBA::ULong connections_of(const _OMNI_NS(giopServer) & server);
+template struct CountConnections<&_OMNI_NS(giopServer)::pd_nconnections>;
 
 // How an address begins, and what that is in a corbaloc.
 constexpr std::string_view schemes[][2] = {{"giop:tcp:", "iiop"}, {"giop:ssl:", "ssliop"}};
@@ -122,6 +143,11 @@ constexpr int seconds_between_probes = 5;
 
 CORBA::Boolean watch_connection(
     _OMNI_NS(omniInterceptors)::serverAcceptConnection_T::info_T& info) {
+  if (!limits().connections.allows(connections_of(*info.strand.server) - 1)) {  // it counts itself
+    info.reject = true;
+    info.why = "limit of connections";
+    return false;
+  }
   const int socket = Socket::of(info.strand.connection);
   const auto set = [socket](int level, int option, int value) {
     ::setsockopt(socket, level, option, &value, sizeof value);
@@ -135,6 +161,14 @@ CORBA::Boolean watch_connection(
 
 CORBA::Boolean leave_reply_to_kernel(_OMNI_NS(omniInterceptors)::serverSendReply_T::info_T& info) {
   info.giop_s.clearDeadline();
+  return true;
+}
+
+std::atomic<bool> stopping{false};
+
+// The adapter of a broker that shuts down would answer OBJ_ADAPTER, which no client expects.
+CORBA::Boolean refuse_while_stopping(_OMNI_NS(omniInterceptors)::serverReceiveRequest_T::info_T&) {
+  if (stopping) throw CORBA::TRANSIENT(refusal::stopping, CORBA::COMPLETED_NO);
   return true;
 }
 
@@ -172,6 +206,8 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
   check(options.tls, endpoint);
 
   omni_thread::stacksize(thread_stack_bytes);
+  const std::string per_peer = std::to_string(many);
+  const std::string threads = threads_for(limits().connections, limits().blocked_calls);
   const std::string max_message = std::to_string(options.max_message);
   const std::string trace = std::to_string(options.trace);
   message_timeout_ms = static_cast<unsigned int>(options.message_timeout.count());
@@ -179,11 +215,11 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
   const char* settings[16][2] = {
       {"traceLevel", trace.c_str()},
       {"giopMaxMsgSize", max_message.c_str()},
-      {"maxGIOPConnectionPerServer", many},
-      {"maxServerThreadPerConnection", many},
-      {"maxServerThreadPoolSize", many},
+      {"maxGIOPConnectionPerServer", per_peer.c_str()},
+      {"maxServerThreadPerConnection", per_peer.c_str()},
+      {"maxServerThreadPoolSize", threads.c_str()},
       {"threadPerConnectionPolicy", "1"},
-      {"threadPerConnectionUpperLimit", many},
+      {"threadPerConnectionUpperLimit", threads.c_str()},
       {"supportPerThreadTimeOut", "1"},
       {"serverCallTimeOutPeriod", message_timeout.c_str()},
   };  // the list ends where a name is null
@@ -207,6 +243,8 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
     set_message_buffer(message_buffer_bytes);
     omniORB::getInterceptors()->clientOpenConnection.add(count_connection);
     omniORB::getInterceptors()->serverAcceptConnection.add(watch_connection);
+    stopping = false;
+    omniORB::getInterceptors()->serverReceiveRequest.add(refuse_while_stopping);
     omniORB::getInterceptors()->serverSendReply.add(leave_reply_to_kernel);
     if (options.endpoint.empty()) return;
     // The first use of the adapter opens the endpoint; calls are held back until serve().
@@ -270,6 +308,9 @@ Varo::DT_PORT_SVC::Port_Factory_var Broker::serve(POA_Varo::DT_PORT_SVC::Port_Fa
 }
 
 bool Broker::shutdown(std::chrono::milliseconds patience) {
+  // Whoever has just come in before the refusals began finds the adapter open.
+  constexpr std::chrono::milliseconds way_to_the_adapter(50);
+  if (!stopping.exchange(true)) std::this_thread::sleep_for(way_to_the_adapter);
   return impl_->shutdown.run(impl_->orb.in(), patience);
 }
 

@@ -68,7 +68,8 @@ class Broker {
   /// reference of its own to the servant until shutdown. Throws Error.
   Varo::DT_PORT_SVC::Port_Factory_var serve(POA_Varo::DT_PORT_SVC::Port_Factory* servant);
 
-  /// Stops taking calls and waits until those under way have ended, at most `patience`. False
+  /// Stops taking calls and waits until those under way have ended, at most `patience`. Calls that
+  /// come meanwhile are refused with TRANSIENT, minor code refusal::stopping. False
   /// when some still run then; the broker must not be destroyed in that case.
   bool shutdown(std::chrono::milliseconds patience);
 
@@ -114,6 +115,10 @@ class CallTimeout {
 /// growing number tells that a peer may have been restarted in between. 0 for ever on a broker that
 /// cannot tell.
 std::uint64_t connections_opened(CORBA::Object_ptr object);
+
+/// Refuses the call that this thread is carrying out, because of a limit of the server: throws
+/// CORBA::IMP_LIMIT with a minor code of namespace refusal.
+[[noreturn]] void refuse(unsigned int minor);
 
 /// One line for people on a broker exception: its name, and what it usually means.
 std::string describe(const CORBA::Exception& exception);

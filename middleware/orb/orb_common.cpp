@@ -3,6 +3,7 @@
 
 #include <atomic>
 
+#include "idl/port_codes.h"
 #include "middleware/orb/orb.h"
 
 namespace portsvc::orb {
@@ -10,8 +11,28 @@ namespace {
 
 std::atomic<std::chrono::milliseconds::rep> peer_timeout_ms{5000};
 
+/// What a server's refusal means, empty for another minor code.
+const char* meaning_of_refusal(unsigned int minor) {
+  switch (minor) {
+    case refusal::stopping:
+      return "the server is stopping";
+    case refusal::blocked_calls:
+      return "the server's limit of blocked calls is reached";
+    case refusal::ports:
+      return "the server's limit of ports is reached";
+    case refusal::clients:
+      return "the port's limit of clients is reached";
+    case refusal::queued_bytes:
+      return "the server's limit of queued bytes is reached";
+    default:
+      return "";
+  }
+}
+
 /// What an exception usually means to somebody who runs the system, empty when its name says all.
 const char* usual_meaning(const CORBA::Exception& exception) {
+  const auto* const system = CORBA::SystemException::_downcast(&exception);
+  if (system && *meaning_of_refusal(system->minor())) return meaning_of_refusal(system->minor());
   if (CORBA::TRANSIENT::_downcast(&exception)) return "the server cannot be reached";
   if (CORBA::TIMEOUT::_downcast(&exception)) return "no answer in time";
   if (CORBA::COMM_FAILURE::_downcast(&exception)) return "the connection was lost during the call";
@@ -61,6 +82,8 @@ CORBA::Object_var Broker::from_text(const std::string& text) const {
   }
   throw Error(fmt::format("'{}' is the nil reference", text));
 }
+
+void refuse(unsigned int minor) { throw CORBA::IMP_LIMIT(minor, CORBA::COMPLETED_NO); }
 
 std::string describe(const CORBA::Exception& exception) {
   const std::string meaning = usual_meaning(exception);

@@ -8,8 +8,14 @@
 #include <new>
 #include <utility>
 
+#include "idl/port_codes.h"
 #include "middleware/orb/orb.h"
 #include "platform/caller.h"
+#include "platform/limits.h"
+
+#if !defined(PORTSVC_ORB_TAO)
+#include <omniORB4/callHandle.h>
+#endif
 
 namespace portsvc::orb {
 
@@ -90,11 +96,31 @@ class Remote_Caller final : public Caller {
   const omniCallHandle& call_;
 };
 
+/// A remote call's share of the blocked calls, while it lives. Only operations that may wait have
+/// one: the others stay open to who wants to see what all the calls wait for.
+class Blocked_Call {
+ public:
+  explicit Blocked_Call(const char* operation)
+      : counted_(std::strncmp(operation, "packet_", 7) == 0 ||
+                 std::strncmp(operation, "select_", 7) == 0) {
+    if (counted_ && !limits().blocked_calls.take()) refuse(refusal::blocked_calls);
+  }
+  ~Blocked_Call() {
+    if (counted_) limits().blocked_calls.give_back();
+  }
+  Blocked_Call(const Blocked_Call&) = delete;
+  Blocked_Call& operator=(const Blocked_Call&) = delete;
+
+ private:
+  const bool counted_;
+};
+
 /// The skeleton; it notes that the in arguments of a remote call may be taken over, and whose call
 /// it is.
 class Port_Factory_Skeleton : public virtual POA_Varo::DT_PORT_SVC::Port_Factory {
  public:
   _CORBA_Boolean _dispatch(omniCallHandle& handle) override {
+    const Blocked_Call counted(handle.operation_name());
     const Remote_Caller caller(handle);
     const Caller::Scope scope(&caller);
     detail::arguments_are_ours = true;

@@ -205,6 +205,30 @@ TEST_F(MainServer, CtrlCOnAReceiverOrWatcherFreesItsPort) {
   EXPECT_EQ(interrupt("box", {"event", "watch", "box"}), 0);
 }
 
+TEST_F(MainServer, SaysThatItIsStoppingToWhoCallsMeanwhile) {
+  const Port_Factory_var main = server("main");
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+  const unsigned int id = connected(main, "p", CONNECT_OWNER);
+  const int threads = process("main").threads();
+  auto blocked = std::async(std::launch::async, [&] {  // holds up the stop for a while
+    EXPECT_THROW(receive(main, id, 0), CORBA::COMM_FAILURE);
+  });
+  ASSERT_TRUE(eventually([&] { return process("main").threads() > threads; }));
+  process("main").signal(SIGTERM);
+  EXPECT_TRUE(eventually([&] {
+    try {
+      return main->exist("p") != 0;
+    } catch (const CORBA::TRANSIENT&) {
+      return true;
+    }
+  }));
+  const Outcome refused = portctl("main", {"ping"});
+  EXPECT_EQ(refused.status, 3);
+  EXPECT_NE(refused.err.find("the server is stopping"), std::string::npos) << refused.err;
+  EXPECT_EQ(stop("main", SIGCONT), 0);
+  blocked.get();
+}
+
 TEST_F(MainServer, PortctlTellsRefusalMisuseAndSilenceApart) {
   EXPECT_EQ(portctl("main", {"create", "p"}).status, 0);
   const std::string nowhere = fmt::format("127.0.0.1:{}", free_port());

@@ -1,0 +1,117 @@
+// A server at its limits: each call gets a definite answer, and below the limit all goes on.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <future>
+#include <set>
+
+#include "tests/system/system_test.h"
+
+namespace portsvc {
+namespace {
+
+class Limits : public SystemTest {
+ protected:
+  /// The minor code with which a call was refused, 0 when it was carried out.
+  template <class Call>
+  static unsigned int refused(Call call) {
+    try {
+      call();
+      return 0;
+    } catch (const CORBA::IMP_LIMIT& exception) {
+      return exception.minor();
+    }
+  }
+  /// How often a line with `text` stands on the server's log.
+  std::ptrdiff_t said(const std::string& text) {
+    const std::string log = process("main").err();
+    std::ptrdiff_t count = 0;
+    for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
+    return count;
+  }
+};
+
+TEST_F(Limits, OfPortsClientsAndQueuedBytesRefuseWhatIsAboveThem) {
+  start("main", {"--max-ports", "3", "--max-clients-per-port", "2", "--max-queued-bytes", "16000"});
+  const Port_Factory_var main = server("main");
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+  EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 1000), result::ok);
+  EXPECT_EQ(main->create_port("second", PORT_EVENTBOX, 1000), result::ok);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(refused([&] { main->create_port("another", PORT_MASTER, 8); }), refusal::ports);
+  }
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok) << "it exists";
+  EXPECT_EQ(said("the limit of 3 ports is reached"), 1);
+  EXPECT_NE(portctl("main", {"create", "another"}).err.find("limit of ports"), std::string::npos);
+
+  const unsigned int client = connected(main, "p", CONNECT_CLIENT);
+  connected(main, "p", CONNECT_CLIENT);
+  EXPECT_EQ(refused([&] { connected(main, "p", CONNECT_CLIENT); }), refusal::clients);
+  const unsigned int owner = connected(main, "p", CONNECT_OWNER);
+  EXPECT_EQ(main->disconnect_port(client), result::ok);
+  EXPECT_NE(connected(main, "p", CONNECT_CLIENT), 0u);
+  EXPECT_EQ(said("port p: the limit of 2 clients is reached"), 1);
+
+  // An event counts once, in however many boxes it stands, and until the last has let it go.
+  for (const char* box : {"box", "second"}) main->add_event(box, 1);
+  const Varo::DATA_BUFFER data = wire(std::string(5000, 'x'));
+  unsigned int events = 0;
+  while (events < 100 && refused([&] { main->declare_event(1, data, 0); }) == 0) ++events;
+  EXPECT_EQ(events, 3u);
+  EXPECT_EQ(refused([&] { main->packet_replay(client, data, 0); }), 0u) << "no client, no payload";
+  const unsigned int other = client + 1;
+  EXPECT_EQ(refused([&] { main->packet_replay(other, data, 0); }), refusal::queued_bytes);
+  EXPECT_EQ(main->packet_replay(other, wire("small"), 0), result::ok) << "what fits still goes in";
+  EXPECT_EQ(main->clear_event("box"), result::ok);
+  EXPECT_EQ(refused([&] { main->send_event("box", data); }), refusal::queued_bytes);
+  EXPECT_EQ(main->clear_event("second"), result::ok);
+  EXPECT_EQ(said("queued bytes is reached"), 1);
+  // All of it has come back, that of packets and replies too.
+  for (int i = 0; i < 20; ++i) {
+    auto taken = std::async(std::launch::async, [&] { return receive(main, owner, 10); });
+    EXPECT_EQ(send(main, other, std::string(5000, 'y'), 10), result::ok);
+    EXPECT_EQ(std::get<0>(taken.get()), result::ok);
+    EXPECT_EQ(main->packet_replay(other, data, 0), result::ok);
+    EXPECT_EQ(reply(main, other, 10).first, result::ok);
+  }
+  EXPECT_EQ(said("queued bytes again"), 1);
+}
+
+TEST_F(Limits, OfBlockedCallsAndConnectionsLeaveTheOthersAlone) {
+  start("main", {"--max-connections", "12", "--max-blocked-calls", "3"});
+  const Port_Factory_var main = server("main");
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+  const unsigned int id = connected(main, "p", CONNECT_OWNER);
+  const unsigned int client = connected(main, "p", CONNECT_CLIENT);
+  std::vector<std::future<unsigned int>> calls;
+  for (int i = 0; i < 4; ++i) {
+    calls.push_back(std::async(std::launch::async, [&] {
+      unsigned int code = 0;
+      const unsigned int minor = refused([&] { code = std::get<0>(receive(main, id, 2)); });
+      return minor != 0 ? minor : code;
+    }));
+  }
+  EXPECT_EQ(main->exist("p"), 0) << "what does not wait is not counted";
+  std::multiset<unsigned int> answers;
+  for (auto& call : calls) answers.insert(call.get());
+  EXPECT_EQ(answers, std::multiset<unsigned int>({result::timed_out, result::timed_out,
+                                                  result::timed_out, refusal::blocked_calls}));
+  EXPECT_EQ(std::get<0>(receive(main, id, 1)), result::timed_out);
+  EXPECT_EQ(said("the limit of 3 blocked calls is reached"), 1);
+
+  std::vector<std::unique_ptr<RawConnection>> connections;
+  for (int i = 0; i < 12; ++i) {
+    connections.push_back(std::make_unique<RawConnection>(port("main")));
+  }
+  EXPECT_TRUE(std::any_of(connections.begin(), connections.end(),
+                          [](const auto& one) { return one->closed_by_peer(2s); }));
+  EXPECT_EQ(portctl("main", {"--timeout-call", "2", "ping"}).status, 3);
+  EXPECT_EQ(main->exist("p"), 0) << "who is in stays in";
+  EXPECT_EQ(said("the limit of 12 connections is reached"), 1);
+  connections.clear();
+  EXPECT_TRUE(eventually([&] { return portctl("main", {"ping"}).status == 0; }));
+  EXPECT_EQ(main->disconnect_port(client), result::ok);
+}
+
+}  // namespace
+}  // namespace portsvc
