@@ -11,6 +11,7 @@
 
 #include <array>
 #include <filesystem>
+#include <fstream>
 #include <random>
 #include <stdexcept>
 #include <system_error>
@@ -109,6 +110,13 @@ int Process::sockets() const {
 int Process::threads() const {
   const fs::directory_iterator tasks("/proc/" + std::to_string(pid_) + "/task");
   return static_cast<int>(std::distance(tasks, fs::directory_iterator()));
+}
+
+long Process::resident_kib() const {
+  long size = 0;
+  long pages = 0;
+  std::ifstream("/proc/" + std::to_string(pid_) + "/statm") >> size >> pages;
+  return pages * (::sysconf(_SC_PAGESIZE) / 1024);
 }
 
 int free_port() {

@@ -37,6 +37,7 @@ class Process {
   /// Sockets it has open, threads it has: how a test sees that calls have arrived and ended.
   int sockets() const;
   int threads() const;
+  long resident_kib() const;
 
  private:
   const std::string files_;
