@@ -44,9 +44,9 @@ TEST_F(SystemTest, NumbersThatAnOperationDoesNotWriteArriveAsZero) {
     EXPECT_EQ(one(main->event_count("none", a)), (Numbers{result::unknown_handle, 0}));
     Varo::DT_PORT_SVC::PORT_INFO info{1, 1, 1, 1, 1};
     EXPECT_EQ(main->get_port_info("none", info), result::no_such_port);
-    EXPECT_EQ((Numbers{info.kind, info.port_id, info.owner_connected, info.owner_access,
-                       info.limit}),
-              Numbers(5, 0));
+    EXPECT_EQ(
+        (Numbers{info.kind, info.port_id, info.owner_connected, info.owner_access, info.limit}),
+        Numbers(5, 0));
   }
   EXPECT_EQ(main->disconnect_port(handle), result::ok);
 }
