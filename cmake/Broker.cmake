@@ -37,6 +37,10 @@ function(portsvc_compile_idl out idl)
     set(sources ${dir}/${base}SK.cc)
     set(headers ${dir}/${base}.hh)
     set(command ${OMNIIDL} -bcxx -C${dir} ${CMAKE_CURRENT_SOURCE_DIR}/${idl})
+    # The skeleton keeps a call's values in a descriptor on the server's stack. An out number that
+    # the operation does not write is sent from there: the descriptors' members start as 0.
+    set(zeroed COMMAND sed -i -E "s/^(  (::|const |Varo::).* (arg_[0-9]+_?|result))$<SEMICOLON>$/\\1{}$<SEMICOLON>/"
+                       ${dir}/${base}SK.cc)
   else()
     set(sources ${dir}/${base}C.cpp ${dir}/${base}S.cpp)
     set(headers ${dir}/${base}C.h ${dir}/${base}S.h)
@@ -45,6 +49,7 @@ function(portsvc_compile_idl out idl)
   add_custom_command(
     OUTPUT ${sources} ${headers}
     COMMAND ${command}
+    ${zeroed}
     DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${idl}
     COMMENT "Compiling ${idl}"
     VERBATIM)

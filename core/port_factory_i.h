@@ -4,9 +4,11 @@
 #include <ace/RW_Thread_Mutex.h>
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/SString.h>
+#include <ace/Thread_Mutex.h>
 #include <loki/AssocVector.h>
 
 #include <boost/shared_ptr.hpp>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <string>
@@ -19,6 +21,12 @@
 #include "middleware/orb/wire_bytes.h"
 #include "persistence/background_tasks.h"
 #include "ports/port_impl.h"
+
+/// How the writing of snapshots goes.
+struct Snapshot_State {
+  std::int64_t last_good = 0;  ///< calendar seconds of the last one written whole; 0 before any
+  std::string problem;         ///< of the last attempt; empty when it was good
+};
 
 /// Servant of Varo::DT_PORT_SVC::Port_Factory without its role: registry of ports, client handles,
 /// lookups, packet operations, selection, event operations, snapshots and the expiry of event
@@ -144,7 +152,7 @@ class Port_Factory_i : public virtual portsvc::orb::Port_Factory_Skeleton,
 
   // --- snapshot and housekeeping
 
-  /// Writes the snapshot file in place. 0; 2 not writable (or not whole); 10.
+  /// Writes the snapshot file; a failure leaves the old one whole. 0; 2 not writable; 10.
   CORBA::ULong make_snapshot() override;
   /// load_refsnapshot(get_snap_path()).
   CORBA::ULong load_snapshot() override;
@@ -155,6 +163,8 @@ class Port_Factory_i : public virtual portsvc::orb::Port_Factory_Skeleton,
   unsigned int load_refsnapshot(const char* path);
   /// The snapshot file's path, composed at the first call; good while the servant lives.
   const char* get_snap_path();
+  /// For the host: its log, its measurements.
+  Snapshot_State snapshot_state();
   /// Deletes the event boxes that have expired.
   void checkNoTransition();
 
@@ -188,10 +198,14 @@ class Port_Factory_i : public virtual portsvc::orb::Port_Factory_Skeleton,
   std::string realm_;
 
  private:
+  unsigned int snapshot_of_all(std::string& bytes);
+
   /// An event for the boxes, with handle 0 and the payload's bytes.
   static Event_ptr make_event(const Varo::DATA_BUFFER& data, bool may_take);
   unsigned int subscribers(int code, boost::shared_ptr<const portsvc::Event_Table::Names>& names);
 
+  ACE_Thread_Mutex snapshot_state_lock_;  // guards snapshot_state_; a leaf
+  Snapshot_State snapshot_state_;
   TransitionCheckTask housekeeping_;
 };
 

@@ -1,16 +1,16 @@
 // Snapshots, and the expiry of event boxes.
 
 #include <ace/Guard_T.h>
-#include <ace/OS_NS_stdio.h>
 #include <ace/Thread_Mutex.h>
 
-#include <cstdio>
-#include <memory>
+#include <cerrno>
 #include <new>
 
 #include "core/port_factory_i.h"
 #include "middleware/file_handle.h"
 #include "persistence/snapshot_file.h"
+#include "persistence/whole_file.h"
+#include "platform/clock.h"
 #include "platform/process.h"
 #include "ports/event_box.h"
 
@@ -18,21 +18,11 @@ using namespace portsvc;
 
 namespace {
 
-// Held while a snapshot file is written or read: all servants of the process share one file, and
-// it is rewritten in place. Taken before every other lock.
+// Held while a snapshot file is written or read: all servants of the process share one file. Taken
+// before every other lock.
 ACE_Thread_Mutex& file_lock() {
   static ACE_Thread_Mutex lock;
   return lock;
-}
-
-struct Close_File {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, Close_File>;
-
-// Writes a section; false when the disk did not take all of it.
-bool write(std::FILE* file, const std::string& bytes) {
-  return std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() && std::fflush(file) == 0;
 }
 
 }  // namespace
@@ -50,11 +40,33 @@ const char* Port_Factory_i::get_snap_path() {
 
 CORBA::ULong Port_Factory_i::make_snapshot() {
   ACE_GUARD_RETURN(ACE_Thread_Mutex, file_guard, file_lock(), result::servant_lock);
-  const File file(ACE_OS::fopen(get_snap_path(), "w+b"));
-  if (!file) return result::snapshot_not_writable;
+  std::string problem;
+  unsigned int made = result::snapshot_not_writable;
+  try {
+    std::string bytes;
+    made = snapshot_of_all(bytes);
+    if (made == result::ok) {
+      problem = write_whole_file(get_snap_path(), bytes);
+      if (!problem.empty()) made = result::snapshot_not_writable;
+    }
+  } catch (const std::bad_alloc&) {
+    problem = "out of memory";
+    errno = ENOMEM;
+  }
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, snapshot_state_lock_, made);
+  if (made == result::ok) snapshot_state_.last_good = calendar_seconds();
+  if (made == result::servant_lock) problem = "a lock could not be taken";
+  snapshot_state_.problem = std::move(problem);
+  return made;
+}
 
-  // Each section is gathered in memory under its lock and written after it, so that a slow disk
-  // holds nobody up.
+Snapshot_State Port_Factory_i::snapshot_state() {
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, snapshot_state_lock_, {});
+  return snapshot_state_;
+}
+
+// Gathered in memory, each section under its lock: a slow disk holds nobody up.
+unsigned int Port_Factory_i::snapshot_of_all(std::string& bytes) {
   snapshot::Section_Writer ports(snapshot::ports_marker);
   {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
@@ -73,8 +85,6 @@ CORBA::ULong Port_Factory_i::make_snapshot() {
       if (box) add(box->name(), box->persistent());
     }
   }
-  if (!write(file.get(), ports.finish())) return result::snapshot_not_writable;
-
   snapshot::Section_Writer subscriptions(snapshot::subscriptions_marker);
   {
     ACE_READ_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, event_lock_, result::servant_lock);
@@ -84,12 +94,13 @@ CORBA::ULong Port_Factory_i::make_snapshot() {
       subscriptions.add_subscription(static_cast<std::uint32_t>(code), name);
     });
   }
-  return write(file.get(), subscriptions.finish()) ? result::ok : result::snapshot_not_writable;
+  bytes = ports.finish() + subscriptions.finish();
+  return result::ok;
 }
 
 CORBA::ULong Port_Factory_i::load_snapshot() { return load_refsnapshot(get_snap_path()); }
 
-unsigned int Port_Factory_i::load_refsnapshot(const char* path) {
+unsigned int Port_Factory_i::load_refsnapshot(const char* path) try {
   snapshot::Content content;
   {
     ACE_GUARD_RETURN(ACE_Thread_Mutex, file_guard, file_lock(), result::servant_lock);
@@ -108,6 +119,9 @@ unsigned int Port_Factory_i::load_refsnapshot(const char* path) {
   }
   for (const auto& record : content.subscriptions) add_event(record.name.c_str(), record.code);
   return result::ok;
+} catch (const std::bad_alloc&) {
+  errno = ENOMEM;
+  return result::failed;
 }
 
 Varo::FileHandle_ptr Port_Factory_i::openSnapShot() {

@@ -1,6 +1,7 @@
 #include "persistence/snapshot_file.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <cstdio>
@@ -151,6 +152,8 @@ Content parse(std::string_view bytes) {
 bool read_file(const char* path, const char* mode, std::string& bytes) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, mode), &std::fclose);
   if (!file) return false;
+  struct stat found {};
+  if (::fstat(::fileno(file.get()), &found) != 0 || !S_ISREG(found.st_mode)) return false;
   std::array<char, 65536> piece;
   for (;;) {
     const std::size_t read = std::fread(piece.data(), 1, piece.size(), file.get());

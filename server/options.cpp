@@ -51,9 +51,12 @@ void add_options(CLI::App& command, Options& options) {
   command.add_option("--state-dir", options.state_dir,
                      "Folder in which SnapShot/portsnap.snp lies (default: the executable's)");
   command.add_flag("--restore", options.restore, "Load the snapshot of the previous run");
+  command.add_flag("--restore-damaged", options.restore_damaged,
+                   "As --restore; of damaged snapshots take what is whole");
   command
       .add_option("--snapshot-every", options.snapshot_every,
-                  "Seconds between snapshots (default: none are made unasked)")
+                  "Seconds between snapshots, with one more at the stop (default: none are made "
+                  "unasked)")
       ->check(CLI::Range(1U, 31'536'000U));
   command.add_option("--max-message", options.max_message, "Largest message, in bytes")
       ->capture_default_str()
@@ -118,6 +121,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? status::success : status::bad_usage;
   }
+  options.restore = options.restore || options.restore_damaged;
   options.role = sub->parsed() ? Role::sub : Role::main;
   if (options.interface_name.empty()) options.interface_name = options.name;
   return std::nullopt;

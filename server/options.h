@@ -21,6 +21,7 @@ struct Options {
   std::string naming;     ///< a naming service, empty for none
   std::string state_dir;  ///< empty: the executable's folder
   bool restore = false;
+  bool restore_damaged = false;     ///< implies restore
   unsigned int snapshot_every = 0;  ///< seconds, 0 for never
   std::uint64_t max_message = 64ULL << 20;
   unsigned int call_timeout = 5;  ///< seconds a call to another server may take that is no wait

@@ -88,11 +88,13 @@ class ConnectionToMain {
   std::thread thread_;
 };
 
-/// Saves snapshots of a servant while it lives.
+/// Saves snapshots of a servant while it lives, and says when saving begins or ceases to fail.
 class PeriodicSnapshots {
  public:
-  PeriodicSnapshots(Port_Factory_i* servant, unsigned int every_seconds) : task_(servant) {
+  PeriodicSnapshots(Port_Factory_i* servant, unsigned int every_seconds)
+      : servant_(servant), task_(servant) {
     task_.set_period(every_seconds);
+    task_.set_after_save([this] { report(); });
     if (task_.activate() != 0) throw std::runtime_error("cannot start the snapshot thread");
   }
   ~PeriodicSnapshots() {
@@ -104,7 +106,24 @@ class PeriodicSnapshots {
 
   void ask_to_stop() { task_.ShutDown(); }
 
+  /// One more, with what has changed since; called once no more calls are taken.
+  void save_last() {
+    ask_to_stop();
+    task_.wait();
+    servant_->make_snapshot();
+    report();
+  }
+
  private:
+  void report() {
+    const Snapshot_State state = servant_->snapshot_state();
+    if (state.problem == told_) return;
+    told_ = state.problem;
+    tell(told_.empty() ? "snapshots are written again" : "no snapshot: " + told_);
+  }
+
+  Port_Factory_i* const servant_;
+  std::string told_;  // the failure last reported; used by one thread at a time
   SnapSaveTask task_;
 };
 
@@ -134,15 +153,11 @@ void set_limits(const Options& options) {
   report_limits(tell);
 }
 
-void restore(Port_Factory_i* servant, const std::optional<std::string>& snapshot) {
-  if (!snapshot) {
-    tell("there is no snapshot to restore");
-    return;
+void restore(Port_Factory_i* servant, const Found_Snapshot& found) {
+  if (found.to_load && servant->load_refsnapshot(found.to_load->c_str()) != result::ok) {
+    throw std::runtime_error(fmt::format("cannot load the snapshot {}", *found.to_load));
   }
-  if (servant->load_refsnapshot(snapshot->c_str()) != result::ok) {
-    throw std::runtime_error(fmt::format("cannot load the snapshot {}", *snapshot));
-  }
-  tell("restored the snapshot " + *snapshot);
+  tell(found.message);
 }
 
 Servant_var<Port_Factory_i> make_servant(const Options& options, const orb::Broker& broker,
@@ -200,13 +215,14 @@ void run(const Options& options, StopSignal& stop) {
   if (options.role == Role::sub && !use.directory()) {
     tell("without --directory or --naming the main server cannot be found");
   }
-  use_state_folder(options.state_dir);
-  std::optional<std::string> snapshot;
-  if (options.restore) snapshot = set_aside_snapshot();
+  const State_Folder state(options.state_dir);
+  const Found_Snapshot found = set_aside_snapshot(options.restore_damaged ? Restore::damaged
+                                                  : options.restore       ? Restore::whole
+                                                                          : Restore::no);
 
   Port_Factory_Sub* sub = nullptr;
   const Servant_var<Port_Factory_i> servant = make_servant(options, broker, sub);
-  if (options.restore) restore(servant.in(), snapshot);
+  if (options.restore) restore(servant.in(), found);
   std::optional<PeriodicSnapshots> snapshots;
   if (options.snapshot_every > 0) snapshots.emplace(servant.in(), options.snapshot_every);
 
@@ -220,7 +236,9 @@ void run(const Options& options, StopSignal& stop) {
     end_process(status::failed);
   }
   if (snapshots) snapshots->ask_to_stop();  // it ends beside the calls
-  if (!broker.shutdown(patience_with_calls)) end_process(status::success);
+  const bool calls_ended = broker.shutdown(patience_with_calls);
+  if (snapshots) snapshots->save_last();
+  if (!calls_ended) end_process(status::success);
 }
 
 }  // namespace portsvc::server

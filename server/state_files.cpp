@@ -1,12 +1,18 @@
 #include "server/state_files.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 #include <system_error>
 
+#include "idl/port_codes.h"
+#include "persistence/snapshot_file.h"
+#include "persistence/whole_file.h"
 #include "platform/process.h"
 
 namespace fs = std::filesystem;
@@ -18,46 +24,138 @@ namespace {
   throw std::runtime_error(fmt::format("cannot {} {}: {}", what, path, why.message()));
 }
 
-}  // namespace
-
-void use_state_folder(const std::string& folder) {
-  if (folder.empty()) return;
-  std::error_code failure;
-  fs::create_directories(folder, failure);
-  if (failure) fail("make the folder", folder, failure);
-  set_state_folder(folder);
+void refuse_odd_file(const std::string& path) {
+  const std::string odd = not_a_plain_file(path);
+  if (!odd.empty()) throw std::runtime_error(odd);
 }
 
-std::optional<std::string> set_aside_snapshot() {
-  const fs::path folder = fs::path(state_folder()) / "SnapShot";
-  const fs::path left = folder / "portsnap.snp";
-  // It stays there after it has been loaded: a server that dies before its first own snapshot
-  // leaves no other, and the next start then finds this one.
-  const fs::path aside = folder / "portsnap.previous";
-  std::error_code failure;
-  if (fs::exists(left, failure)) {
-    fs::rename(left, aside, failure);
-    if (failure) fail("set aside", left, failure);
+fs::path snapshot_folder() { return fs::path(state_folder()) / "SnapShot"; }
+
+struct Candidate {
+  explicit Candidate(const char* name) : path(snapshot_folder() / name) {
+    std::error_code failure;
+    exists = fs::exists(path, failure);
+    if (!exists) return;
+    written = fs::last_write_time(path, failure);
+    std::string bytes;
+    if (!snapshot::read_file(path.c_str(), "rb", bytes)) {
+      problem = "it cannot be read";
+      return;
+    }
+    content = snapshot::parse(bytes);
+    problem = content.problem;
+    if (problem.empty() && content.unreadable_records != 0) {
+      problem = fmt::format("{} records have no readable name", content.unreadable_records);
+    }
   }
-  if (!fs::exists(aside, failure)) return std::nullopt;
-  return aside;
+
+  bool whole() const { return exists && problem.empty(); }
+  std::size_t records() const { return content.ports.size() + content.subscriptions.size(); }
+
+  void move_to(const fs::path& place) {
+    std::error_code failure;
+    fs::rename(path, place, failure);
+    if (failure) fail("set aside", path, failure);
+    path = place;
+  }
+
+  fs::path path;
+  bool exists = false;
+  fs::file_time_type written;
+  snapshot::Content content;
+  std::string problem;  // empty when it is whole
+};
+
+std::string restored(const Candidate& file) {
+  std::size_t boxes = 0;
+  for (const auto& port : file.content.ports) boxes += port.kind == PORT_EVENTBOX ? 1 : 0;
+  return fmt::format("restored the snapshot {}: {} ports, {} event boxes, {} subscriptions{}",
+                     file.path.string(), file.content.ports.size() - boxes, boxes,
+                     file.content.subscriptions.size(),
+                     file.whole() ? "" : fmt::format("; it is damaged: {}", file.problem));
+}
+
+// Out of the way of the servant, without loss of the only file that is worth something.
+void keep(Candidate& last, const Candidate& previous) {
+  if (!last.exists) return;
+  if (last.whole() || !previous.whole()) {
+    const bool nothing_beside_something = last.records() == 0 && previous.records() != 0;
+    if (!nothing_beside_something) last.move_to(previous.path);
+  } else {
+    last.move_to(snapshot_folder() / "portsnap.damaged");
+  }
+}
+
+}  // namespace
+
+State_Folder::State_Folder(const std::string& folder) {
+  if (!folder.empty()) {
+    std::error_code failure;
+    fs::create_directories(folder, failure);
+    if (failure) fail("make the folder", folder, failure);
+    set_state_folder(folder);
+  }
+  const std::string snapshots = snapshot_folder();
+  make_folder(snapshots);
+  // The folder itself is locked: that needs no further file, and ends with the process.
+  locked_ = ::open(snapshots.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (locked_ >= 0 && ::flock(locked_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    ::close(locked_);
+    throw std::runtime_error(
+        fmt::format("another server works in the state folder {}", state_folder()));
+  }
+  for (const char* name :
+       {"portsnap.snp", "portsnap.snp.new", "portsnap.previous", "portsnap.damaged"}) {
+    refuse_odd_file(snapshot_folder() / name);
+  }
+}
+
+State_Folder::~State_Folder() {
+  if (locked_ >= 0) ::close(locked_);
+}
+
+Found_Snapshot set_aside_snapshot(Restore restore) {
+  Candidate last("portsnap.snp");
+  Candidate previous("portsnap.previous");
+  if (restore == Restore::no) {
+    keep(last, previous);
+    return {};
+  }
+  if (!last.exists && !previous.exists) return {std::nullopt, "there is no snapshot to restore"};
+
+  const bool newer = last.exists && (!previous.exists || last.written >= previous.written);
+  Candidate* chosen = newer ? &last : &previous;
+  Candidate* const other = newer ? &previous : &last;
+  if (!chosen->whole() && other->whole()) {
+    chosen = other;
+  } else if (!chosen->whole()) {
+    if (restore != Restore::damaged) {
+      throw std::runtime_error(
+          fmt::format("the snapshot {} is damaged: {}; --restore-damaged takes what is whole of it",
+                      chosen->path.string(), chosen->problem));
+    }
+    if (other->records() > chosen->records()) chosen = other;
+  }
+  std::string skipped;
+  const Candidate& left_out = chosen == &last ? previous : last;
+  if (left_out.exists && !left_out.whole()) {
+    skipped =
+        fmt::format("; left out the damaged {}: {}", left_out.path.string(), left_out.problem);
+  }
+  if (chosen == &last) {
+    // What is chosen takes the place of the previous one, unless it holds nothing and that does.
+    if (last.records() != 0 || previous.records() == 0) last.move_to(previous.path);
+  } else if (last.exists && !last.whole()) {
+    last.move_to(snapshot_folder() / "portsnap.damaged");
+  }
+  Found_Snapshot found{std::nullopt, restored(*chosen) + skipped};
+  if (chosen->records() != 0) found.to_load = chosen->path;
+  return found;
 }
 
 void write_by_rename(const std::string& path, const std::string& content) {
-  const std::string unfinished = fmt::format("{}.{}", path, process_id());
-  std::ofstream file(unfinished, std::ios::trunc);
-  file << content;
-  file.close();
-  std::error_code failure;
-  if (!file) {
-    failure = std::error_code(errno, std::generic_category());
-  } else {
-    fs::rename(unfinished, path, failure);
-  }
-  if (failure) {
-    remove_file(unfinished);
-    fail("write", path, failure);
-  }
+  const std::string problem = write_whole_file(path, content);
+  if (!problem.empty()) throw std::runtime_error(problem);
 }
 
 }  // namespace portsvc::server

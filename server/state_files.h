@@ -7,13 +7,34 @@
 namespace portsvc::server {
 
 /// Makes `folder`, with its parents, the process's state folder; empty leaves it beside the
-/// executable. Throws std::runtime_error.
-void use_state_folder(const std::string& folder);
+/// executable.
+class State_Folder {
+ public:
+  /// Throws std::runtime_error, also when another server works in the folder, or when a file that
+  /// the server would write is a symbolic link or no file at all.
+  explicit State_Folder(const std::string& folder);
+  /// Gives the folder free, as the process's death does.
+  ~State_Folder();
+  State_Folder(const State_Folder&) = delete;
+  State_Folder& operator=(const State_Folder&) = delete;
 
-/// Takes the snapshot of the previous run out of the way of the servant, whose constructor deletes
-/// it, and answers the path it has now; nothing when there is no snapshot. Throws
-/// std::runtime_error.
-std::optional<std::string> set_aside_snapshot();
+ private:
+  int locked_ = -1;  // the open folder of the snapshot
+};
+
+/// What a start finds of earlier runs.
+struct Found_Snapshot {
+  std::optional<std::string> to_load;  ///< nothing when there is nothing to create
+  std::string message;                 ///< what is restored, or why nothing
+};
+
+enum class Restore { no, whole, damaged };
+
+/// Takes the snapshot of the last run out of the way of the servant, whose constructor deletes it,
+/// and chooses what to restore: the newest whole file of it and portsnap.previous, else with
+/// Restore::damaged the one with most whole records. Throws std::runtime_error, having changed
+/// nothing, when there are only damaged ones and `restore` is Restore::whole.
+Found_Snapshot set_aside_snapshot(Restore restore);
 
 /// Writes a file so that whoever finds it finds it whole. Throws std::runtime_error.
 void write_by_rename(const std::string& path, const std::string& content);

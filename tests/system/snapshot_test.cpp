@@ -4,6 +4,7 @@
 #include <sys/mount.h>
 
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "tests/system/system_test.h"
 
@@ -13,6 +14,27 @@ namespace {
 class Snapshots : public SystemTest {
  protected:
   const std::string snapshot = folder.path("main/SnapShot/portsnap.snp");
+  const std::string previous = folder.path("main/SnapShot/portsnap.previous");
+  const std::string aside = folder.path("main/SnapShot/portsnap.damaged");
+
+  void create(int count) {
+    const Port_Factory_var main = server("main");
+    for (int i = 0; i < count; ++i) {
+      EXPECT_EQ(main->create_port(fmt::format("p{}", i).c_str(), PORT_MASTER, 8), result::ok);
+    }
+  }
+  /// What a second server of the same state folder says when it does not start.
+  std::string refused(const Words& options) {
+    Words command{PORT_SERVER,   "main",
+                  "--name",      "m",
+                  "--endpoint",  "giop:tcp:127.0.0.1:0",
+                  "--state-dir", folder.path("main")};
+    command.insert(command.end(), options.begin(), options.end());
+    Process second(command, folder.path("second"));
+    const Outcome ended = outcome(second, 5s);
+    EXPECT_EQ(ended.status, 1) << ended.err;
+    return ended.err;
+  }
 
   /// Two ports, a box and two subscriptions.
   void fill() {
@@ -46,8 +68,95 @@ TEST_F(Snapshots, AKilledServerComesBackWithItsPortsBoxesAndSubscriptions) {
     if (run == 0) std::filesystem::remove(snapshot);
     kill("main");
   }
+  const std::string kept = read_all(snapshot);
   start("main");
   EXPECT_EQ(portctl("main", {"exists", "orders"}).status, 1) << "not asked to restore";
+  EXPECT_EQ(read_all(previous), kept) << "what nobody asked for is kept";
+  kill("main");
+
+  // What has changed since the last round is saved at the stop.
+  start("main", {"--snapshot-every", "3600"});
+  done("main", {"create", "late"});
+  EXPECT_EQ(stop("main", SIGTERM), 0);
+  EXPECT_EQ(show(snapshot)["ports"].size(), 1u);
+}
+
+TEST_F(Snapshots, ADeathWhileOneIsWrittenLeavesTheOldOne) {
+  start("main");
+  create(4000);
+  done("main", {"snapshot", "save"});
+  const std::string whole = read_all(snapshot);
+  kill("main");
+  for (int round = 0; round < 8; ++round) {
+    start("main", {"--restore"});
+    done("main", {"snapshot", "save"});
+    const Port_Factory_var main = server("main");
+    std::thread saving([&] {
+      try {
+        for (;;) main->make_snapshot();
+      } catch (const CORBA::Exception&) {
+        // It has been killed.
+      }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(10 + 3 * round));
+    kill("main");
+    saving.join();
+    EXPECT_TRUE(read_all(snapshot) == whole) << round;
+  }
+}
+
+TEST_F(Snapshots, AStartTakesTheNewestWholeOneAndThrowsNoneAway) {
+  start("main");
+  fill();
+  done("main", {"snapshot", "save"});
+  const std::string whole = read_all(snapshot);
+  EXPECT_NE(refused({}).find("another server works in the state folder"), std::string::npos);
+  EXPECT_EQ(read_all(snapshot), whole);
+  kill("main");
+
+  // A newer file of no bytes, and an older whole one.
+  std::filesystem::rename(snapshot, previous);
+  write_all(snapshot, "");
+  Process& restored = start("main", {"--restore"});
+  EXPECT_NE(restored.err().find("portsnap.previous: 2 ports, 1 event boxes, 2 subscriptions; left "
+                                "out the damaged"),
+            std::string::npos)
+      << restored.err();
+  done("main", {"exists", "orders"});
+  EXPECT_TRUE(std::filesystem::exists(aside));
+  kill("main");
+  EXPECT_EQ(read_all(previous), whole);
+
+  // A start without --restore, and one after it whose snapshot holds nothing.
+  write_all(snapshot, whole.substr(0, 600));
+  start("main", {"--snapshot-every", "3600"});
+  stop("main", SIGTERM);
+  EXPECT_EQ(read_all(previous), whole);
+  start("main");
+  kill("main");
+  EXPECT_EQ(read_all(previous), whole);
+
+  // Nothing but damage.
+  write_all(previous, whole.substr(0, 300));
+  write_all(snapshot, whole.substr(0, 600));
+  const std::string why = refused({"--restore"});
+  EXPECT_NE(why.find("portsnap.snp is damaged: port record 3 of 3 breaks off at byte 544; "
+                     "--restore-damaged"),
+            std::string::npos)
+      << why;
+  EXPECT_EQ(read_all(previous) + read_all(snapshot), whole.substr(0, 300) + whole.substr(0, 600));
+  Process& part = start("main", {"--restore-damaged"});
+  EXPECT_NE(part.err().find("2 ports, 0 event boxes, 0 subscriptions; it is damaged"),
+            std::string::npos)
+      << part.err();
+  done("main", {"exists", "results"});
+  kill("main");
+
+  std::filesystem::remove(snapshot);
+  std::filesystem::create_symlink(folder.path("elsewhere"), snapshot);
+  EXPECT_NE(refused({}).find("portsnap.snp is a symbolic link"), std::string::npos);
+  std::filesystem::remove(snapshot);
+  EXPECT_NE(refused({"--ior-file", "/dev/null"}).find("/dev/null is a device"), std::string::npos);
 }
 
 TEST_F(Snapshots, ASnapshotIsSavedLoadedDownloadedAndShown) {
@@ -132,18 +241,30 @@ class SmallDisk {
 TEST_F(Snapshots, AFullDiskFailsTheSnapshotAndNothingElse) {
   const SmallDisk disk(folder.path("main"));
   if (!disk.mounted()) GTEST_SKIP() << "only root can mount a small disk";
-  start("main");
-  const Port_Factory_var main = server("main");
-  for (int i = 0; i < 1000; ++i) {
-    EXPECT_EQ(main->create_port(fmt::format("p{}", i).c_str(), PORT_MASTER, 8), result::ok);
-  }
+  start("main", {"--snapshot-every", "1"});
+  create(100);
+  done("main", {"snapshot", "save"});
+  const std::string whole = read_all(snapshot);
+  create(1000);
   const Outcome full = portctl("main", {"snapshot", "save"});
   EXPECT_EQ(full.status, 1);
   EXPECT_NE(full.err.find("2 snapshot_not_writable"), std::string::npos) << full.err;
+  EXPECT_TRUE(read_all(snapshot) == whole);
   done("main", {"exists", "p999"});
+  const auto times_told = [&](const std::string& line) {
+    const std::string err = process("main").err();
+    int times = 0;
+    for (std::size_t at = 0; (at = err.find(line, at)) != std::string::npos; ++at) ++times;
+    return times;
+  };
+  ASSERT_TRUE(eventually([&] { return times_told("no snapshot: cannot write") > 0; }));
+  std::this_thread::sleep_for(3500ms);  // a round in which it fails again
+  EXPECT_EQ(times_told("no snapshot:"), 1) << process("main").err();
+  const Port_Factory_var main = server("main");
   for (int i = 10; i < 1000; ++i) EXPECT_EQ(main->delete_port(fmt::format("p{}", i).c_str()), 0u);
   done("main", {"snapshot", "save"});
   EXPECT_EQ(show(snapshot)["ports"].size(), 10u);
+  EXPECT_TRUE(eventually([&] { return times_told("snapshots are written again") == 1; }));
 }
 
 }  // namespace
