@@ -248,6 +248,23 @@ TEST_F(WokenWaits, OfEvents) {
   }
 }
 
+TEST_F(WokenWaits, OfAnIdleSendingTask) {
+  static std::atomic<int> sent{0};
+  struct Request : SendEventRequest {
+    Request() : SendEventRequest("box", "sub", nullptr, vrBuffer(), 0, false) {}
+    unsigned int execute() override {
+      ++sent;
+      return result::ok;
+    }
+  };
+  EventSendTask task;
+  task.activate(0, 1, 0, 0, -1);
+  clock.await(1);
+  task.push_request(new Request);
+  EXPECT_TRUE(eventually([&] { return sent == 1; }));
+  clock.await(1);  // its end is a wake-up too
+}
+
 TEST_F(WokenWaits, OfSelections) {
   const unsigned int p = owner(server, "p", ACCESS_SELECT), q = owner(server, "q", ACCESS_SELECT);
   auto packets = begun([&] { return select(&MainServer::select_event_port, {p, q, p}); });
