@@ -190,12 +190,7 @@ TEST_F(Snapshot, HandlesThatNobodyClosesAreBounded) {
   server.create_port("q", PORT_MASTER, 8);
   handles.emplace_back(server.openSnapShot());
   for (std::size_t i = 0; i < handles.size(); ++i) EXPECT_EQ(gone(handles[i]), i < 10) << i;
-  for (std::size_t i = 0; i < FileHandleImpl::most_handles; ++i) {
-    handles.emplace_back(server.openSnapShot());
-  }
-  EXPECT_TRUE(gone(handles[13]));
-  EXPECT_FALSE(gone(handles[14]));
-  for (std::size_t i = 14; i < handles.size(); ++i) handles[i]->close();
+  for (std::size_t i = 10; i < handles.size(); ++i) handles[i]->close();
 }
 
 TEST_F(Snapshot, IsWholeHoweverManySaveAndLoadAtOnce) {
