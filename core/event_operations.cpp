@@ -2,8 +2,11 @@
 
 #include <ace/Guard_T.h>
 
+#include <algorithm>
 #include <boost/make_shared.hpp>
+#include <utility>
 
+#include "core/out_values.h"
 #include "core/port_factory_i.h"
 #include "ports/event_box.h"
 #include "ports/wire.h"
@@ -14,9 +17,11 @@ Event_ptr Port_Factory_i::make_event(const Varo::DATA_BUFFER& data, bool may_tak
   return event_from_wire(0, data, may_take);
 }
 
-CORBA::ULong Port_Factory_i::add_event(const char* name, CORBA::ULong code) {
+CORBA::ULong Port_Factory_i::add_event(const char* name, CORBA::ULong code) try {
   ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, event_lock_, result::servant_lock);
   return events_.add(name, static_cast<int>(code)) ? result::ok : result::already_subscribed;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 unsigned int Port_Factory_i::subscribers(int code,
@@ -28,7 +33,7 @@ unsigned int Port_Factory_i::subscribers(int code,
 }
 
 CORBA::ULong Port_Factory_i::declare_event(CORBA::ULong code, const Varo::DATA_BUFFER& data,
-                                           CORBA::ULong) {
+                                           CORBA::ULong) try {
   boost::shared_ptr<const Event_Table::Names> names;
   if (const unsigned int failure = subscribers(static_cast<int>(code), names)) return failure;
   const Event_ptr event = make_event(data, orb::may_take_arguments());
@@ -36,27 +41,43 @@ CORBA::ULong Port_Factory_i::declare_event(CORBA::ULong code, const Varo::DATA_B
     if (const auto port = get_port(name.c_str())) port->push_event(event);
   }
   return result::ok;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_i::declare_event_n(CORBA::ULong code, const Varo::DATA_BUFFER_SEQ& list,
-                                             CORBA::ULong) {
+                                             CORBA::ULong) try {
   boost::shared_ptr<const Event_Table::Names> names;
   if (const unsigned int failure = subscribers(static_cast<int>(code), names)) return failure;
   const bool may_take = orb::may_take_arguments();
-  std::vector<Event_ptr> events;
-  events.reserve(list.length());
-  for (CORBA::ULong i = 0; i < list.length(); ++i) events.push_back(make_event(list[i], may_take));
+  std::vector<boost::shared_ptr<Port_impl>> boxes;
+  std::size_t wanted = 0;
   for (const std::string& name : *names) {
-    if (const auto port = get_port(name.c_str())) port->push_events(events);
+    auto port = get_port(name.c_str());
+    if (!port || port->kind() != PORT_EVENTBOX) continue;
+    wanted = std::max(wanted, vrEventBox::most_kept(*port));
+    boxes.push_back(std::move(port));
   }
+  // Of more events than any box keeps the oldest are not made.
+  const std::size_t count = std::min<std::size_t>(wanted, list.length());
+  std::vector<Event_ptr> events;
+  events.reserve(count);
+  for (std::size_t i = list.length() - count; i < list.length(); ++i) {
+    events.push_back(make_event(list[static_cast<CORBA::ULong>(i)], may_take));
+  }
+  for (const auto& box : boxes) box->push_events(events);
   return result::ok;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
-CORBA::ULong Port_Factory_i::send_event(const char* name, const Varo::DATA_BUFFER& data) {
+CORBA::ULong Port_Factory_i::send_event(const char* name, const Varo::DATA_BUFFER& data) try {
   const auto port = get_port(name);
   if (!port) return result::unknown_name;
   port->push_event(make_event(data, orb::may_take_arguments()));
   return result::ok;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_i::event_count(const char* name, CORBA::ULong_out count) {

@@ -14,15 +14,23 @@ bool Event_Table::add(const std::string& name, int code) {
   std::vector<int>& codes = codes_[name];
   if (std::find(codes.begin(), codes.end(), code) != codes.end()) return false;
   codes.push_back(code);
-  to_change(names_[code]).push_back(name);
+  try {
+    to_change(names_[code]).push_back(name);
+  } catch (...) {
+    codes.pop_back();
+    const auto entry = names_.find(code);
+    if (entry != names_.end() && !entry->second) names_.erase(entry);
+    throw;
+  }
   return true;
 }
 
 void Event_Table::remove(const std::string& name) {
   const auto found = codes_.find(name);
   if (found == codes_.end()) return;
-  for (const int code : found->second) {
-    Names& names = to_change(names_[code]);
+  // Code by code, so that both indexes agree also when a list cannot be copied.
+  for (std::vector<int>& codes = found->second; !codes.empty(); codes.pop_back()) {
+    Names& names = to_change(names_[codes.back()]);
     names.erase(std::find(names.begin(), names.end(), name));
   }
   codes_.erase(found);

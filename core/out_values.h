@@ -10,6 +10,12 @@
 
 namespace portsvc {
 
+/// The answer of an operation that ran out of memory on the way; errno becomes ENOMEM.
+inline unsigned int no_memory(unsigned int code) {
+  errno = ENOMEM;
+  return code;
+}
+
 /// Gives `out` a new, empty T and answers it; nullptr, with errno ENOMEM, when it cannot be
 /// allocated.
 template <class T, class Out>

@@ -45,27 +45,33 @@ bool put(const Event_ptr& event, DATA_BUFFER& element) {
 }  // namespace
 
 CORBA::ULong Port_Factory_i::packet_foward(CORBA::ULong handle, const DATA_BUFFER& data,
-                                           CORBA::ULong timeout) {
+                                           CORBA::ULong timeout) try {
   const auto port = find_port(handle);
   if (!port) return result::unknown_handle;
   const Queued_Bytes counted = admit(data.length());
   return port->forward(handle, from_wire(data), timeout);
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_i::packet_foward_front(CORBA::ULong handle, const DATA_BUFFER& data,
-                                                 CORBA::ULong timeout) {
+                                                 CORBA::ULong timeout) try {
   const auto port = find_port(handle);
   if (!port) return result::unknown_handle;
   const Queued_Bytes counted = admit(data.length());
   return port->forward_front(handle, from_wire(data), timeout);
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_i::packet_replay(CORBA::ULong handle, const DATA_BUFFER& data,
-                                           CORBA::ULong timeout) {
+                                           CORBA::ULong timeout) try {
   const auto port = find_port(handle);
   if (!port) return result::unknown_handle;
   const Queued_Bytes counted = admit(data.length());
   return port->replay(handle, from_wire(data), timeout);
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_i::packet_receive(CORBA::ULong id, CORBA::ULong_out source,
@@ -88,7 +94,7 @@ CORBA::ULong Port_Factory_i::packet_replay_wait(CORBA::ULong handle, Varo::DATA_
 }
 
 CORBA::ULong Port_Factory_i::packet_receive_n(CORBA::ULong id, Varo::DATA_BUFFER_SEQ_out list,
-                                              CORBA::ULong count, CORBA::ULong timeout) {
+                                              CORBA::ULong count, CORBA::ULong timeout) try {
   const auto port = get_port(id);
   if (!port) return with_empty(list, result::unknown_handle);
   std::vector<Event_ptr> events;
@@ -102,4 +108,6 @@ CORBA::ULong Port_Factory_i::packet_receive_n(CORBA::ULong id, Varo::DATA_BUFFER
     if (!put(events[i], (*payloads)[i])) return result::failed;
   }
   return result::ok;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::failed);
 }

@@ -31,7 +31,7 @@ Port_Factory_i::~Port_Factory_i() {
   stop_housekeeping();
   data_sender_.reset();
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, registry_lock_);
-  registry_.clear();
+  (void)registry_.take_all();
   events_.clear();
 }
 

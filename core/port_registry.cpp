@@ -26,9 +26,18 @@ unsigned int Port_Registry::last_id() const {
 void Port_Registry::add(const boost::shared_ptr<Port_impl>& port, bool as_box) {
   const std::string_view name = port->name();
   Names& names = as_box ? box_names_ : port_names_;
-  ports_.emplace(name, Entry{port, as_box, names.insert(names.end(), name)});
-  ids_.emplace(port->port_id(), name);
-  port->join_index(&clients_);
+  const Names::iterator place = names.insert(names.end(), name);
+  bool id_entered = false;
+  try {
+    ports_.emplace(name, Entry{port, as_box, place});
+    id_entered = ids_.emplace(port->port_id(), name).second;
+    port->join_index(&clients_);
+  } catch (...) {
+    ports_.erase(name);
+    names.erase(place);
+    if (id_entered) ids_.erase(port->port_id());
+    throw;
+  }
 }
 
 void Port_Registry::remove(const Port_impl& port) {
@@ -41,12 +50,13 @@ void Port_Registry::remove(const Port_impl& port) {
   entry.port->leave_index();
 }
 
-void Port_Registry::clear() {
+Port_Registry::Ports Port_Registry::take_all() {
   for (const auto& entry : ports_) entry.second.port->leave_index();
-  // The names point into the ports: nothing may read them once the table lets the ports go.
   box_names_.clear();
   port_names_.clear();
-  ports_.clear();
+  Ports taken;
+  taken.swap(ports_);
+  return taken;
 }
 
 }  // namespace portsvc

@@ -26,8 +26,14 @@ namespace portsvc {
 class Port_Registry {
  public:
   using Names = std::list<std::string_view>;
+  struct Entry {
+    boost::shared_ptr<Port_impl> port;
+    bool is_box;
+    Names::iterator place;  // in the name list
+  };
+  using Ports = std::unordered_map<std::string_view, Entry>;  // the key is the port's own name
 
-  ~Port_Registry() { clear(); }
+  ~Port_Registry() { (void)take_all(); }
 
   /// The port, empty when there is none.
   boost::shared_ptr<Port_impl> find(std::string_view name) const;
@@ -41,14 +47,15 @@ class Port_Registry {
   unsigned int last_id() const;
 
   /// Enters a port whose name is not in yet. `as_box`: into the list of event boxes. An id that is
-  /// in the id table keeps its entry.
+  /// in the id table keeps its entry. Throws std::bad_alloc, then nothing is entered.
   void add(const boost::shared_ptr<Port_impl>& port, bool as_box);
   /// Takes a port out again, with the id it carries now.
   void remove(const Port_impl& port);
   /// Takes the id a port carries now out of the id table.
   void remove_id(unsigned int id) { ids_.erase(id); }
-  /// Takes all ports out; the id table stays.
-  void clear();
+  /// Takes all ports out and answers them; the id table stays. Let them go without the lock: what
+  /// they hold may take a while to free.
+  [[nodiscard]] Ports take_all();
 
   /// Names in creation order. They point into the ports and are good under the registry lock.
   const Names& port_names() const { return port_names_; }
@@ -61,13 +68,7 @@ class Port_Registry {
   }
 
  private:
-  struct Entry {
-    boost::shared_ptr<Port_impl> port;
-    bool is_box;
-    Names::iterator place;  // in the name list
-  };
-
-  std::unordered_map<std::string_view, Entry> ports_;  // the key is the port's own name
+  Ports ports_;
   std::map<unsigned int, std::string> ids_;
   Names port_names_;
   Names box_names_;

@@ -38,9 +38,11 @@ CORBA::ULong Port_Factory_i::connect_port(const char* name, CORBA::ULong_out han
   }
 }
 
-CORBA::ULong Port_Factory_i::set_connected_host(const char* name, const char* host) {
+CORBA::ULong Port_Factory_i::set_connected_host(const char* name, const char* host) try {
   if (const auto port = get_port(name)) port->set_connected_host(host);
   return result::ok;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_i::disconnect_port(CORBA::ULong handle) {
@@ -53,7 +55,7 @@ CORBA::Long Port_Factory_i::exist(const char* name) {
   return static_cast<CORBA::Long>(get_port(name) ? result::ok : result::unknown_name);
 }
 
-CORBA::ULong Port_Factory_i::delete_port(const char* name) {
+CORBA::ULong Port_Factory_i::delete_port(const char* name) try {
   boost::shared_ptr<Port_impl> port;  // let go after the lock
   {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
@@ -68,6 +70,8 @@ CORBA::ULong Port_Factory_i::delete_port(const char* name) {
   }
   port->wake_everybody();
   return result::ok;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_i::get_port_info(const char* name,
@@ -87,7 +91,7 @@ CORBA::ULong Port_Factory_i::get_port_info(const char* name,
   return result::ok;
 }
 
-CORBA::ULong Port_Factory_i::current_connection(Varo::DT_PORT_SVC::ConnectionSeq_out list) {
+CORBA::ULong Port_Factory_i::current_connection(Varo::DT_PORT_SVC::ConnectionSeq_out list) try {
   auto* const connections = fresh<ConnectionSeq>(list);
   if (!connections) return result::failed;
 
@@ -107,17 +111,21 @@ CORBA::ULong Port_Factory_i::current_connection(Varo::DT_PORT_SVC::ConnectionSeq
     (*connections)[i].host = CORBA::string_dup(hosts[i].second.c_str());
   }
   return result::ok;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::failed);
 }
 
 void Port_Factory_i::clearAll() {
+  Port_Registry::Ports ports;  // let go after the locks, like the table
+  Event_Table events;
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, registry_lock_);
-  registry_.clear();
+  ports = registry_.take_all();
   ACE_WRITE_GUARD(ACE_RW_Thread_Mutex, event_guard, event_lock_);
-  events_.clear();
+  std::swap(events, events_);
 }
 
 CORBA::ULong Port_Factory_i::patch_object_name(Varo::STRING_LIST_out ports,
-                                               Varo::STRING_LIST_out boxes) {
+                                               Varo::STRING_LIST_out boxes) try {
   auto* const port_names = fresh<STRING_LIST>(ports);
   auto* const box_names = fresh<STRING_LIST>(boxes);
   if (!port_names || !box_names) return result::out_of_memory;
@@ -125,6 +133,8 @@ CORBA::ULong Port_Factory_i::patch_object_name(Varo::STRING_LIST_out ports,
   const bool filled =
       fill(*port_names, registry_.port_names()) && fill(*box_names, registry_.box_names());
   return filled ? result::ok : result::out_of_memory;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 void Port_Factory_i::heart_bit() {}

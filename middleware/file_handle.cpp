@@ -4,8 +4,10 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -15,14 +17,17 @@
 
 namespace {
 
+using Bytes = std::vector<CORBA::Octet>;
+using Image = std::shared_ptr<const Bytes>;
+
 /// The whole file, nothing when it cannot be read or is too long for the interface.
-std::optional<std::vector<CORBA::Octet>> content_of(const std::string& path) {
+std::optional<Bytes> content_of(const std::string& path) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
                                                              &std::fclose);
   if (!file) return std::nullopt;
   constexpr std::size_t limit = std::numeric_limits<CORBA::Long>::max();
   constexpr std::size_t step = 1 << 20;
-  std::vector<CORBA::Octet> bytes;
+  Bytes bytes;
   for (;;) {
     const std::size_t held = bytes.size();
     bytes.resize(held + step);
@@ -40,10 +45,9 @@ std::optional<std::vector<CORBA::Octet>> content_of(const std::string& path) {
 /// What outlives the servant: the bytes, and where the servant is activated.
 class FileHandleImpl::Content {
  public:
-  void open(std::vector<CORBA::Octet> bytes, PortableServer::POA_ptr adapter,
-            PortableServer::ObjectId* id) {
+  void open(Image image, PortableServer::POA_ptr adapter, PortableServer::ObjectId* id) {
     const std::lock_guard<std::mutex> guard(lock_);
-    bytes_ = std::move(bytes);
+    image_ = std::move(image);
     adapter_ = PortableServer::POA::_duplicate(adapter);
     id_ = id;
     last_use_ = portsvc::clock().now();
@@ -56,17 +60,18 @@ class FileHandleImpl::Content {
     length = 0;
     if (!open_ || offset < 0 || wanted < 0) return -1;
     last_use_ = portsvc::clock().now();
-    const std::size_t from = std::min(static_cast<std::size_t>(offset), bytes_.size());
-    length = std::min(wanted, static_cast<CORBA::Long>(bytes_.size() - from));
+    const std::size_t from = std::min(static_cast<std::size_t>(offset), image_->size());
+    length = std::min(wanted, static_cast<CORBA::Long>(image_->size() - from));
     data.length(static_cast<CORBA::ULong>(length));
-    if (length > 0) std::memcpy(data.get_buffer(), bytes_.data() + from, data.length());
+    if (length > 0) std::memcpy(data.get_buffer(), image_->data() + from, data.length());
     return 0;
   }
 
   CORBA::Long size(CORBA::Long& bytes) {
     const std::lock_guard<std::mutex> guard(lock_);
-    bytes = static_cast<CORBA::Long>(bytes_.size());
+    bytes = 0;
     if (!open_) return -1;
+    bytes = static_cast<CORBA::Long>(image_->size());
     last_use_ = portsvc::clock().now();
     return 0;
   }
@@ -74,6 +79,11 @@ class FileHandleImpl::Content {
   bool is_open() const {
     const std::lock_guard<std::mutex> guard(lock_);
     return open_;
+  }
+
+  Image image() const {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return image_;
   }
 
   bool idle_at(const ACE_Time_Value& now) const {
@@ -85,7 +95,7 @@ class FileHandleImpl::Content {
   void discard() {
     const std::lock_guard<std::mutex> guard(lock_);
     open_ = false;
-    std::vector<CORBA::Octet>().swap(bytes_);
+    image_.reset();
     adapter_ = PortableServer::POA::_nil();
     id_ = nullptr;
   }
@@ -98,7 +108,7 @@ class FileHandleImpl::Content {
       const std::lock_guard<std::mutex> guard(lock_);
       if (!open_) return;
       open_ = false;
-      std::vector<CORBA::Octet>().swap(bytes_);
+      image_.reset();
       adapter = adapter_._retn();
       id = id_._retn();
     }
@@ -112,7 +122,7 @@ class FileHandleImpl::Content {
  private:
   mutable std::mutex lock_;  ///< guards everything below; nothing is taken or called under it
   bool open_ = false;
-  std::vector<CORBA::Octet> bytes_;
+  Image image_;  ///< shared by the handles of one content; null when closed
   PortableServer::POA_var adapter_;
   PortableServer::ObjectId_var id_;
   ACE_Time_Value last_use_;
@@ -126,14 +136,46 @@ class FileHandleImpl::Sweeper {
     return sweeper;
   }
 
+  /// The bytes as an image, the newest handle's if that holds the same.
+  Image shared(Bytes bytes) {
+    Image newest;
+    {
+      const std::lock_guard<std::mutex> guard(lock_);
+      if (!watched_.empty()) newest = watched_.back()->image();
+    }
+    if (newest && *newest == bytes) return newest;
+    return std::make_shared<const Bytes>(std::move(bytes));
+  }
+
   void watch(std::shared_ptr<Content> content) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    watched_.push_back(std::move(content));
-    if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
-    wake_.notify_all();
+    std::vector<std::shared_ptr<Content>> too_many;
+    {
+      const std::lock_guard<std::mutex> guard(lock_);
+      watched_.push_back(std::move(content));
+      if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+      wake_.notify_all();
+      too_many = take_too_many();
+    }
+    for (const auto& old : too_many) old->close();
   }
 
  private:
+  // Takes the oldest handles off the list that stand over the limits. The caller holds the lock.
+  std::vector<std::shared_ptr<Content>> take_too_many() {
+    std::vector<Image> images;
+    auto first_kept = watched_.end();
+    for (std::size_t handles = 0; first_kept != watched_.begin() && handles < most_handles;
+         --first_kept, ++handles) {
+      const Image image = (*std::prev(first_kept))->image();
+      if (!image || std::find(images.begin(), images.end(), image) != images.end()) continue;
+      if (images.size() == most_contents) break;
+      images.push_back(image);
+    }
+    std::vector<std::shared_ptr<Content>> taken(watched_.begin(), first_kept);
+    watched_.erase(watched_.begin(), first_kept);
+    return taken;
+  }
+
   Sweeper() = default;
 
   ~Sweeper() {
@@ -167,7 +209,7 @@ class FileHandleImpl::Sweeper {
   std::mutex lock_;  ///< guards what follows; a content's lock may be taken under it
   std::condition_variable wake_;
   bool stop_ = false;
-  std::vector<std::shared_ptr<Content>> watched_;
+  std::vector<std::shared_ptr<Content>> watched_;  ///< the oldest first
   std::thread thread_;
 };
 
@@ -177,17 +219,20 @@ FileHandleImpl::FileHandleImpl(const std::string& path)
 FileHandleImpl::~FileHandleImpl() { content_->discard(); }
 
 bool FileHandleImpl::open() {
-  std::optional<std::vector<CORBA::Octet>> bytes = content_of(path_);
-  if (!bytes) return false;
   try {
+    std::optional<Bytes> bytes = content_of(path_);
+    if (!bytes) return false;
     // Activated here, because a handle that closes itself has to know its own id.
     const PortableServer::POA_var adapter = _default_POA();
-    content_->open(std::move(*bytes), adapter.in(), adapter->activate_object(this));
+    content_->open(Sweeper::instance().shared(std::move(*bytes)), adapter.in(),
+                   adapter->activate_object(this));
+    Sweeper::instance().watch(content_);
+    return true;
   } catch (const CORBA::Exception&) {
     return false;
+  } catch (const std::bad_alloc&) {
+    return false;
   }
-  Sweeper::instance().watch(content_);
-  return true;
 }
 
 CORBA::Long FileHandleImpl::read(CORBA::Long offset, CORBA::Long& length,

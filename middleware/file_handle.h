@@ -1,13 +1,14 @@
 // The servant of a file opened for remote reading.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
 #include "middleware/orb/orb.h"
 
 /// Serves the content that a file had when it was opened, whatever is written to it later: files
-/// are rewritten in place here, so the handle keeps a copy in memory.
+/// may be rewritten in place, so the content is kept in memory, once for all handles that show it.
 ///
 /// Make one, open() it, and hand out `_this()`; the adapter then owns it. It leaves the adapter,
 /// and gives its copy back, when the reader closes it or has not used it for five minutes. Every
@@ -19,6 +20,10 @@ class FileHandleImpl : public virtual POA_Varo::FileHandle,
   static constexpr CORBA::Long largest_read = 1 << 20;
   /// Seconds without a use after which a handle closes itself.
   static constexpr int idle_limit_seconds = 300;
+  /// Handles that a process keeps open, and different contents they show. Beyond either the oldest
+  /// handles close themselves.
+  static constexpr std::size_t most_handles = 1000;
+  static constexpr std::size_t most_contents = 4;
 
   explicit FileHandleImpl(const std::string& path);
 

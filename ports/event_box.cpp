@@ -57,11 +57,16 @@ void vrEventBox::push_event(const Event_ptr& event) {
 }
 
 void vrEventBox::push_events(const std::vector<Event_ptr>& events) {
+  // Those that others push out again at once are not put in.
+  const std::size_t count = std::min(events.size(), most_kept(*this));
   std::vector<Event_ptr> dropped;
-  dropped.reserve(events.size());
+  dropped.reserve(count);
   {
     ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
-    for (const Event_ptr& event : events) dropped.push_back(append(event));
+    for (auto event = events.end() - static_cast<std::ptrdiff_t>(count); event != events.end();
+         ++event) {
+      dropped.push_back(append(*event));
+    }
   }
   something_changed(packets(), static_cast<unsigned int>(events.size()));
 }

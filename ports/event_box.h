@@ -46,6 +46,9 @@ class vrEventBox : public Port_impl {
   unsigned int take_events(std::vector<Event_ptr>& events, unsigned int maximum,
                            unsigned int timeout);
 
+  /// The most events a box can hold: its limit, and one more after one was put in at the front.
+  static std::size_t most_kept(const Port_impl& box) { return std::size_t{box.limit()} + 1; }
+
   /// Not persistent, and neither read nor created within the last 120 seconds.
   bool expired() const;
   bool persistent() const { return persistent_.load(std::memory_order_relaxed); }

@@ -2,12 +2,15 @@
 
 #include <ace/Guard_T.h>
 
+#include <new>
+
 #include "platform/limits.h"
 
 using namespace portsvc;
 
 Port_impl::Port_impl(const char* name, unsigned int port_id, unsigned int limit, unsigned int kind)
     : name_(name), port_id_(port_id), kind_(kind), limit_(limit) {
+  if (!name_.c_str()) throw std::bad_alloc();  // this string reports a failure by being null
   packet_queue_.set_limit(limit);
 }
 

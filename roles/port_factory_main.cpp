@@ -29,7 +29,7 @@ Varo::DT_PORT_SVC::Port_Factory_var Port_Factory_Main::get_remote_point() {
 }
 
 CORBA::ULong Port_Factory_Main::create_port(const char* name, CORBA::ULong kind,
-                                            CORBA::ULong limit) {
+                                            CORBA::ULong limit) try {
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
   if (registry_.find(name)) return result::ok;
   unsigned int id = next_port_id();
@@ -40,6 +40,8 @@ CORBA::ULong Port_Factory_Main::create_port(const char* name, CORBA::ULong kind,
   if (!limits().ports.allows(registry_.size())) orb::refuse(refusal::ports);
   registry_.add(port, kind == PORT_EVENTBOX);
   return result::ok;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 int Port_Factory_Main::process_event_data(Port_impl* port, unsigned int handle,
@@ -72,7 +74,7 @@ EventSendTask* Port_Factory_Main::task_for(const char* port_name) {
 }
 
 CORBA::ULong Port_Factory_Main::update(const char* name, unsigned int handle,
-                                       const Varo::DATA_BUFFER& data, bool front) {
+                                       const Varo::DATA_BUFFER& data, bool front) try {
   const auto port = get_port(name);
   if (!port) return result::unknown_handle;
   const auto event = event_from_wire(handle, data, orb::may_take_arguments());
@@ -82,6 +84,8 @@ CORBA::ULong Port_Factory_Main::update(const char* name, unsigned int handle,
     port->push_event(event);
   }
   return result::ok;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_Main::update_port(const char* name, CORBA::ULong handle,
@@ -101,13 +105,41 @@ CORBA::ULong Port_Factory_Main::sendEvcDatatoSlave(const char* name, CORBA::Long
 CORBA::ULong Port_Factory_Main::push_remote_consumer(const char*) { return result::ok; }
 
 void Port_Factory_Main::enter_master(const char* name, const char* server) {
+  if (!add_master(name, server)) return;
+  // The oldest names that are no ports here make room. Few are looked at, in turn, so that an entry
+  // costs the same however many there are.
+  ACE_GUARD(ACE_Recursive_Thread_Mutex, registry_guard, registry_lock_);
   ACE_GUARD(ACE_Thread_Mutex, guard, master_lock_);
-  masters_.emplace(name, server);
+  for (int looked_at = 0; looked_at < 8 && masters_.size() > most_masters; ++looked_at) {
+    const auto oldest = masters_by_age_.front();
+    if (registry_.find(oldest->first)) {
+      masters_by_age_.splice(masters_by_age_.end(), masters_by_age_, masters_by_age_.begin());
+    } else {
+      masters_by_age_.pop_front();
+      masters_.erase(oldest);
+    }
+  }
 }
 
-CORBA::ULong Port_Factory_Main::force_toslave(const char* server, const char* name) {
+bool Port_Factory_Main::add_master(const char* name, const char* server) {
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, master_lock_, false);
+  const auto [entry, added] = masters_.emplace(name, server);
+  if (added) {
+    try {
+      masters_by_age_.push_back(entry);
+    } catch (...) {
+      masters_.erase(entry);
+      throw;
+    }
+  }
+  return masters_.size() > most_masters;
+}
+
+CORBA::ULong Port_Factory_Main::force_toslave(const char* server, const char* name) try {
   enter_master(name, server);
   return result::ok;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 void Port_Factory_Main::set_notify_port(const char* name) {

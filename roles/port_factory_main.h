@@ -3,6 +3,7 @@
 
 #include <ace/Thread_Mutex.h>
 
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -41,7 +42,7 @@ class Port_Factory_Main : public Port_Factory_i {
                            const Varo::DATA_BUFFER& data) override;
   CORBA::ULong update_port_front(const char* name, CORBA::ULong handle,
                                  const Varo::DATA_BUFFER& data) override;
-  /// Records that `server` keeps the port; the first record of a name stays. 0.
+  /// Records that `server` keeps the port; the first record of a name stays. 0; 5.
   CORBA::ULong force_toslave(const char* server, const char* name) override;
   /// The server that keeps the port. 0; 2001 with an empty text.
   CORBA::ULong inquire_master(const char* name, CORBA::String_out master) override;
@@ -49,6 +50,9 @@ class Port_Factory_Main : public Port_Factory_i {
   CORBA::ULong get_remote_sub(Varo::STRING_LIST_out list) override;
 
   void RunTask() {}
+
+  /// Entries of the master table beyond which the oldest of names that are no ports here go.
+  static constexpr std::size_t most_masters = 100'000;
 
  protected:
   /// The sending task of a port name, made and started on first use; null when the task table lock
@@ -59,10 +63,14 @@ class Port_Factory_Main : public Port_Factory_i {
   CORBA::ULong update(const char* name, unsigned int handle, const Varo::DATA_BUFFER& data,
                       bool front);
   void enter_master(const char* name, const char* server);
+  // Answers whether the table is too large now.
+  bool add_master(const char* name, const char* server);
 
   std::vector<std::string> sub_servers_;  // never changed after construction
   ACE_Thread_Mutex task_table_lock_;      // guards tasks_; only a task's start happens under it
   std::map<std::string, std::unique_ptr<EventSendTask>> tasks_;  // by port name; only grows
-  ACE_Thread_Mutex master_lock_;                                 // guards masters_; a leaf
-  std::map<std::string, std::string, std::less<>> masters_;      // port name to server
+  using Masters = std::map<std::string, std::string, std::less<>>;
+  ACE_Thread_Mutex master_lock_;  // guards what follows; a leaf
+  Masters masters_;               // port name to server
+  std::list<Masters::iterator> masters_by_age_;
 };

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <functional>
 
 #include "core/port_id_generator.h"
 #include "roles/port_factory_main.h"
@@ -95,6 +96,84 @@ TEST_F(MainRole, RemembersWhoKeepsAPort) {
       EXPECT_EQ(inquire(server, name.c_str()).first, result::ok);
     }
   });
+}
+
+TEST_F(MainRole, ForgetsTheOldestKeepersOfNamesThatAreNoPorts) {
+  server.create_port("p", PORT_MASTER, 5);
+  server.force_toslave("A", "p");
+  for (std::size_t i = 0; i <= MainServer::most_masters; ++i) {
+    server.force_toslave("B", std::to_string(i).c_str());
+  }
+  EXPECT_EQ(inquire(server, "p"), Keeper(result::ok, "A"));
+  EXPECT_EQ(inquire(server, "1"), Keeper(result::unknown_name, ""));
+  EXPECT_EQ(inquire(server, "2"), Keeper(result::ok, "B"));
+}
+
+TEST_F(MainRole, AnswersACodeWhateverAllocationFailsAndIsAsBefore) {
+  const std::string name(40, 'n');
+  const std::string other(40, 'o');
+  const Varo::DATA_BUFFER data = wire("payload");
+  Varo::DATA_BUFFER_SEQ list;
+  list.length(3);
+  server.create_port("box", PORT_EVENTBOX, 5);
+  server.add_event("box", 7);
+  server.create_port("p", PORT_MASTER, 5);
+  const unsigned int handle = client(server, "p", ACCESS_SELECT);
+  const std::function<unsigned int()> operations[] = {
+      [&] { return server.create_port(name.c_str(), PORT_MASTER, 3); },
+      [&] { return server.create_port(other.c_str(), PORT_EVENTBOX, 3); },
+      [&] { return server.force_toslave(other.c_str(), name.c_str()); },
+      [&] { return server.set_connected_host(name.c_str(), other.c_str()); },
+      [&] { return server.add_event(other.c_str(), 7); },
+      [&] { return server.declare_event_n(7, list, 0); },
+      [&] { return server.declare_event(7, data, 0); },
+      [&] { return server.send_event("box", data); },
+      [&] { return server.packet_replay(handle, data, 0); },
+      [&] { return server.update_port("box", 1, data); },
+      [&] { return server.delete_port(other.c_str()); },
+  };
+  for (std::size_t i = 0; i < std::size(operations); ++i) {
+    const Names before = names(server);
+    for (int good = 0;; ++good) {
+      unsigned int code = 0;
+      bool failed = false;
+      {
+        const FailingAllocation scope(good);
+        code = operations[i]();
+        failed = scope.failed();
+      }
+      if (!failed) {
+        EXPECT_EQ(code, result::ok) << i;
+        break;
+      }
+      // Where only a payload is lost the code may be 0: overflow and lack of memory are silent.
+      EXPECT_TRUE(code == result::out_of_memory || (code == result::ok && i > 4))
+          << i << ": " << code;
+      if (code == result::out_of_memory) {
+        EXPECT_EQ(names(server), before) << i << " after " << good;
+      }
+    }
+  }
+}
+
+TEST_F(MainRole, MakesNoEventsThatOverflowDropsAtOnce) {
+  server.create_port("box", PORT_EVENTBOX, 2);
+  server.create_port("larger", PORT_EVENTBOX, 4);
+  for (const char* box : {"box", "larger"}) server.add_event(box, 7);
+  server.get_port("box")->push_event_front(event("front"));
+  Varo::DATA_BUFFER_SEQ list;
+  list.length(9);
+  for (CORBA::ULong i = 0; i < 9; ++i) list[i] = wire(std::to_string(i));
+  EXPECT_EQ(server.declare_event_n(7, list, 0), result::ok);
+  EXPECT_EQ(drain(server, "box"), (Texts{"7", "8"}));
+  EXPECT_EQ(drain(server, "larger"), (Texts{"5", "6", "7", "8"}));
+
+  // Every event made is an allocation: far fewer than elements.
+  Varo::DATA_BUFFER_SEQ many;
+  many.length(100000);
+  const FailingAllocation scope(1000);
+  EXPECT_EQ(server.declare_event_n(7, many, 0), result::ok);
+  EXPECT_FALSE(scope.failed());
 }
 
 TEST_F(MainRole, SwitchesCopyingAndHasNoPeerAbove) {

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 
+#include "middleware/file_handle.h"
 #include "persistence/snapshot_file.h"
 #include "platform/process.h"
 #include "ports/event_box.h"
@@ -172,6 +173,24 @@ TEST_F(Snapshot, IsReadRemotelyAsItWasWhenOpened) {
   EXPECT_EQ(size, static_cast<CORBA::Long>(saved.size() + 268));
   handle->close();
   later->close();
+}
+
+TEST_F(Snapshot, HandlesThatNobodyClosesAreBounded) {
+  MainServer server;
+  server.create_port("p", PORT_MASTER, 8);
+  const auto gone = [](const Varo::FileHandle_var& handle) { return handle->_non_existent(); };
+  std::vector<Varo::FileHandle_var> handles;
+  // Of one content many may be open; of five contents the oldest goes, with all its handles.
+  for (std::size_t i = 0; i < 10; ++i) handles.emplace_back(server.openSnapShot());
+  for (std::size_t i = 1; i < FileHandleImpl::most_contents; ++i) {
+    server.create_port(std::to_string(i).c_str(), PORT_MASTER, 8);
+    handles.emplace_back(server.openSnapShot());
+  }
+  for (const auto& handle : handles) EXPECT_FALSE(gone(handle));
+  server.create_port("q", PORT_MASTER, 8);
+  handles.emplace_back(server.openSnapShot());
+  for (std::size_t i = 0; i < handles.size(); ++i) EXPECT_EQ(gone(handles[i]), i < 10) << i;
+  for (std::size_t i = 10; i < handles.size(); ++i) handles[i]->close();
 }
 
 TEST_F(Snapshot, IsWholeHoweverManySaveAndLoadAtOnce) {

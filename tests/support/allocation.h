@@ -12,4 +12,15 @@ class NoMemory {
   NoMemory& operator=(const NoMemory&) = delete;
 };
 
+/// Fails one allocation of this thread, of whatever form, after `good` that succeed.
+class FailingAllocation {
+ public:
+  explicit FailingAllocation(int good);
+  ~FailingAllocation();
+  FailingAllocation(const FailingAllocation&) = delete;
+  FailingAllocation& operator=(const FailingAllocation&) = delete;
+  /// True when it has come to that.
+  bool failed() const;
+};
+
 }  // namespace portsvc
