@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <stdexcept>
 #include <thread>
 
 #include "bench/contender.h"
@@ -34,12 +35,14 @@ const std::array<Figure, 4> exchange_figures{{{"p50", "us", near, Target{1}},
 const std::array<Figure, 2> hand_over_figures{
     {{"p50", "us", near, Target{1}}, {"p99", "us", {}, {}}}};
 
-/// For a slice each client sends one request after the other: the figures.
+/// For a slice each client sends one request after the other: the figures. The first fifth, in
+/// which threads and connections come up, does not count.
 std::vector<double> exchange(Side& side, unsigned int owners, unsigned int clients, Taking taking,
                              std::chrono::milliseconds slice) {
   side.begin_requests(owners, clients, taking);
   std::vector<std::vector<double>> times(clients);
-  const auto start = Clock::now();
+  const auto begin = Clock::now() + slice / 5;
+  const auto end = Clock::now() + slice;
   in_threads(owners + clients, [&](unsigned int thread) {
     if (thread < owners) {
       for (unsigned int left = clients / owners; left != 0;) left -= side.serve(thread) ? 1 : 0;
@@ -48,16 +51,18 @@ std::vector<double> exchange(Side& side, unsigned int owners, unsigned int clien
     const unsigned int client = thread - owners;
     for (bool last = false; !last;) {
       const auto sent = Clock::now();
-      last = sent - start >= slice;
+      last = sent >= end;
       side.request(client, last);
-      times[client].push_back(seconds_since(sent));
+      const auto replied = Clock::now();
+      if (replied < begin || replied >= end) continue;
+      times[client].push_back(std::chrono::duration<double>(replied - sent).count());
     }
   });
-  const double seconds = seconds_since(start);
   std::vector<double> all;
   for (const auto& some : times) all.insert(all.end(), some.begin(), some.end());
+  if (all.empty()) throw std::runtime_error("no reply in a whole slice");
   return {percentile(all, 0.50) * 1e6, percentile(all, 0.99) * 1e6, percentile(all, 0.999) * 1e6,
-          static_cast<double>(all.size()) / seconds};
+          static_cast<double>(all.size()) / std::chrono::duration<double>(end - begin).count()};
 }
 
 /// Seconds from the sending of an event until a consumer that waits for it has it, in a slice.
@@ -136,8 +141,8 @@ void measure_exchanges(const Bench& bench) {
     pinned_and_free(sides, [&](Row row) {
       row.what = what;
       row.connections = clients;
-      const auto medians = compare(sides, rounds, [&](Side& side, const Contender&) {
-        return exchange(side, owners, clients, taking, slice);
+      const auto medians = compare(sides, rounds, [&](Side& side, const Contender& contender) {
+        return exchange(side, owners, clients, taking, contender.paused ? slice * 3 : slice);
       });
       report(bench, exchange_figures, sides, medians, row, targets);
     });

@@ -13,6 +13,8 @@ constexpr CORBA::ULong request_size = 100;
 constexpr CORBA::ULong queue_limit = 1024;  // never the limit
 constexpr unsigned char last_mark = 'q';
 
+std::string port_name(unsigned int owner) { return fmt::format("port{}", owner); }
+
 class PortSide : public Side {
  public:
   explicit PortSide(std::unique_ptr<Server> server, std::unique_ptr<Server> sub = nullptr)
@@ -30,17 +32,18 @@ class PortSide : public Side {
   }
 
   void begin_requests(unsigned int owners, unsigned int clients, Taking taking) override {
+    if (sub_ && !ports_.empty()) return;  // a sub server learns of ports when it starts
     taking_ = taking;
     for (const std::string& port : ports_) require_ok(server()->delete_port(port.c_str()));
     ports_.clear();
     ids_.clear();
     handles_.clear();
-    ++generation_;  // a sub server may still know the old names
     for (unsigned int i = 0; i < owners; ++i) {
-      ports_.push_back(fmt::format("port{}-{}", generation_, i));
+      ports_.push_back(port_name(i));
       require_ok(server()->create_port(ports_.back().c_str(), PORT_MASTER, queue_limit));
-      ids_.push_back(connect_owner(server(), ports_.back(),
-                                   taking == Taking::waiting ? ACCESS_WAIT : ACCESS_SELECT));
+      // A sender that comes between two selections would wait for a take.
+      ids_.push_back(taking == Taking::waiting ? connect_owner(server(), ports_.back())
+                                               : own_and_admit_always(server(), ports_.back()));
     }
     for (unsigned int i = 0; i < clients; ++i) {
       handles_.push_back(connect_client(clients_server(), ports_[i % owners]));
@@ -104,7 +107,6 @@ class PortSide : public Side {
   DATA_BUFFER request_;
   DATA_BUFFER last_;
   Taking taking_ = Taking::waiting;
-  unsigned int generation_ = 0;
   std::vector<std::string> ports_;
   std::vector<CORBA::ULong> ids_;
   std::vector<CORBA::ULong> handles_;
@@ -118,12 +120,10 @@ std::string fresh_name(const std::string& what) {
   return fmt::format("{}{}", what, count++);
 }
 
-std::string name_of(const std::string& waits) { return waits.empty() ? "port_server" : waits; }
-
 }  // namespace
 
 Contender start_product(const Bench& bench, const std::string& waits) {
-  Contender product{name_of(waits), {}, waits != "early"};
+  Contender product{waits, {}, waits != "early"};
   for (unsigned int i = 0; i < (product.paused ? 1U : bench.amount(3U, 1U)); ++i) {
     const std::string name = fresh_name("main");
     product.sides.push_back(std::make_unique<PortSide>(
@@ -135,13 +135,14 @@ Contender start_product(const Bench& bench, const std::string& waits) {
 Contender start_proxy(const Bench& bench, const std::string& waits) {
   const std::string name = fresh_name("main");
   auto main = std::make_unique<Server>(bench, name, main_server(bench, name, waits));
+  require_ok((*main)->create_port(port_name(0).c_str(), PORT_MASTER, queue_limit));
   const std::string directory = bench.folder.path(name + ".ini");
   std::ofstream(directory) << fmt::format("[{}]\nrole = main\nreference = {}\n", name,
                                           main->reference());
   const std::string sub_name = fresh_name("sub");
   auto sub =
       std::make_unique<Server>(bench, sub_name, sub_server(bench, sub_name, name, directory));
-  Contender proxy{name_of(waits) + ", sub server", {}, waits != "early"};
+  Contender proxy{waits + ", sub server", {}, waits != "early"};
   proxy.sides.push_back(std::make_unique<PortSide>(std::move(main), std::move(sub)));
   return proxy;
 }

@@ -52,8 +52,8 @@ class Server {
   Port_Factory_var reference_;
 };
 
-/// How a server may end its waits, for its option --waits; empty for a server without the option.
-constexpr std::array<const char*, 1> server_waits{{""}};
+/// How a server may end its waits, for its option --waits; the one that counts first.
+constexpr std::array<const char*, 2> server_waits{{"early", "paused"}};
 
 /// The command of a main server, with its own way to wait unless one is named.
 std::vector<std::string> main_server(const Bench& bench, const std::string& name,

@@ -16,7 +16,7 @@
 namespace portsvc::bench {
 
 /// Ports and their clients are queues; port ids and handles their numbers. Nobody is refused, no
-/// sender waits, and a selection watches its first port only.
+/// sender waits, and a selection watches one port.
 class WakingServant : public EmptyServant {
  public:
   CORBA::ULong create_port(const char* name, CORBA::ULong, CORBA::ULong limit) override {
@@ -66,6 +66,7 @@ class WakingServant : public EmptyServant {
 
   CORBA::ULong select_event_port(const Handles& handles, CORBA::ULong& ready,
                                  CORBA::ULong timeout) override {
+    if (handles.length() != 1) return result::unknown_handle;
     ready = handles[0];
     Queue& port = queue(ready);
     std::unique_lock<std::mutex> guard(port.lock);
