@@ -8,7 +8,6 @@
 #include <memory>
 #include <stdexcept>
 #include <thread>
-#include <utility>
 
 #include "bench/contender.h"
 #include "bench/sections.h"
@@ -19,19 +18,6 @@ namespace {
 constexpr std::size_t most_pending_bytes = 64U << 20;
 constexpr std::size_t most_batch_bytes = 16U << 20;
 constexpr std::chrono::seconds patience(10);
-
-/// Does something when its scope ends, however that happens.
-template <class Action>
-class ScopeEnd {
- public:
-  explicit ScopeEnd(Action action) : action_(std::move(action)) {}
-  ~ScopeEnd() { action_(); }
-  ScopeEnd(const ScopeEnd&) = delete;
-  ScopeEnd& operator=(const ScopeEnd&) = delete;
-
- private:
-  Action action_;
-};
 
 /// Lets the producers run for the slice and the consumer until it has everything: events a second.
 double transfer_rate(Side& store, std::size_t size, unsigned int producers,
@@ -47,7 +33,6 @@ double transfer_rate(Side& store, std::size_t size, unsigned int producers,
   const auto start = Clock::now();
 
   const auto produce = [&](unsigned int producer) {
-    const ScopeEnd end([&] { --producing; });
     while (Clock::now() - start < slice) {
       if (produced - consumed < static_cast<std::int64_t>(pending)) {
         store.produce(producer);
@@ -56,6 +41,7 @@ double transfer_rate(Side& store, std::size_t size, unsigned int producers,
         std::this_thread::sleep_for(std::chrono::microseconds(200));
       }
     }
+    --producing;
   };
   const auto consume = [&] {
     auto last = start;

@@ -8,7 +8,6 @@
 #include <memory>
 #include <optional>
 #include <random>
-#include <stdexcept>
 #include <thread>
 
 #include "bench/contender.h"
@@ -60,7 +59,7 @@ std::vector<double> exchange(Side& side, unsigned int owners, unsigned int clien
   });
   std::vector<double> all;
   for (const auto& some : times) all.insert(all.end(), some.begin(), some.end());
-  if (all.empty()) throw std::runtime_error("no reply in a whole slice");
+  if (all.empty()) return exchange(side, owners, clients, taking, slice * 2);  // a busy machine
   return {percentile(all, 0.50) * 1e6, percentile(all, 0.99) * 1e6, percentile(all, 0.999) * 1e6,
           static_cast<double>(all.size()) / std::chrono::duration<double>(end - begin).count()};
 }
