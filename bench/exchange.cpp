@@ -146,11 +146,12 @@ void measure_exchanges(const Bench& bench) {
       report(bench, exchange_figures, sides, medians, row, targets);
     });
   };
-  for (const unsigned int pairs : {1U, 8U, 64U}) {
+  const unsigned int many = bench.amount(64U, 8U);
+  for (const unsigned int pairs : {1U, bench.amount(8U, 4U), many}) {
     exchanges("request and reply", all, pairs, pairs, Taking::waiting, true);
   }
-  exchanges("request and reply, one owner", all, 1, 64, Taking::waiting, false);
-  for (const unsigned int pairs : {1U, 8U, 64U}) {
+  exchanges("request and reply, one owner", all, 1, many, Taking::waiting, false);
+  for (const unsigned int pairs : {1U, bench.amount(8U, 4U), many}) {
     exchanges("request and reply, selecting owners", ours, pairs, pairs, Taking::selecting, false);
   }
 
