@@ -1,21 +1,12 @@
 #include "bench/child_process.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -23,15 +14,11 @@
 namespace portsvc::bench {
 namespace {
 
-std::runtime_error system_error(const std::string& what) {
-  return std::runtime_error(fmt::format("{}: {}", what, std::strerror(errno)));
-}
-
 std::string proc_file(pid_t pid, const char* name) { return fmt::format("/proc/{}/{}", pid, name); }
 
 /// A field of /proc/PID/stat, numbered from 1 as in proc(5).
 double stat_field(pid_t pid, int number) {
-  const std::string text = read_text(proc_file(pid, "stat"));
+  const std::string text = read_all(proc_file(pid, "stat"));
   // The second, a name in parentheses, may hold spaces: count from behind it.
   std::istringstream words(text.substr(text.rfind(')') + 1));
   std::string skipped;
@@ -54,73 +41,23 @@ void pin_all_threads(pid_t pid, const cpu_set_t& processors) {
 
 }  // namespace
 
-TemporaryFolder::TemporaryFolder()
-    : path_((std::filesystem::temp_directory_path() / "port_bench.XXXXXX").string()) {
-  if (!::mkdtemp(path_.data())) throw system_error("cannot make a temporary folder");
-}
-
-TemporaryFolder::~TemporaryFolder() { remove(); }
-
-void TemporaryFolder::remove() const {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
-Child::Child(const std::vector<std::string>& command, const std::string& log) : log_(log) {
-  std::vector<char*> arguments;
-  for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
-  arguments.push_back(nullptr);
-  const int output = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (output < 0) throw system_error("cannot write " + log);
-  pid_ = ::fork();
-  if (pid_ == 0) {
-    // Only calls that are safe in the child of a process with threads.
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    sigset_t none;
-    ::sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    ::dup2(output, STDOUT_FILENO);
-    ::dup2(output, STDERR_FILENO);
-    ::execvp(arguments[0], arguments.data());
-    ::_exit(127);
-  }
-  ::close(output);
-  if (pid_ < 0) throw system_error("cannot start " + command.front());
-}
-
-Child::~Child() {
-  ::kill(pid_, SIGKILL);
-  ::waitpid(pid_, nullptr, 0);
-}
-
 void Child::require_alive() const {
-  siginfo_t info{};
-  const bool ended =
-      ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
-      info.si_pid != 0;
-  if (!ended) return;
-  const std::string text = read_text(log_);
+  if (process_.running()) return;
+  const std::string text = process_.out() + process_.err();
   throw std::runtime_error("a server ended: " +
                            text.substr(text.size() > 500 ? text.size() - 500 : 0));
 }
 
-void Child::freeze() const { ::kill(pid_, SIGSTOP); }
+void Child::freeze() const { process_.signal(SIGSTOP); }
 
-void Child::thaw() const { ::kill(pid_, SIGCONT); }
+void Child::thaw() const { process_.signal(SIGCONT); }
 
 double Child::cpu_seconds() const {
-  return (stat_field(pid_, 14) + stat_field(pid_, 15)) /
+  return (stat_field(pid(), 14) + stat_field(pid(), 15)) /
          static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
-unsigned int Child::threads() const { return static_cast<unsigned int>(stat_field(pid_, 20)); }
-
-double Child::resident_bytes() const {
-  std::istringstream words(read_text(proc_file(pid_, "statm")));
-  double pages = 0;
-  words >> pages >> pages;
-  return pages * static_cast<double>(::sysconf(_SC_PAGESIZE));
-}
+unsigned int Child::threads() const { return static_cast<unsigned int>(stat_field(pid(), 20)); }
 
 Pinned::Pinned(const std::vector<const Child*>& children, Places places) {
   ::sched_getaffinity(0, sizeof before_, &before_);
@@ -154,7 +91,7 @@ void end_on_signal(const TemporaryFolder& folder) {
   std::thread([&folder, signals] {
     int signal = 0;
     ::sigwait(&signals, &signal);
-    folder.remove();
+    std::filesystem::remove_all(folder.path());
     ::_exit(130);
   }).detach();
 }
@@ -170,20 +107,6 @@ void wait_until(const std::function<bool()>& done, std::chrono::seconds patience
   }
 }
 
-unsigned int free_port() {
-  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (socket < 0) throw system_error("cannot make a socket");
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  const bool bound = ::bind(socket, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
-                     ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) == 0;
-  ::close(socket);
-  if (!bound) throw system_error("cannot find a free port");
-  return ntohs(address.sin_port);
-}
-
 bool is_installed(const std::string& program) {
   const char* const path = std::getenv("PATH");
   std::istringstream folders(path ? path : "");
@@ -191,11 +114,6 @@ bool is_installed(const std::string& program) {
     if (::access((folder + "/" + program).c_str(), X_OK) == 0) return true;
   }
   return false;
-}
-
-std::string read_text(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 void allow_many_connections() {

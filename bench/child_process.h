@@ -1,46 +1,28 @@
 // The processes that a benchmark starts, and what it may do to them: pin, freeze, read their use of
-// processor and memory. They end with the benchmark, whatever becomes of it.
+// the processor. They end with the benchmark, whatever becomes of it.
 #pragma once
 
 #include <sched.h>
-#include <sys/types.h>
 
 #include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "tests/support/folder.h"
+#include "tests/system/process.h"
+
 namespace portsvc::bench {
 
-/// A folder for one run, removed with all its content by the destructor.
-class TemporaryFolder {
- public:
-  TemporaryFolder();
-  ~TemporaryFolder();
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-  /// What the destructor does.
-  void remove() const;
-
- private:
-  std::string path_;
-};
-
-/// A process started by this one. The destructor kills it and waits for it; the kernel does so when
-/// this process dies first. Start them from the main thread.
+/// A process started by this one. Start them from the main thread.
 class Child {
  public:
-  /// Runs `command` (looked up in PATH) with both outputs in the file `log`. Throws when it cannot
-  /// be started at all; a command that does not exist ends the child with 127.
-  Child(const std::vector<std::string>& command, const std::string& log);
-  ~Child();
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
+  /// Runs `command` (looked up in PATH) with its outputs in `files`.out and `files`.err.
+  Child(const std::vector<std::string>& command, const std::string& files)
+      : process_(command, files) {}
 
-  pid_t pid() const { return pid_; }
-  /// Throws, with the log's last lines, when the child has ended.
+  pid_t pid() const { return process_.pid(); }
+  /// Throws, with what it said last, when the child has ended.
   void require_alive() const;
 
   /// Stops every thread of it, and lets them go on.
@@ -49,13 +31,10 @@ class Child {
 
   /// Processor time used so far, user and system, all threads.
   double cpu_seconds() const;
-  /// Resident memory in bytes.
-  double resident_bytes() const;
   unsigned int threads() const;
 
  private:
-  const std::string log_;
-  pid_t pid_;
+  mutable Process process_;  // notes the end when it is asked
 };
 
 /// While it lives, this process and the children run on one and the same processor, or this process
@@ -85,14 +64,8 @@ void end_on_signal(const TemporaryFolder& folder);
 void wait_until(const std::function<bool()>& done, std::chrono::seconds patience,
                 const std::string& what);
 
-/// A TCP port on the loopback that was free a moment ago.
-unsigned int free_port();
-
 /// True when a program of that name is in PATH.
 bool is_installed(const std::string& program);
-
-/// The content of a file, empty when there is none.
-std::string read_text(const std::string& path);
 
 /// As many open files, and so connections, as the system allows this process.
 void allow_many_connections();

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "bench/sections.h"
-#include "tests/empty_servant.h"
+#include "bench/waking_servant.h"
 
 namespace portsvc::bench {
 namespace {
@@ -44,18 +44,22 @@ void announce(const std::string& path, const std::string& text) {
   }
 }
 
-}  // namespace
-
-int serve_empty(const std::string& ior_file) {
+[[noreturn]] void serve(EmptyServant* servant, const std::string& ior_file) {
   allow_many_connections();
   orb::Options options;
   options.endpoint = "giop:tcp:127.0.0.1:0";
   orb::Broker broker(options);
-  const PortableServer::Servant_var<SizedServant> servant(new SizedServant);
-  const Port_Factory_var reference = broker.serve(servant.in());
+  const PortableServer::Servant_var<EmptyServant> owned(servant);
+  const Port_Factory_var reference = broker.serve(servant);
   announce(ior_file, broker.to_text(reference.in()));
   for (;;) ::pause();
 }
+
+}  // namespace
+
+int serve_empty(const std::string& ior_file) { serve(new SizedServant, ior_file); }
+
+int serve_waking(const std::string& ior_file) { serve(new WakingServant, ior_file); }
 
 int hold_callers(const std::string& reference, const std::vector<unsigned int>& ids) {
   allow_many_connections();

@@ -8,10 +8,11 @@
 //   --json         the rows as JSON, at the end
 //   --server PATH  the port_server to measure; default: the one beside this program
 //
-// It starts the servers it needs itself: port_server, an empty servant of the same interface (this
-// program in another process), redis-server, an omniEvents channel. They listen on free ports of
-// the loopback, keep their files in a temporary folder, and are killed when they are no longer
-// needed, or when this program ends in whatever way. A store that is not installed is said to be.
+// It starts the servers it needs itself: port_server, an empty servant of the same interface and
+// one that keeps and wakes by condition variable (both this program in another process),
+// redis-server, nats-server. They listen on free ports of the loopback, keep their files in a
+// temporary folder, and are killed when they are no longer needed, or when this program ends in
+// whatever way. One that is not installed has no rows.
 //
 // How to read it: what is compared is measured in one run, in slices that alternate, and the
 // medians of the slices stand in `reference` (what is named under `against`) and `value`; `ratio`
@@ -28,6 +29,11 @@
 // this one keep the memory they free, as port_server does. Both sides are three processes whose
 // slices count together: where the memory of one happens to lie stays with it. Calls that a
 // measured one needs beforehand, such as the filling of a box, are made to both and not timed.
+//
+// `condition variable` is the smallest servant that does what is measured, the broker's own limit
+// for it: its queues take the call's octets over, and nobody waits to be admitted. It, too, is
+// three processes. A request is two calls by its client and two by its owner (three when it
+// selects): RPUSH and BLPOP with Redis, a message each way with NATS.
 #include <fmt/format.h>
 #include <signal.h>
 
@@ -53,10 +59,10 @@ struct Section {
 constexpr Section sections[] = {
     {"limit", measure_against_empty_servant},
     {"stores", measure_event_stores},
+    {"keeping", measure_keeping},
     {"growth", measure_growth},
-    {"numbers", measure_large_numbers},
     {"blocked", measure_blocked_callers},
-    {"exchange", measure_request_and_reply},
+    {"exchange", measure_exchanges},
     {"subs", measure_sub_servers},
 };
 
@@ -65,9 +71,7 @@ int run(const std::string& server, bool quick, bool json, const std::vector<std:
   const TemporaryFolder folder;
   end_on_signal(folder);
   Table table(json);
-  orb::Options options;
-  options.endpoint = "giop:tcp:127.0.0.1:0";  // an event channel calls its consumer
-  const orb::Broker broker(options);
+  const orb::Broker broker(orb::Options{});
   const Effort effort =
       quick ? Effort{3, std::chrono::milliseconds(15)} : Effort{25, std::chrono::milliseconds(25)};
   const Bench bench{server, quick, effort, broker, folder, table};
@@ -109,6 +113,8 @@ int main(int argc, char** argv) {
   std::vector<unsigned int> ids;
   CLI::App* const empty = app.add_subcommand("empty-server")->group("");
   empty->add_option("--ior-file", file)->required();
+  CLI::App* const waking = app.add_subcommand("waking-server")->group("");
+  waking->add_option("--ior-file", file)->required();
   CLI::App* const callers = app.add_subcommand("blocked-callers")->group("");
   callers->add_option("reference", reference)->required();
   callers->add_option("ids", ids)->required();
@@ -120,6 +126,7 @@ int main(int argc, char** argv) {
   portsvc::keep_freed_memory();
   try {
     if (*empty) return serve_empty(file);
+    if (*waking) return serve_waking(file);
     if (*callers) return hold_callers(reference, ids);
     if (*bare) return run_bare_threads(count);
     if (list) {

@@ -9,20 +9,22 @@ namespace portsvc::bench {
 void measure_against_empty_servant(const Bench& bench);
 /// Events from producers to a consumer, beside other stores that do the same.
 void measure_event_stores(const Bench& bench);
-/// Operations beside many ports and many client handles; ports, events and memory in large numbers.
+/// Events sent into a box that keeps them, and taken from it.
+void measure_keeping(const Bench& bench);
+/// Operations beside many ports and many client handles.
 void measure_growth(const Bench& bench);
-void measure_large_numbers(const Bench& bench);
 /// The cost of blocked callers, to the server and to others.
 void measure_blocked_callers(const Bench& bench);
-/// How long after it could end each wait of a request and its reply ends.
-void measure_request_and_reply(const Bench& bench);
-/// Requests through a sub server, cloning, and copies of events to sub servers.
+/// Requests and replies, and events handed to a waiting consumer, beside other ways to wait.
+void measure_exchanges(const Bench& bench);
+/// Cloning, and copies of events to sub servers.
 void measure_sub_servers(const Bench& bench);
 
 // What this program does in processes of its own. They serve until they are killed.
 
-/// Writes the reference of an empty servant to `ior_file`.
+/// Serves an empty servant, or the waking servant, and writes its reference to `ior_file`.
 int serve_empty(const std::string& ior_file);
+int serve_waking(const std::string& ior_file);
 /// Makes one blocked call for each of the port ids, all at once: its owner takes a packet that
 /// never comes.
 int hold_callers(const std::string& reference, const std::vector<unsigned int>& ids);

@@ -18,7 +18,7 @@ std::vector<std::string> with_ior_file(std::vector<std::string> command, const s
 std::vector<std::string> server_command(const Bench& bench, const std::string& role,
                                         const std::string& name) {
   return {bench.port_server, role,         "--name",      name,
-          "--endpoint",      any_endpoint, "--state-dir", bench.folder.file(name)};
+          "--endpoint",      any_endpoint, "--state-dir", bench.folder.path(name + ".state")};
 }
 
 CORBA::ULong connect(Port_Factory_ptr server, const std::string& port, CORBA::ULong mode,
@@ -32,12 +32,12 @@ CORBA::ULong connect(Port_Factory_ptr server, const std::string& port, CORBA::UL
 }  // namespace
 
 Server::Server(const Bench& bench, const std::string& name, std::vector<std::string> command)
-    : ior_file_(bench.folder.file(name + ".ior")),
-      process_(with_ior_file(std::move(command), ior_file_), bench.folder.file(name + ".log")) {
+    : ior_file_(bench.folder.path(name + ".ior")),
+      process_(with_ior_file(std::move(command), ior_file_), bench.folder.path(name)) {
   wait_until(
       [&] {
         process_.require_alive();
-        return !read_text(ior_file_).empty();
+        return !read_all(ior_file_).empty();
       },
       std::chrono::seconds(60), name + " starts");
   const CORBA::Object_var object = bench.broker.from_text(reference());
@@ -46,13 +46,16 @@ Server::Server(const Bench& bench, const std::string& name, std::vector<std::str
 }
 
 std::string Server::reference() const {
-  std::string text = read_text(ior_file_);
+  std::string text = read_all(ior_file_);
   text.erase(text.find_last_not_of('\n') + 1);
   return text;
 }
 
-std::vector<std::string> main_server(const Bench& bench, const std::string& name) {
-  return server_command(bench, "main", name);
+std::vector<std::string> main_server(const Bench& bench, const std::string& name,
+                                     const std::string& waits) {
+  std::vector<std::string> command = server_command(bench, "main", name);
+  if (!waits.empty()) command.insert(command.end(), {"--waits", waits});
+  return command;
 }
 
 std::vector<std::string> sub_server(const Bench& bench, const std::string& name,
@@ -63,6 +66,8 @@ std::vector<std::string> sub_server(const Bench& bench, const std::string& name,
 }
 
 std::vector<std::string> empty_server() { return {own_path(), "empty-server"}; }
+
+std::vector<std::string> waking_server() { return {own_path(), "waking-server"}; }
 
 std::string own_path() { return "/proc/self/exe"; }
 

@@ -2,6 +2,7 @@
 // starts.
 #pragma once
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -51,14 +52,20 @@ class Server {
   Port_Factory_var reference_;
 };
 
-/// The command of a main server.
-std::vector<std::string> main_server(const Bench& bench, const std::string& name);
+/// How a server may end its waits, for its option --waits; the one that counts first.
+constexpr std::array<const char*, 2> server_waits{{"early", "paused"}};
+
+/// The command of a main server, with its own way to wait unless one is named.
+std::vector<std::string> main_server(const Bench& bench, const std::string& name,
+                                     const std::string& waits = "");
 /// The command of a sub server that finds its main server in a directory file.
 std::vector<std::string> sub_server(const Bench& bench, const std::string& name,
                                     const std::string& main, const std::string& directory);
 /// The command of a server whose servant does nothing. Its handles mean sizes: packet_receive_n
 /// answers `count` payloads of `id` bytes each, packet_replay_wait one of `handle` bytes.
 std::vector<std::string> empty_server();
+/// The command of a server of the waking servant.
+std::vector<std::string> waking_server();
 /// This program, for the roles it plays in other processes.
 std::string own_path();
 

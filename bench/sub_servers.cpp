@@ -1,5 +1,4 @@
-// Sub servers: requests that pass through one, the cloning of a main server's ports, and the copies
-// of a main server's events.
+// Sub servers: the cloning of a main server's ports, and the copies of a main server's events.
 #include <fmt/format.h>
 
 #include <fstream>
@@ -22,7 +21,7 @@ constexpr std::size_t payload_size = 100;
 /// A directory file with one entry per server.
 class DirectoryFile {
  public:
-  DirectoryFile(const Bench& bench, const std::string& name) : path_(bench.folder.file(name)) {}
+  DirectoryFile(const Bench& bench, const std::string& name) : path_(bench.folder.path(name)) {}
 
   void add(const std::string& server, const char* role, const std::string& reference) {
     std::ofstream(path_, std::ios::app)
@@ -45,66 +44,6 @@ class UseOfDirectory {
   UseOfDirectory& operator=(const UseOfDirectory&) = delete;
 };
 
-/// Request and reply by a client, without any wait: the owner, on the main server, is served
-/// between the timed calls.
-class Exchange {
- public:
-  Exchange(Port_Factory_ptr main, const std::string& port, CORBA::ULong owner, Port_Factory_ptr way)
-      : main_(main), owner_(owner), way_(way), client_(connect_client(way, port)) {}
-
-  /// Seconds that the client's two calls took.
-  double run(const DATA_BUFFER& data) const {
-    auto start = Clock::now();
-    require_ok(way_->packet_foward(client_, data, 1));
-    double seconds = seconds_since(start);
-    CORBA::ULong source = 0;
-    Varo::DATA_BUFFER_var packet;
-    require_ok(main_->packet_receive(owner_, source, packet.out(), 1));
-    require_ok(main_->packet_replay(source, packet.in(), 0));
-    Varo::DATA_BUFFER_var reply;
-    start = Clock::now();
-    require_ok(way_->packet_replay_wait(client_, reply.out(), 1));
-    return seconds + seconds_since(start);
-  }
-
- private:
-  const Port_Factory_ptr main_;  // not owned, nor way_
-  const CORBA::ULong owner_;
-  const Port_Factory_ptr way_;
-  const CORBA::ULong client_;
-};
-
-void measure_proxied_requests(const Bench& bench) {
-  const Server main(bench, "main", main_server(bench, "main"));
-  require_ok(main->create_port("p", PORT_MASTER, 8));
-  DirectoryFile directory(bench, "proxied.ini");
-  directory.add("main", role_main, main.reference());
-  const Server sub(bench, "sub", sub_server(bench, "sub", "main", directory.path()));
-  const CORBA::ULong owner = own_and_admit_always(main.get(), "p");
-  const Exchange direct(main.get(), "p", owner, main.get());
-  const Exchange proxied(main.get(), "p", owner, sub.get());
-
-  const Pinned pinned({&main.process(), &sub.process()});
-  const DATA_BUFFER data = payload(payload_size);
-  std::vector<double> direct_times;
-  std::vector<double> proxied_times;
-  for (unsigned int i = 0; i < bench.amount(5000U, 500U); ++i) {
-    direct_times.push_back(direct.run(data));
-    proxied_times.push_back(proxied.run(data));
-  }
-  Row row;
-  row.what = "request and reply through a sub server";
-  row.payload = size_text(payload_size);
-  row.connections = 1;
-  row.processors = pinned.processors();
-  row.against = "to the main server";
-  row.reference = median(direct_times) * 1e6;
-  row.value = median(proxied_times) * 1e6;
-  row.unit = "us";
-  row.note = "6 calls against 2";
-  bench.table.add(row);
-}
-
 void measure_cloning(const Bench& bench) {
   const unsigned int ports = 10000;
   const Server main(bench, "cloned", main_server(bench, "cloned"));
@@ -115,7 +54,7 @@ void measure_cloning(const Bench& bench) {
   DirectoryFile file(bench, "cloned.ini");
   file.add("main", role_main, main.reference());
   const UseOfDirectory use(bench, file);
-  set_state_folder(bench.folder.file("state"));
+  set_state_folder(bench.folder.path("state"));
 
   const Pinned pinned({&main.process(), &empty.process()});
   const Work empty_call{{}, [&](unsigned int) {
@@ -177,7 +116,7 @@ double copy_rate(const Bench& bench, unsigned int count, double& empty_seconds) 
     processes.push_back(&subs.back()->process());
   }
   const UseOfDirectory use(bench, file);
-  set_state_folder(bench.folder.file("state"));
+  set_state_folder(bench.folder.path("state"));
   const PortableServer::Servant_var<Copier> servant(new Copier);
 
   const auto arrived = [&] {
@@ -235,7 +174,6 @@ void measure_copies(const Bench& bench) {
 }  // namespace
 
 void measure_sub_servers(const Bench& bench) {
-  measure_proxied_requests(bench);
   measure_cloning(bench);
   measure_copies(bench);
 }

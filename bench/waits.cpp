@@ -1,19 +1,12 @@
-// The waits: what blocked callers cost the server and everybody else, and how soon each wait of a
-// request and its reply ends.
+// What blocked callers cost the server and everybody else.
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <array>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "bench/sections.h"
-#include "platform/wait.h"
 
 namespace portsvc::bench {
 namespace {
@@ -23,10 +16,11 @@ constexpr unsigned int compared_callers = 1000;
 /// A server with a number of callers that are blocked in it, frozen whenever it is not measured.
 class Waited {
  public:
-  Waited(const Bench& bench, unsigned int callers)
-      : callers_(callers),
-        server_(bench, fmt::format("waited{}", callers),
-                main_server(bench, fmt::format("waited{}", callers))) {
+  Waited(const Bench& bench, const std::string& waits, unsigned int callers)
+      : waits_(waits),
+        callers_(callers),
+        server_(bench, fmt::format("waited{}{}", waits, callers),
+                main_server(bench, fmt::format("waited{}{}", waits, callers), waits)) {
     require_ok(server_->create_port("free", PORT_MASTER, 8));
     if (callers != 0) {
       std::vector<std::string> command{own_path(), "blocked-callers", server_.reference()};
@@ -35,8 +29,8 @@ class Waited {
         require_ok(server_->create_port(port.c_str(), PORT_MASTER, 8));
         command.push_back(std::to_string(connect_owner(server_.get(), port)));
       }
-      holder_ = std::make_unique<Child>(command,
-                                        bench.folder.file(fmt::format("callers{}.log", callers)));
+      holder_ = std::make_unique<Child>(
+          command, bench.folder.path(fmt::format("callers{}{}", waits, callers)));
       // A blocked call holds a thread of the server.
       wait_until(
           [&] {
@@ -58,6 +52,7 @@ class Waited {
     if (holder_) holder_->thaw();
   }
 
+  const std::string& waits() const { return waits_; }
   unsigned int callers() const { return callers_; }
   const Server& server() const { return server_; }
 
@@ -66,6 +61,7 @@ class Waited {
   std::vector<double> p99;
 
  private:
+  const std::string waits_;
   const unsigned int callers_;
   const Server server_;
   std::unique_ptr<Child> holder_;
@@ -92,40 +88,24 @@ void measure_another_client(Waited& waited, std::chrono::milliseconds period) {
   waited.p99.push_back(percentile(times, 0.99));
 }
 
-/// Hands the number of the exchange from the client to the owner, and back.
-class Turn {
- public:
-  void pass() {
-    const std::lock_guard<std::mutex> guard(lock_);
-    ++turn_;
-    changed_.notify_all();
-  }
-  void await(unsigned int turn) {
-    std::unique_lock<std::mutex> guard(lock_);
-    changed_.wait(guard, [&] { return turn_ >= turn; });
-  }
-
- private:
-  std::mutex lock_;  ///< guards turn_
-  std::condition_variable changed_;
-  unsigned int turn_ = 0;
-};
-
 }  // namespace
 
 void measure_blocked_callers(const Bench& bench) {
   std::vector<std::unique_ptr<Waited>> crowds;
-  for (const unsigned int callers : {0U, 100U, compared_callers, 3000U}) {
-    crowds.push_back(std::make_unique<Waited>(bench, callers));
+  for (const char* const waits : server_waits) {
+    for (const unsigned int callers : {0U, compared_callers, 10 * compared_callers}) {
+      if (bench.quick && callers > compared_callers) continue;
+      crowds.push_back(std::make_unique<Waited>(bench, waits, callers));
+    }
   }
   const Child bare({own_path(), "bare-threads", std::to_string(compared_callers)},
-                   bench.folder.file("bare.log"));
+                   bench.folder.path("bare"));
   wait_until([&] { return bare.threads() > compared_callers; }, std::chrono::seconds(20),
              "the bare threads start");
   bare.freeze();
 
   const auto period = std::chrono::milliseconds(bench.amount(1500, 500));
-  constexpr std::chrono::milliseconds settling(200);
+  constexpr std::chrono::milliseconds settling(500);
   std::vector<double> bare_cores;
   for (unsigned int round = 0; round < bench.amount(5U, 1U); ++round) {
     for (const auto& crowd : crowds) {
@@ -141,129 +121,42 @@ void measure_blocked_callers(const Bench& bench) {
     bare.freeze();
   }
 
+  const Waited* alone = nullptr;
+  const Waited* compared = nullptr;
   for (const auto& crowd : crowds) {
+    if (crowd->callers() == 0) alone = crowd.get();
+    if (crowd->callers() == compared_callers) compared = crowd.get();
+    const std::string callers = fmt::format("{} blocked callers", crowd->callers());
     Row row;
-    row.what = fmt::format("processors used for {} blocked callers", crowd->callers());
+    row.note = crowd->waits();
+    row.what = "processors used for " + callers;
     row.value = median(crowd->cores);
     row.unit = "cores";
-    if (crowd->callers() == compared_callers) {
+    if (crowd.get() == compared) {
       row.against = "1000 bare threads";
       row.reference = median(bare_cores);
-      row.target = Target{1.3};
+      row.target = Target{0.12};
+    } else if (crowd.get() != alone) {
+      row.against = "1000 blocked callers";
+      row.reference = median(compared->cores);
+      row.target = Target{10};
     }
     bench.table.add(row);
-  }
-  const auto report = [&](const char* rank, std::vector<double> Waited::*times) {
-    const double alone = median(crowds.front().get()->*times) * 1e6;
-    for (const auto& crowd : crowds) {
-      Row row;
-      row.what = fmt::format("exist beside {} blocked callers, {}", crowd->callers(), rank);
-      row.connections = 1;
+    if (crowd.get() == alone) continue;
+    row.connections = 1;
+    row.unit = "us";
+    row.against = "beside none";
+    const auto beside = [&](const char* rank, std::vector<double> Waited::*times) {
+      row.what = fmt::format("exist beside {}, {}", callers, rank);
+      row.reference = median(alone->*times) * 1e6;
       row.value = median(crowd.get()->*times) * 1e6;
-      row.unit = "us";
-      if (crowd->callers() != 0) {
-        row.against = "beside none";
-        row.reference = alone;
-      }
-      if (crowd->callers() == compared_callers && times == &Waited::p99) row.target = Target{3};
       bench.table.add(row);
-    }
-  };
-  report("p50", &Waited::p50);
-  report("p99", &Waited::p99);
-}
-
-void measure_request_and_reply(const Bench& bench) {
-  const Server server(bench, "exchange", main_server(bench, "exchange"));
-  require_ok(server->create_port("p", PORT_MASTER, 8));
-  const CORBA::ULong id = connect_owner(server.get(), "p");
-  const CORBA::ULong client = connect_client(server.get(), "p");
-  const DATA_BUFFER data = payload(100);
-  const unsigned int exchanges = bench.amount(400U, 40U);
-
-  // What happened when, in the exchange under way. The client reads the owner's times after its
-  // turn.
-  Clock::time_point take_began;
-  Clock::time_point taken;
-  Clock::time_point replied;
-  Turn owner_turn;
-  Turn client_turn;
-  std::vector<double> whole;
-  std::vector<double> take;
-  std::vector<double> reply;
-  std::vector<double> admission;
-
-  in_threads(2, [&](unsigned int thread) {
-    if (thread == 0) {
-      for (unsigned int i = 1; i <= exchanges; ++i) {
-        owner_turn.await(i);
-        CORBA::ULong source = 0;
-        Varo::DATA_BUFFER_var packet;
-        take_began = Clock::now();
-        require_ok(server->packet_receive(id, source, packet.out(), 30));
-        taken = Clock::now();
-        require_ok(server->packet_replay(source, data, 0));
-        replied = Clock::now();
-        client_turn.pass();
-      }
-      return;
-    }
-    std::mt19937 random(1);
-    // Microseconds: any moment of two pauses, once the other's call has certainly begun.
-    std::uniform_int_distribution<int> phase(2000, 22000);
-    for (unsigned int i = 1; i <= exchanges; ++i) {
-      // Sometimes the owner takes first and sometimes the client sends first, at any moment of the
-      // other's pause.
-      const bool owner_first = i % 2 == 0;
-      if (owner_first) {
-        owner_turn.pass();
-        std::this_thread::sleep_for(std::chrono::microseconds(phase(random)));
-      }
-      std::thread late_owner;
-      if (!owner_first) {
-        late_owner = std::thread([&, delay = phase(random)] {
-          std::this_thread::sleep_for(std::chrono::microseconds(delay));
-          owner_turn.pass();
-        });
-      }
-      const auto sent = Clock::now();
-      require_ok(server->packet_foward(client, data, 30));
-      const auto admitted = Clock::now();
-      Varo::DATA_BUFFER_var answer;
-      require_ok(server->packet_replay_wait(client, answer.out(), 30));
-      const auto end = Clock::now();
-      if (late_owner.joinable()) late_owner.join();
-      client_turn.await(i);
-
-      const auto milliseconds = [](Clock::duration time) {
-        return std::chrono::duration<double, std::milli>(time).count();
-      };
-      if (owner_first) whole.push_back(milliseconds(end - sent));
-      admission.push_back(milliseconds(admitted - std::max(sent, take_began)));
-      take.push_back(milliseconds(taken - admitted));
-      reply.push_back(milliseconds(end - std::max(replied, admitted)));
-    }
-  });
-
-  const double pause = polling_pause.msec();
-  const auto report = [&](const std::string& what, std::vector<double>& times, double pauses) {
-    for (const auto& [rank, name] : {std::pair{0.50, "p50"}, std::pair{0.99, "p99"}}) {
-      Row row;
-      row.what = what + ", " + name;
-      row.payload = size_text(data.length());
-      row.connections = 2;
-      row.against = pauses == 1 ? "one pause" : fmt::format("{} pauses", pauses);
-      row.reference = pause * pauses;
-      row.value = percentile(times, rank);
-      row.unit = "ms";
-      if (rank > 0.9) row.target = Target{1.1};
-      bench.table.add(row);
-    }
-  };
-  report("packet_foward ends after the owner takes", admission, 1);
-  report("packet_receive ends after the packet is in", take, 1);
-  report("packet_replay_wait ends after the reply is in", reply, 1);
-  report("request and reply to a taking owner", whole, 2);
+    };
+    row.target.reset();
+    beside("p50", &Waited::p50);
+    if (crowd.get() == compared) row.target = Target{2};
+    beside("p99", &Waited::p99);
+  }
 }
 
 }  // namespace portsvc::bench

@@ -23,6 +23,7 @@ class Process {
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
+  pid_t pid() const { return pid_; }
   void signal(int number) const;
   /// SIGKILL, and waits until the process is gone.
   void kill();
