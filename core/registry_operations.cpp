@@ -118,10 +118,13 @@ CORBA::ULong Port_Factory_i::current_connection(Varo::DT_PORT_SVC::ConnectionSeq
 void Port_Factory_i::clearAll() {
   Port_Registry::Ports ports;  // let go after the locks, like the table
   Event_Table events;
-  ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, registry_lock_);
-  ports = registry_.take_all();
-  ACE_WRITE_GUARD(ACE_RW_Thread_Mutex, event_guard, event_lock_);
-  std::swap(events, events_);
+  {
+    ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, registry_lock_);
+    ports = registry_.take_all();
+    ACE_WRITE_GUARD(ACE_RW_Thread_Mutex, event_guard, event_lock_);
+    std::swap(events, events_);
+  }
+  for (const auto& entry : ports) entry.second.port->wake_everybody();
 }
 
 CORBA::ULong Port_Factory_i::patch_object_name(Varo::STRING_LIST_out ports,
