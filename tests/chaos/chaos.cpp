@@ -367,7 +367,7 @@ class Hand {
   void act() {
     Server& server = *servers[pick(server_count)];
     const Server::Disturbance disturbance(server);
-    switch (pick(8)) {
+    switch (pick(9)) {
       case 0:
         count("kills");
         server.process().kill();
@@ -397,6 +397,9 @@ class Hand {
       case 6:
         hold_connections(server);
         break;
+      case 7:
+        read_nothing(server);
+        break;
       default:
         fill_disk();
     }
@@ -421,6 +424,17 @@ class Hand {
     count("idle connections", 2000);
     std::vector<std::unique_ptr<RawConnection>> idle;
     for (int i = 0; i < 2000; ++i) idle.push_back(std::make_unique<RawConnection>(server.port()));
+    std::this_thread::sleep_for(std::chrono::milliseconds(pick(1000)));
+  }
+  void read_nothing(Server& server) {
+    count("slow readers", 20);
+    std::string requests;
+    for (int i = 0; i < 500; ++i) requests += request("patch_object_name", {});
+    std::vector<std::unique_ptr<RawConnection>> slow;
+    for (int i = 0; i < 20; ++i) {
+      slow.push_back(std::make_unique<RawConnection>(server.port()));
+      slow.back()->send(requests);
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(pick(1000)));
   }
   void fill_disk() {

@@ -18,6 +18,7 @@
 #include <thread>
 #include <utility>
 
+#include "idl/port_codes.h"
 #include "tests/support/folder.h"
 
 namespace fs = std::filesystem;
@@ -130,6 +131,28 @@ int free_port() {
     if (bound == 0) return port;
   }
   throw std::runtime_error("there is no free port");
+}
+
+std::string request(const std::string& operation, const std::vector<unsigned int>& arguments) {
+  std::string body;
+  const auto number = [&](unsigned int value) {
+    body.append((4 - body.size() % 4) % 4, '\0');
+    body.append(reinterpret_cast<const char*>(&value), 4);
+  };
+  const auto octets = [&](const std::string& text) {
+    number(static_cast<unsigned int>(text.size()));
+    body += text;
+  };
+  number(0);  // no service contexts
+  number(1);  // the request's number
+  body += '\1';
+  octets(object_key);
+  octets(operation + '\0');
+  octets("");
+  for (const unsigned int argument : arguments) number(argument);
+  const auto size = static_cast<unsigned int>(body.size());
+  return std::string("GIOP\1\0\1\0", 8) + std::string(reinterpret_cast<const char*>(&size), 4) +
+         body;
 }
 
 RawConnection::RawConnection(int port) : socket_(new_socket()) {

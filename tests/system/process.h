@@ -50,6 +50,9 @@ class Process {
 /// connections: it stays free while its server is down.
 int free_port();
 
+/// A request to the port service as bytes: an operation whose in arguments are numbers.
+std::string request(const std::string& operation, const std::vector<unsigned int>& arguments);
+
 /// A TCP connection to the loopback, for what is no client of the broker.
 class RawConnection {
  public:

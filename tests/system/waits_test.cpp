@@ -49,30 +49,6 @@ TEST_P(Waits, ADeadCallerSwallowsNothing) {
   }
 }
 
-// A call of packet_receive without a limit, as bytes.
-std::string endless_take(unsigned int id) {
-  std::string body;
-  const auto number = [&](unsigned int value) {
-    body.append((4 - body.size() % 4) % 4, '\0');
-    body.append(reinterpret_cast<const char*>(&value), 4);
-  };
-  const auto octets = [&](const std::string& text) {
-    number(static_cast<unsigned int>(text.size()));
-    body += text;
-  };
-  number(0);  // no service contexts
-  number(1);  // the request's number
-  body += '\1';
-  octets(object_key);
-  octets(std::string("packet_receive") + '\0');
-  octets("");
-  number(id);
-  number(0);
-  const std::string header("GIOP\1\0\1\0", 8);
-  const auto size = static_cast<unsigned int>(body.size());
-  return header + std::string(reinterpret_cast<const char*>(&size), 4) + body;
-}
-
 // Nothing comes for them, so the server has to find out by itself.
 TEST_P(Waits, DeadCallersGiveTheirConnectionsBack) {
   const Port_Factory_var main = server("main");
@@ -83,7 +59,7 @@ TEST_P(Waits, DeadCallersGiveTheirConnectionsBack) {
   std::vector<std::unique_ptr<RawConnection>> callers;
   for (int i = 0; i < 20; ++i) {
     callers.push_back(std::make_unique<RawConnection>(port("main")));
-    callers.back()->send(endless_take(id));
+    callers.back()->send(request("packet_receive", {id, 0}));
   }
   EXPECT_FALSE(callers.back()->closed_by_peer(1500ms)) << "while they are there they wait";
   callers.clear();
