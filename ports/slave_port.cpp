@@ -345,11 +345,15 @@ unsigned int vrSlave_Port::replay_wait(unsigned int handle, vrBuffer& data, unsi
   if (CORBA::is_nil(peer.in())) return result::no_peer;
   std::uint64_t life = 0;
   unsigned int remote = 0;
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
+    life = life_;
+    remote = take_remote_handle(handle);
+  }
   try {
-    life = life_of(peer.in());
-    {
-      ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
-      if (life == life_) remote = take_remote_handle(handle);
+    if (const std::uint64_t now = life_of(peer.in()); now != life) {
+      life = now;
+      remote = 0;
     }
     DATA_BUFFER_var bytes;
     const unsigned int answer =

@@ -48,9 +48,9 @@ std::uint64_t Main_Life::of(Port_Factory_ptr peer, bool certainly) {
   const std::uint64_t connections = orb::connections_opened(peer);
   {
     const std::lock_guard<std::mutex> guard(lock_);
-    const bool asked = CORBA::is_nil(peer_.in()) ? connections == 0
-                                                 : connections == connections_ &&
-                                                       peer->_is_equivalent(peer_.in());
+    const bool asked = CORBA::is_nil(peer_.in())
+                           ? connections == 0
+                           : connections == connections_ && peer->_is_equivalent(peer_.in());
     if (asked && !certainly) return number_;
   }
   const std::string mark = ask(peer, self_);

@@ -62,9 +62,9 @@ class Port_Factory_Sub::Exchange {
  public:
   explicit Exchange(ACE_Recursive_Thread_Mutex& lock) : lock_(lock) {
     if (under_way) return;
-    ACE_Time_Value until =
-        ACE_OS::gettimeofday() + ACE_Time_Value(std::chrono::duration_cast<std::chrono::microseconds>(
-                                     orb::peer_call_timeout()));
+    ACE_Time_Value until = ACE_OS::gettimeofday() +
+                           ACE_Time_Value(std::chrono::duration_cast<std::chrono::microseconds>(
+                               orb::peer_call_timeout()));
     begun_ = under_way = lock_.acquire(until) == 0;
   }
   ~Exchange() {
@@ -78,8 +78,8 @@ class Port_Factory_Sub::Exchange {
   bool begun() const { return begun_; }
   steady_clock::duration lasts() const { return steady_clock::now() - start_; }
   std::chrono::milliseconds time_left() const {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        orb::peer_call_timeout() - lasts());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(orb::peer_call_timeout() - lasts());
     return std::max(left, std::chrono::milliseconds(1));
   }
 

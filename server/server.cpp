@@ -164,8 +164,8 @@ Servant_var<Port_Factory_i> make_servant(const Options& options, const orb::Brok
   return Servant_var<Port_Factory_i>(sub);
 }
 
-void refuse_itself_as_main(const Options& options,
-                           const UseOfDirectory& use, CORBA::Object_ptr self) {
+void refuse_itself_as_main(const Options& options, const UseOfDirectory& use,
+                           CORBA::Object_ptr self) {
   if (!use.directory()) return;
   const CORBA::Object_var main = use.directory()->resolve(options.main_server, options.realm);
   if (CORBA::is_nil(main.in()) || !main->_is_equivalent(self)) return;
