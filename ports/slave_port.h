@@ -59,7 +59,7 @@ class vrSlave_Port : public Port_impl {
   unsigned int wait_receiver(unsigned int handle, unsigned int timeout) override;
   unsigned int take_reply(unsigned int handle, unsigned int timeout, vrPort_Buffer& out) override;
 
- // --- the servant brings the proxy in line with a peer that was away
+  // --- the servant brings the proxy in line with a peer that was away
 
   /// The peer's port has this id now. The earlier ones stay good for the owner that knows them.
   void take_over_id(unsigned int id);

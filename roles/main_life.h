@@ -53,7 +53,7 @@ class Main_Life {
   const std::string self_;
   mutable std::mutex lock_;  ///< guards what follows; nothing is called or taken under it
   std::uint64_t number_ = 1;
-  std::string mark_;  ///< empty before the first was seen
+  std::string mark_;                          ///< empty before the first was seen
   Varo::DT_PORT_SVC::Port_Factory_var peer_;  ///< who was asked last...
   std::uint64_t connections_ = 0;             ///< ...and the connections opened to it by then
   Handle_File file_;

@@ -14,8 +14,8 @@ class vrPortConnect_Manager : public vrConnect_Manager {
                         ACE_Reactor* reactor);
   ~vrPortConnect_Manager() override;
 
-  /// The servant's back_call_. A restarted main server, and one that the directory leads to instead,
-  /// is reached anew.
+  /// The servant's back_call_. A restarted main server, and one that the directory leads to
+  /// instead, is reached anew.
   unsigned int on_connected(CORBA::Object_var& object) override;
   /// The servant's heart_bit; while the main server is reached, also its settle().
   void on_heartbeat() override;

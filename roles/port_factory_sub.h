@@ -135,10 +135,10 @@ class Port_Factory_Sub : public Port_Factory_i {
   const std::string owner_note_;  // the host of ports owned through this server
   portsvc::Main_Life life_;
   std::atomic<bool> leads_back_{false};
-  std::mutex unsettled_lock_;         // guards unsettled_; a leaf
-  std::set<std::string> unsettled_;   // names of proxies
-  std::mutex round_lock_;             // guards the two below; a leaf
-  std::string round_;                 // the name this server asks for to see whether it comes round
+  std::mutex unsettled_lock_;        // guards unsettled_; a leaf
+  std::set<std::string> unsettled_;  // names of proxies
+  std::mutex round_lock_;            // guards the two below; a leaf
+  std::string round_;                // the name this server asks for to see whether it comes round
   bool came_round_ = false;
   // When a lookup has lost time on the main server last, in steady_clock's ticks.
   std::atomic<std::chrono::steady_clock::rep> time_lost_at_;
