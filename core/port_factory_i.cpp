@@ -78,6 +78,21 @@ int process_event_data(Port_Factory_i* servant, Port_impl* port, unsigned int ha
   return servant->process_event_data(port, handle, data, front);
 }
 
+std::uint64_t peer_life(Port_Factory_i* servant, Varo::DT_PORT_SVC::Port_Factory_ptr peer,
+                        bool certainly) {
+  return servant->peer_life(peer, certainly);
+}
+
+void note_peer_handle(Port_Factory_i* servant, unsigned int handle, std::uint64_t life,
+                      PeerHandle now) {
+  servant->note_peer_handle(handle, life, now);
+}
+
+void note_peer_owner(Port_Factory_i* servant, Port_impl* port,
+                     Varo::DT_PORT_SVC::Port_Factory_ptr peer) {
+  servant->note_peer_owner(port, peer);
+}
+
 void make_snapshot(Port_Factory_i* servant) { servant->make_snapshot(); }
 
 void check_no_transition(Port_Factory_i* servant) { servant->checkNoTransition(); }

@@ -21,6 +21,7 @@
 #include "middleware/orb/wire_bytes.h"
 #include "persistence/background_tasks.h"
 #include "ports/port_impl.h"
+#include "ports/servant_hooks.h"
 
 /// How the writing of snapshots goes.
 struct Snapshot_State {
@@ -59,6 +60,17 @@ class Port_Factory_i : public virtual portsvc::orb::Port_Factory_Skeleton,
   /// An event box was handed a packet through its forward (front: forward_front).
   virtual int process_event_data(Port_impl* port, unsigned int handle, const vrBuffer& data,
                                  bool front) = 0;
+  /// The number of the life of the peer that `peer` leads to: it grows when the peer has been
+  /// restarted, and what a proxy was given in an earlier life is worth nothing then. Asks the peer
+  /// when that may have changed, or in any case if `certainly`; throws what that call throws.
+  virtual std::uint64_t peer_life(Varo::DT_PORT_SVC::Port_Factory_ptr, bool /*certainly*/) {
+    return 0;
+  }
+  /// A proxy tells what became of a client handle that it was given in a life of the peer, so that
+  /// what is left open is closed one day. Never fails.
+  virtual void note_peer_handle(unsigned int, std::uint64_t /*life*/, portsvc::PeerHandle) {}
+  /// A proxy has connected its owner at `peer`, or, with nil, has something to settle there.
+  virtual void note_peer_owner(Port_impl*, Varo::DT_PORT_SVC::Port_Factory_ptr) {}
 
  protected:
   // --- lookups and waits, which a role may replace

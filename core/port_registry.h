@@ -43,6 +43,10 @@ class Port_Registry {
 
   std::size_t size() const { return ports_.size(); }
   bool has_id(unsigned int id) const { return ids_.count(id) != 0; }
+  /// True while a client of a port holds the number, or it leads to a port.
+  bool in_use(unsigned int handle) const {
+    return clients_.first(handle) != nullptr || find_id(handle) != nullptr;
+  }
   /// The largest id ever entered and not removed; first_client_handle when there is none.
   unsigned int last_id() const;
 
@@ -51,6 +55,8 @@ class Port_Registry {
   void add(const boost::shared_ptr<Port_impl>& port, bool as_box);
   /// Takes a port out again, with the id it carries now.
   void remove(const Port_impl& port);
+  /// Enters the id that a port in the table carries now, beside its earlier ones.
+  void add_id(const Port_impl& port) { ids_.emplace(port.port_id(), port.name()); }
   /// Takes the id a port carries now out of the id table.
   void remove_id(unsigned int id) { ids_.erase(id); }
   /// Takes all ports out and answers them; the id table stays. Let them go without the lock: what

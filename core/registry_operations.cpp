@@ -7,6 +7,7 @@
 
 #include "core/out_values.h"
 #include "core/port_factory_i.h"
+#include "platform/wait.h"
 #include "ports/event_box.h"
 
 using namespace portsvc;
@@ -19,15 +20,18 @@ CORBA::ULong Port_Factory_i::connect_port(const char* name, CORBA::ULong_out han
   owner = 0;
   const auto port = get_port(name);
   if (!port) return result::unknown_name;
+  // What a caller was given that no longer hears of it would stay connected for ever.
+  if (gone(Caller::of_this_thread())) return result::not_connected;
 
   switch (mode) {
     case CONNECT_CLIENT: {
       if (!port->has_room()) orb::refuse(refusal::clients);
-      {
-        ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
+      // The port enters the client under the lock, so that nobody else is given its number.
+      ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
+      do {
         if (next_handle_ >= handle_limit_) next_handle_ = client_handle_restart;
         handle = next_handle_++;
-      }
+      } while (registry_.in_use(handle));
       return port->connect(handle, CONNECT_CLIENT, access, owner);
     }
     case CONNECT_OWNER:

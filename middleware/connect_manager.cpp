@@ -67,23 +67,28 @@ void vrConnect_Manager::run_beat() {
 
 void vrConnect_Manager::beat() {
   const Port_Factory_var peer = probe();
-  if (CORBA::is_nil(peer.in())) {
+  const Seen seen = CORBA::is_nil(peer.in()) ? Seen::nobody : look_at(peer.in());
+  if (seen == Seen::nobody) {
     reached_ = false;
-  } else {
-    // Read after the probe, which reconnects when the peer was restarted, and before the hook,
-    // whose own connections may already belong to yet another start of the peer.
-    const std::uint64_t connections = portsvc::orb::connections_opened(peer);
-    if (!reached_ || connections != connections_seen_) {
-      connections_seen_ = connections;
-      CORBA::Object_var object = CORBA::Object::_duplicate(peer);
-      reached_ = on_connected(object) == 0;
-    }
+  } else if (!reached_ || seen == Seen::another) {
+    CORBA::Object_var object = CORBA::Object::_duplicate(peer);
+    reached_ = on_connected(object) == 0;
   }
   on_heartbeat();
 }
 
+vrConnect_Manager::Seen vrConnect_Manager::look_at(Port_Factory_ptr peer) {
+  // Read after the probe, which reconnects when the peer was restarted, and before the hook, whose
+  // own connections may already belong to yet another start of the peer.
+  const std::uint64_t connections = portsvc::orb::connections_opened(peer);
+  const bool same = connections == connections_seen_;
+  connections_seen_ = connections;
+  return same ? Seen::same : Seen::another;
+}
+
 Port_Factory_ptr vrConnect_Manager::probe() {
   vrReferenceContainer* const references = vrReferenceContainer::instance();
+  references->FollowDirectory(server_.c_str(), realm_.c_str());
   Port_Factory_var peer =
       references->GetPortReferenceWithServerName(server_.c_str(), realm_.c_str());
   if (CORBA::is_nil(peer.in())) return Port_Factory::_nil();

@@ -17,8 +17,10 @@
 /// with heart_bit, calls hook 1 when the peer is reached anew, and hook 2 in any case.
 ///
 /// The peer counts as reached anew at the first beat that reaches it, after a beat that did not,
-/// and when this process has opened a connection to it since the beat before: the peer may have
-/// been restarted in between. Hook 1 may therefore be called once too often, never once too rarely.
+/// and when look_at() takes it for another than before. As it is here that means: when this process
+/// has opened a connection to it since the beat before, for the peer may have been restarted in
+/// between. Hook 1 may therefore be called once too often, never once too rarely. An entry of the
+/// directory that has been changed is followed at the next beat.
 ///
 /// Beats run on the reactor's thread, one at a time, and the next is timed from the end of the one
 /// before: a silent peer costs the peer call time-out per beat and piles nothing up. Give the
@@ -56,6 +58,18 @@ class vrConnect_Manager {
 
   /// The reference given to the constructor, not duplicated.
   CORBA::Object_ptr self() const { return self_; }
+
+ protected:
+  /// What a beat has found.
+  enum class Seen {
+    same,     ///< the peer of the beat before
+    another,  ///< another peer, or the same restarted
+    nobody,   ///< it does not count as reached
+  };
+  /// Looks at the peer that has answered the probe. Called by the beats alone.
+  virtual Seen look_at(Varo::DT_PORT_SVC::Port_Factory_ptr peer);
+  /// Whether the peer counts as reached. Good in the hooks.
+  bool reached() const { return reached_; }
 
  private:
   /// Hands the reactor's timer to the manager.

@@ -2,6 +2,7 @@
 // implementations, a file that people write and a naming service that servers enter themselves in.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,6 +30,9 @@ class Directory {
   /// directory does. Empty when the directory cannot be asked. Never throws.
   virtual std::vector<std::string> servers(const std::string& role, const std::string& realm) = 0;
 
+  /// Whether servers enter themselves.
+  virtual bool takes_entries() const { return true; }
+
   /// Enters this process's own server, in place of an earlier entry of that name. A file is
   /// written by people: there it does nothing. Throws orb::Error when the directory cannot be
   /// asked.
@@ -52,10 +56,13 @@ class Directory {
 ///
 /// `role` is main or slave, `reference` a corbaloc or an IOR, `realm` may be left out. Servers are
 /// listed in the order of the file. The file is read again when it has changed; a change that
-/// cannot be read leaves the directory as it was before.
+/// cannot be read leaves the directory as it was before and is told `complain`, which is called
+/// from any thread with one line and may be empty.
 /// Throws orb::Error when the file is missing or malformed, or when an entry is incomplete. The
 /// broker must outlive the directory.
-std::shared_ptr<Directory> open_file_directory(const orb::Broker& broker, const std::string& path);
+std::shared_ptr<Directory> open_file_directory(
+    const orb::Broker& broker, const std::string& path,
+    std::function<void(const std::string&)> complain = nullptr);
 
 /// The directory in a naming service, at `reference` (usually corbaloc::HOST:2809/NameService).
 /// A server is entered under the contexts PortService / REALM / ROLE and its name; servers without

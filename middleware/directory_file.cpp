@@ -33,8 +33,14 @@ struct FileStamp {
 
 class FileDirectory final : public Directory {
  public:
-  FileDirectory(const orb::Broker& broker, std::string path)
-      : broker_(broker), path_(std::move(path)), stamp_(FileStamp::of(path_)), entries_(read()) {}
+  using Complain = std::function<void(const std::string&)>;
+
+  FileDirectory(const orb::Broker& broker, std::string path, Complain complain)
+      : broker_(broker),
+        path_(std::move(path)),
+        complain_(std::move(complain)),
+        stamp_(FileStamp::of(path_)),
+        entries_(read()) {}
 
   CORBA::Object_var resolve(const std::string& server, const std::string& realm) override {
     const std::lock_guard<std::mutex> guard(lock_);
@@ -55,6 +61,7 @@ class FileDirectory final : public Directory {
     return names;
   }
 
+  bool takes_entries() const override { return false; }
   void bind(const std::string&, const std::string&, const std::string&,
             CORBA::Object_ptr) override {}
   void unbind(const std::string&, const std::string&, const std::string&,
@@ -129,13 +136,15 @@ class FileDirectory final : public Directory {
     stamp_ = now;
     try {
       entries_ = read();
-    } catch (const orb::Error&) {
-      // Somebody is in the middle of writing it: the servers known so far stay known.
+    } catch (const orb::Error& error) {
+      // The servers known so far stay known.
+      if (complain_) complain_(error.what());
     }
   }
 
   const orb::Broker& broker_;
   const std::string path_;
+  const Complain complain_;
   std::mutex lock_;  ///< guards the two below; the file is read under it, nothing is called
   FileStamp stamp_;
   std::vector<Entry> entries_;
@@ -143,8 +152,9 @@ class FileDirectory final : public Directory {
 
 }  // namespace
 
-std::shared_ptr<Directory> open_file_directory(const orb::Broker& broker, const std::string& path) {
-  return std::make_shared<FileDirectory>(broker, path);
+std::shared_ptr<Directory> open_file_directory(const orb::Broker& broker, const std::string& path,
+                                               std::function<void(const std::string&)> complain) {
+  return std::make_shared<FileDirectory>(broker, path, std::move(complain));
 }
 
 }  // namespace portsvc

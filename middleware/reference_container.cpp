@@ -40,25 +40,26 @@ Port_Factory_ptr vrReferenceContainer::GetPortReferenceWithServerName(const char
   {
     const std::lock_guard<std::mutex> guard(lock_);
     const auto found = references_.find(key);
-    if (found != references_.end()) return Port_Factory::_duplicate(found->second.in());
+    if (found != references_.end()) return Port_Factory::_duplicate(found->second.reference.in());
   }
   const portsvc::DirectoryInUse in_use = portsvc::directory_in_use();
   if (!in_use.directory) return Port_Factory::_nil();
+  CORBA::Object_var object;
   Port_Factory_var reference;
   try {
-    const CORBA::Object_var object = in_use.directory->resolve(key.first, key.second);
+    object = in_use.directory->resolve(key.first, key.second);
     reference = narrowed(object);
   } catch (const CORBA::Exception&) {
     return Port_Factory::_nil();
   }
   if (CORBA::is_nil(reference.in())) return Port_Factory::_nil();
   const std::lock_guard<std::mutex> guard(lock_);
-  references_[key] = reference;
+  references_[key] = {object, reference};
   return reference._retn();
 }
 
 void vrReferenceContainer::ReleasePortReference(const char* server, const char* realm) {
-  Port_Factory_var forgotten;  // dropped after the lock
+  Kept forgotten;  // dropped after the lock
   const std::lock_guard<std::mutex> guard(lock_);
   const auto found = references_.find(Key(server ? server : "", realm ? realm : ""));
   if (found == references_.end()) return;
@@ -66,8 +67,24 @@ void vrReferenceContainer::ReleasePortReference(const char* server, const char* 
   references_.erase(found);
 }
 
+void vrReferenceContainer::FollowDirectory(const char* server, const char* realm) {
+  const Key key(server ? server : "", realm ? realm : "");
+  CORBA::Object_var entry;
+  {
+    const std::lock_guard<std::mutex> guard(lock_);
+    const auto found = references_.find(key);
+    if (found == references_.end()) return;
+    entry = found->second.entry;
+  }
+  const portsvc::DirectoryInUse in_use = portsvc::directory_in_use();
+  if (!in_use.directory) return;
+  const CORBA::Object_var now = in_use.directory->resolve(key.first, key.second);
+  if (CORBA::is_nil(now.in()) || now->_is_equivalent(entry.in())) return;
+  ReleasePortReference(server, realm);
+}
+
 void vrReferenceContainer::ReleaseAll() {
-  std::map<Key, Port_Factory_var> forgotten;
+  std::map<Key, Kept> forgotten;
   const std::lock_guard<std::mutex> guard(lock_);
   forgotten.swap(references_);
 }

@@ -27,6 +27,10 @@ class vrReferenceContainer {
   /// Forgets what is kept for the pair, so that the next lookup resolves it afresh.
   void ReleasePortReference(const char* server, const char* realm);
 
+  /// Forgets what is kept for the pair if the directory has another reference by now. A directory
+  /// that cannot be asked, or has none, changes nothing.
+  void FollowDirectory(const char* server, const char* realm);
+
   /// Forgets everything.
   void ReleaseAll();
 
@@ -37,5 +41,9 @@ class vrReferenceContainer {
   using Key = std::pair<std::string, std::string>;
 
   std::mutex lock_;  ///< guards the references; nothing is called or taken under it
-  std::map<Key, Varo::DT_PORT_SVC::Port_Factory_var> references_;
+  struct Kept {
+    CORBA::Object_var entry;  ///< as the directory had it
+    Varo::DT_PORT_SVC::Port_Factory_var reference;
+  };
+  std::map<Key, Kept> references_;
 };

@@ -31,12 +31,8 @@ unsigned int wait_on_peer(unsigned int timeout, unsigned int over, Call&& call) 
   }
 }
 
-// Closes a client connection on the peer; whether that works concerns nobody.
-void close_remote(Varo::DT_PORT_SVC::Port_Factory_ptr peer, unsigned int remote) {
-  if (remote == 0) return;
-  const orb::CallTimeout scope;
-  peer->disconnect_port(remote);
-}
+// The peer has been restarted between the calls of one exchange.
+class AnotherLife : public CORBA::TRANSIENT {};
 
 }  // namespace
 
@@ -46,6 +42,70 @@ vrSlave_Port::vrSlave_Port(const char* name, unsigned int port_id, unsigned int 
 
 vrSlave_Port::Peer vrSlave_Port::peer() const { return servant::get_remote_point(owner_); }
 
+// --- lives of the peer
+
+std::uint64_t vrSlave_Port::life_of(PeerPtr peer) {
+  const std::uint64_t life = servant::peer_life(owner_, peer, false);
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, life);
+  if (life > life_) {
+    life_ = life;
+    remote_handles_.clear();
+    stale_clients_.clear();
+    for (const unsigned int client : remote_clients_) {
+      if (remove_client(client)) stale_clients_.insert(client);
+    }
+    remote_clients_.clear();
+  }
+  return life;
+}
+
+template <class Call>
+unsigned int vrSlave_Port::in_life(PeerPtr peer, std::uint64_t life, Call&& call) {
+  for (;;) {
+    bool refused = false;
+    try {
+      const orb::OpenConnectionsOnly scope(refused);
+      return call();
+    } catch (const CORBA::SystemException&) {
+      if (!refused) throw;
+    }
+    // Asking opens the connection that was refused, and leaves it open for the next try.
+    if (servant::peer_life(owner_, peer, true) != life) throw AnotherLife();
+  }
+}
+
+unsigned int vrSlave_Port::connect_at_peer(PeerPtr peer, unsigned int mode, unsigned int access,
+                                           CORBA::ULong& handle, CORBA::ULong& reported,
+                                           std::uint64_t& life) {
+  for (;;) {
+    life = life_of(peer);
+    try {
+      return in_life(peer, life, [&] {
+        const orb::CallTimeout scope;
+        return peer->connect_port(name(), handle, mode, access, reported);
+      });
+    } catch (const AnotherLife&) {
+      // Nothing was sent: the connection is made in the new life.
+    }
+  }
+}
+
+void vrSlave_Port::close_remote(PeerPtr peer, std::uint64_t life, unsigned int remote) {
+  if (remote == 0) return;
+  try {
+    in_life(peer, life, [&] {
+      const orb::CallTimeout scope;
+      return peer->disconnect_port(remote);
+    });
+    servant::note_peer_handle(owner_, remote, life, PeerHandle::closed);
+  } catch (const CORBA::Exception&) {
+    servant::note_peer_handle(owner_, remote, life, PeerHandle::left_open);
+    throw;
+  }
+}
+
+// --- the owner
+
 unsigned int vrSlave_Port::connect(unsigned int handle, unsigned int mode, unsigned int access,
                                    unsigned int& owner) {
   if (mode == CONNECT_CLIENT) return connect_client(handle, access, owner);
@@ -54,48 +114,112 @@ unsigned int vrSlave_Port::connect(unsigned int handle, unsigned int mode, unsig
   const Peer peer = this->peer();
   if (CORBA::is_nil(peer.in())) return result::no_peer;
   try {
-    const orb::CallTimeout scope;
-    CORBA::ULong remote = 0;
     CORBA::ULong reported = owner;
-    const unsigned int answer =
-        peer->connect_port(name(), remote, CONNECT_OWNER, ACCESS_WAIT, reported);
+    const unsigned int answer = connect_owner_at(peer.in(), reported);
     owner = reported;
-    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
-    if (answer == result::ok) {
-      remote_owner_mark_ = reported;
-    } else {
-      remote_owner_mark_ = no_owner;
-      port_id_ = reported;
-    }
-    owner_connected_ = answer == result::ok;
+    if (answer == result::ok) return answer;
+    port_id_ = reported;
+    servant::note_peer_owner(owner_, this, PeerRef::_nil());
     return answer;
   } catch (const CORBA::Exception&) {
+    // The owner takes it for done, so it is done as soon as the peer answers.
     servant::releaseRemotePoint(owner_);
+    {
+      ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::ok);
+      owner_here_ = true;
+    }
+    servant::note_peer_owner(owner_, this, PeerRef::_nil());
     return result::ok;
   }
 }
 
+unsigned int vrSlave_Port::connect_owner_at(PeerPtr peer, CORBA::ULong& reported) {
+  CORBA::ULong remote = 0;
+  std::uint64_t life = 0;
+  const unsigned int answer =
+      connect_at_peer(peer, CONNECT_OWNER, ACCESS_WAIT, remote, reported, life);
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
+    owner_connected_ = owner_here_ = answer == result::ok;
+    remote_owner_mark_ = answer == result::ok ? reported : no_owner;
+    owner_life_ = life;
+  }
+  if (answer == result::ok) servant::note_peer_owner(owner_, this, peer);
+  return answer;
+}
+
+bool vrSlave_Port::settle_owner(PeerPtr peer) {
+  const std::uint64_t life = life_of(peer);
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, false);
+    if (!owner_here_ || (owner_connected_ && owner_life_ == life)) return true;
+  }
+  CORBA::ULong reported = 0;
+  const unsigned int answer = connect_owner_at(peer, reported);
+  if (answer == result::ok || answer == result::owner_exists) return true;
+  // The peer may get the port later.
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, false);
+  owner_here_ = true;
+  return false;
+}
+
+bool vrSlave_Port::has_owner_here() {
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, true);
+  return owner_here_;
+}
+
+void vrSlave_Port::take_over_id(unsigned int id) {
+  ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, state_lock_);
+  earlier_ids_.insert(port_id());
+  port_id_ = id;
+}
+
+bool vrSlave_Port::is_own_id(unsigned int handle) {
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, false);
+  return handle == port_id() || earlier_ids_.count(handle) != 0;
+}
+
 unsigned int vrSlave_Port::disconnect(unsigned int handle) {
-  const bool is_owner = handle == port_id();
+  if (is_own_id(handle)) return disconnect_owner();
+
   unsigned int remote = 0;
-  if (!is_owner) {
+  std::uint64_t life = 0;
+  {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
     if (!remove_client(handle)) return result::unknown_handle;
     remote = take_remote_handle(handle);
-    if (remote == 0) return result::ok;
+    life = life_;
   }
-
+  if (remote == 0) return result::ok;
   const Peer peer = this->peer();
-  if (CORBA::is_nil(peer.in())) return is_owner ? result::no_peer : result::ok;
+  if (CORBA::is_nil(peer.in())) {
+    servant::note_peer_handle(owner_, remote, life, PeerHandle::left_open);
+    return result::ok;
+  }
   try {
-    close_remote(peer, is_owner ? port_id() : remote);
+    if (life_of(peer.in()) == life) close_remote(peer.in(), life, remote);
   } catch (const CORBA::Exception&) {
-    return is_owner ? result::peer_disconnect : result::ok;
+    servant::note_peer_handle(owner_, remote, life, PeerHandle::left_open);
   }
-  if (is_owner) {
+  return result::ok;
+}
+
+unsigned int vrSlave_Port::disconnect_owner() {
+  const Peer peer = this->peer();
+  if (CORBA::is_nil(peer.in())) return result::no_peer;
+  {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
-    owner_connected_ = false;
+    owner_here_ = false;
   }
+  try {
+    const orb::CallTimeout scope;
+    peer->disconnect_port(port_id());
+  } catch (const CORBA::Exception&) {
+    servant::note_peer_owner(owner_, this, PeerRef::_nil());
+    return result::peer_disconnect;
+  }
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
+  owner_connected_ = false;
   return result::ok;
 }
 
@@ -106,14 +230,21 @@ unsigned int vrSlave_Port::receive(unsigned int& source, vrBuffer& data, unsigne
   try {
     DATA_BUFFER_var bytes;
     CORBA::ULong remote_source = 0;
+    const std::uint64_t life = life_of(peer.in());
     const unsigned int answer = wait_on_peer(timeout, result::timed_out, [&](unsigned int seconds) {
-      return peer->packet_receive(port_id(), remote_source, bytes.out(), seconds);
+      return in_life(peer.in(), life, [&] {
+        return peer->packet_receive(port_id(), remote_source, bytes.out(), seconds);
+      });
     });
+    // The peer's port may have been made anew with another id.
+    if (answer == result::unknown_handle) {
+      servant::note_peer_owner(owner_, this, PeerRef::_nil());
+    }
     if (answer != result::ok) return answer;
     data.assign(orb::bytes_of(bytes.in()), bytes->length());
     source = remote_source + remote_client_offset;
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
-    enter_remote_client(source);
+    if (life == life_) enter_remote_client(source);
     return result::ok;
   } catch (const CORBA::Exception&) {
     servant::releaseRemotePoint(owner_);
@@ -137,51 +268,69 @@ unsigned int vrSlave_Port::replay(unsigned int handle, vrBuffer data, unsigned i
   if (CORBA::is_nil(peer.in())) return result::no_peer;
   try {
     const DATA_BUFFER_var bytes = to_wire(std::move(data));
-    const orb::CallTimeout scope;
-    return peer->packet_replay(handle, bytes.in(), timeout);
+    const std::uint64_t life = life_of(peer.in());
+    {
+      // It has asked in an earlier life of the peer; somebody else may have its number now.
+      const unsigned int client = handle + remote_client_offset;
+      ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
+      if (clients_.count(client) == 0 && stale_clients_.count(client) != 0) {
+        return result::unknown_handle;
+      }
+    }
+    return in_life(peer.in(), life, [&] {
+      const orb::CallTimeout scope;
+      return peer->packet_replay(handle, bytes.in(), timeout);
+    });
   } catch (const CORBA::Exception&) {
     servant::releaseRemotePoint(owner_);
     return result::peer_receive;
   }
 }
 
+// --- its clients
+
 unsigned int vrSlave_Port::forward(unsigned int handle, vrBuffer data, unsigned int timeout) {
   const Peer peer = this->peer();
   if (CORBA::is_nil(peer.in())) return result::no_peer;
   try {
     const DATA_BUFFER_var bytes = to_wire(std::move(data));
+    std::uint64_t life = life_of(peer.in());
     unsigned int access = 0;
     unsigned int earlier = 0;
     {
       ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
       access = client_access(handle);
-      earlier = take_remote_handle(handle);
+      if (life == life_) earlier = take_remote_handle(handle);
     }
-    close_remote(peer, earlier);
+    close_remote(peer.in(), life, earlier);
 
     CORBA::ULong remote = 0;
-    {
-      const orb::CallTimeout scope;
-      CORBA::ULong scratch = 0;
-      const unsigned int connected =
-          peer->connect_port(name(), remote, CONNECT_CLIENT, access, scratch);
-      if (connected != result::ok) return connected;
-    }
+    CORBA::ULong scratch = 0;
+    const unsigned int connected =
+        connect_at_peer(peer.in(), CONNECT_CLIENT, access, remote, scratch, life);
+    if (connected != result::ok) return connected;
+    servant::note_peer_handle(owner_, remote, life, PeerHandle::opened);
     {
       ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
+      if (life != life_) throw AnotherLife();
       // A forward of the same client that ran at the same time may have kept one meanwhile.
       earlier = take_remote_handle(handle);
       remote_handles_[handle] = remote;
     }
-    close_remote(peer, earlier);
-
-    const unsigned int answer = wait_on_peer(
-        timeout, result::send_timed_out,
-        [&](unsigned int seconds) { return peer->packet_foward(remote, bytes.in(), seconds); });
-    close_if_abandoned(peer, handle);
-    return answer;
+    try {
+      close_remote(peer.in(), life, earlier);
+      const unsigned int answer =
+          wait_on_peer(timeout, result::send_timed_out, [&](unsigned int seconds) {
+            return in_life(peer.in(), life,
+                           [&] { return peer->packet_foward(remote, bytes.in(), seconds); });
+          });
+      close_if_abandoned(peer.in(), handle);
+      return answer;
+    } catch (const CORBA::Exception&) {
+      give_up(handle, remote, life);
+      throw;
+    }
   } catch (const CORBA::Exception&) {
-    forget_remote_handles();
     servant::releaseRemotePoint(owner_);
     return result::peer_forward;
   }
@@ -194,22 +343,29 @@ unsigned int vrSlave_Port::forward_front(unsigned int, vrBuffer, unsigned int) {
 unsigned int vrSlave_Port::replay_wait(unsigned int handle, vrBuffer& data, unsigned int timeout) {
   const Peer peer = this->peer();
   if (CORBA::is_nil(peer.in())) return result::no_peer;
+  std::uint64_t life = 0;
   unsigned int remote = 0;
   {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
+    life = life_;
     remote = take_remote_handle(handle);
   }
   try {
+    if (const std::uint64_t now = life_of(peer.in()); now != life) {
+      life = now;
+      remote = 0;
+    }
     DATA_BUFFER_var bytes;
     const unsigned int answer =
         wait_on_peer(timeout, result::reply_timed_out, [&](unsigned int seconds) {
-          return peer->packet_replay_wait(remote, bytes.out(), seconds);
+          return in_life(peer.in(), life,
+                         [&] { return peer->packet_replay_wait(remote, bytes.out(), seconds); });
         });
-    close_remote(peer, remote);
+    close_remote(peer.in(), life, remote);
     if (answer == result::ok) data.assign(orb::bytes_of(bytes.in()), bytes->length());
     return answer;
   } catch (const CORBA::Exception&) {
-    forget_remote_handles();
+    if (remote != 0) servant::note_peer_handle(owner_, remote, life, PeerHandle::left_open);
     return result::failed;
   }
 }
@@ -231,19 +387,22 @@ unsigned int vrSlave_Port::take_remote_handle(unsigned int handle) {
 }
 
 // A client that disconnected while its forward was under way leaves no connection on the peer.
-void vrSlave_Port::close_if_abandoned(Varo::DT_PORT_SVC::Port_Factory_ptr peer,
-                                      unsigned int handle) {
+void vrSlave_Port::close_if_abandoned(PeerPtr peer, unsigned int handle) {
+  std::uint64_t life = 0;
   unsigned int remote = 0;
   {
     ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, connection_lock_);
     if (clients_.count(handle) != 0) return;
     remote = take_remote_handle(handle);
+    life = life_;
   }
-  close_remote(peer, remote);
+  close_remote(peer, life, remote);
 }
 
-// After a failed call the peer may be a restarted server that has handed these numbers to others.
-void vrSlave_Port::forget_remote_handles() {
+// A failed forward ends its own connection and nobody else's.
+void vrSlave_Port::give_up(unsigned int handle, unsigned int remote, std::uint64_t life) {
+  servant::note_peer_handle(owner_, remote, life, PeerHandle::left_open);
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, connection_lock_);
-  remote_handles_.clear();
+  const auto kept = remote_handles_.find(handle);
+  if (kept != remote_handles_.end() && kept->second == remote) remote_handles_.erase(kept);
 }

@@ -1,7 +1,9 @@
 // The proxy for a packet port of the peer server.
 #pragma once
 
+#include <cstdint>
 #include <deque>
+#include <set>
 
 #include "middleware/orb/orb.h"
 #include "ports/port_impl.h"
@@ -16,12 +18,18 @@ class Port_Factory_i;
 /// the peer as a series of limited ones, so that a peer that has stopped answering is noticed.
 ///
 /// Each local client has its own client connection on the peer, from its forward to the end of its
-/// replay_wait; a further forward, or the client's disconnection, closes one left open.
+/// replay_wait; a further forward, or the client's disconnection, closes one left open. What could
+/// not be closed is told to the servant. A failure concerns the client whose call it ended.
+///
+/// Handles are numbers that a restarted peer gives to others. So what was given in one life of the
+/// peer (Port_Factory_i::peer_life) is dropped in the next, and no call that names such a handle
+/// goes over a connection opened since its life was last made sure of.
 class vrSlave_Port : public Port_impl {
  public:
   vrSlave_Port(const char* name, unsigned int port_id, unsigned int limit, Port_Factory_i* owner);
 
-  /// Owner (the port id): disconnects at the peer, whose answer is ignored: 0; 111 on an exception.
+  /// Owner (the port id, or an earlier one): disconnects at the peer, whose answer is ignored: 0;
+  /// 111 on an exception.
   /// Client: 0, or 2007.
   unsigned int disconnect(unsigned int handle) override;
   void clear_events() override {}
@@ -34,7 +42,7 @@ class vrSlave_Port : public Port_impl {
   unsigned int forward_front(unsigned int handle, vrBuffer data, unsigned int timeout) override;
   /// A client is recorded here only. The owner connects on the peer, always with ACCESS_WAIT; when
   /// the peer refuses, this port takes over the port id that the peer reports. An exception answers
-  /// 0 and changes nothing.
+  /// 0; the owner is connected there with settle_owner().
   unsigned int connect(unsigned int handle, unsigned int mode, unsigned int access,
                        unsigned int& owner) override;
   void push_event(const Event_ptr&) override {}
@@ -51,22 +59,57 @@ class vrSlave_Port : public Port_impl {
   unsigned int wait_receiver(unsigned int handle, unsigned int timeout) override;
   unsigned int take_reply(unsigned int handle, unsigned int timeout, vrPort_Buffer& out) override;
 
+  // --- the servant brings the proxy in line with a peer that was away
+
+  /// The peer's port has this id now. The earlier ones stay good for the owner that knows them.
+  void take_over_id(unsigned int id);
+  /// True while an owner is connected here, whether or not the peer knows it yet.
+  bool has_owner_here();
+  /// Connects an owner that is connected here at the peer, if it is not there in this life of the
+  /// peer. One that the peer refuses is no longer connected. False when it should be tried again;
+  /// throws broker exceptions.
+  bool settle_owner(Varo::DT_PORT_SVC::Port_Factory_ptr peer);
+
  private:
+  using PeerRef = Varo::DT_PORT_SVC::Port_Factory;
+  using PeerPtr = Varo::DT_PORT_SVC::Port_Factory_ptr;
   using Peer = Varo::DT_PORT_SVC::Port_Factory_var;
 
   Peer peer() const;
   void enter_remote_client(unsigned int handle);
 
+  // The life the peer is in. Drops what was kept of an earlier one. Throws.
+  std::uint64_t life_of(PeerPtr peer);
+  // Makes a call that is good in this life of the peer only; throws without having made it when the
+  // peer is in another.
+  template <class Call>
+  unsigned int in_life(PeerPtr peer, std::uint64_t life, Call&& call);
+  // connect_port, and the life in which it was done. Throws.
+  unsigned int connect_at_peer(PeerPtr peer, unsigned int mode, unsigned int access,
+                               CORBA::ULong& handle, CORBA::ULong& reported, std::uint64_t& life);
+  unsigned int connect_owner_at(PeerPtr peer, CORBA::ULong& reported);
+  unsigned int disconnect_owner();
+  bool is_own_id(unsigned int handle);
+
   // The client's open connection on the peer, which is no longer kept afterwards; 0 for none. The
   // caller holds connection_lock_.
   unsigned int take_remote_handle(unsigned int handle);
-  void close_if_abandoned(Varo::DT_PORT_SVC::Port_Factory_ptr peer, unsigned int handle);
-  void forget_remote_handles();
+  // Closes a client connection on the peer, whose answer is ignored. Throws.
+  void close_remote(PeerPtr peer, std::uint64_t life, unsigned int remote);
+  void close_if_abandoned(PeerPtr peer, unsigned int handle);
+  void give_up(unsigned int handle, unsigned int remote, std::uint64_t life);
 
   Port_Factory_i* const owner_;  // not owned
   std::atomic<unsigned int> remote_owner_mark_;
 
-  // The handles below are guarded by connection_lock_.
+  // Guarded by state_lock_.
+  bool owner_here_ = false;
+  std::uint64_t owner_life_ = 0;  // the life of the peer in which it knows the owner
+  std::set<unsigned int> earlier_ids_;
+
+  // What the peer has given in one of its lives; guarded by connection_lock_.
+  std::uint64_t life_ = 0;
   std::map<unsigned int, unsigned int> remote_handles_;  // local client to its handle on the peer
   std::deque<unsigned int> remote_clients_;  // peer clients in the client table, oldest first
+  std::set<unsigned int> stale_clients_;     // those of the life before
 };

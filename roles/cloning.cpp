@@ -50,24 +50,18 @@ boost::shared_ptr<Port_impl> Port_Factory_Sub::create_clon(const char* name,
 }
 
 boost::shared_ptr<Port_impl> Port_Factory_Sub::create_clon_port(const char* name) {
-  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, sub_lock_, {});
-  const Port_Factory_var peer = get_remote_point();
-  if (CORBA::is_nil(peer.in())) return {};
-  try {
-    const orb::CallTimeout scope;
-    PORT_INFO info{};
-    if (peer->get_port_info(name, info) != result::ok) return {};
-    return create_clon(name, info);
-  } catch (const CORBA::Exception&) {
-    releaseRemotePoint();
-    return {};
-  }
+  PORT_INFO info{};
+  if (!ask_for(name, info)) return {};
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, {});
+  if (auto port = registry_.find(name)) return port;  // somebody else was first
+  return create_clon(name, info);
 }
 
 CORBA::ULong Port_Factory_Sub::create_port(const char* name, CORBA::ULong kind,
                                            CORBA::ULong limit) {
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
   if (registry_.find(name)) return result::already_exists;
+  while (registry_.in_use(next_handle_)) ++next_handle_;
   const auto port = creator()->create(name, next_handle_, limit, kind, this);
   if (!port) return result::bad_mode;
   if (!limits().ports.allows(registry_.size())) orb::refuse(refusal::ports);

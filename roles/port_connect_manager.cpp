@@ -13,4 +13,24 @@ unsigned int vrPortConnect_Manager::on_connected(CORBA::Object_var& object) {
   return servant_->back_call_(object);
 }
 
-void vrPortConnect_Manager::on_heartbeat() { servant_->heart_bit(); }
+void vrPortConnect_Manager::on_heartbeat() {
+  servant_->heart_bit();
+  if (reached()) settled_ = servant_->settle(peer_.in(), !settled_);
+}
+
+vrConnect_Manager::Seen vrPortConnect_Manager::look_at(Varo::DT_PORT_SVC::Port_Factory_ptr peer) {
+  try {
+    if (!reached()) servant_->main_server_reached_anew();
+    // Before anything is asked that would go round.
+    if (!reached() && servant_->leads_back(peer)) return Seen::nobody;
+    const std::uint64_t life = servant_->peer_life(peer, true);
+    if (reached() && life == life_) return Seen::same;
+    if (reached() && servant_->leads_back(peer)) return Seen::nobody;
+    peer_ = Varo::DT_PORT_SVC::Port_Factory::_duplicate(peer);
+    life_ = life;
+    settled_ = false;
+    return Seen::another;
+  } catch (const CORBA::Exception&) {
+    return Seen::nobody;  // it has gone again
+  }
+}

@@ -14,11 +14,20 @@ class vrPortConnect_Manager : public vrConnect_Manager {
                         ACE_Reactor* reactor);
   ~vrPortConnect_Manager() override;
 
-  /// The servant's back_call_.
+  /// The servant's back_call_. A restarted main server, and one that the directory leads to
+  /// instead, is reached anew.
   unsigned int on_connected(CORBA::Object_var& object) override;
-  /// The servant's heart_bit.
+  /// The servant's heart_bit; while the main server is reached, also its settle().
   void on_heartbeat() override;
 
+ protected:
+  Seen look_at(Varo::DT_PORT_SVC::Port_Factory_ptr peer) override;
+
  private:
+  // Used by the beats alone.
+  Varo::DT_PORT_SVC::Port_Factory_var peer_;
+  std::uint64_t life_ = 0;
+  bool settled_ = false;
+
   Port_Factory_Sub* const servant_;
 };

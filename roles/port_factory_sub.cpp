@@ -1,16 +1,22 @@
 #include "roles/port_factory_sub.h"
 
 #include <ace/Guard_T.h>
+#include <ace/OS_NS_sys_time.h>
+#include <fmt/format.h>
 
+#include <algorithm>
 #include <boost/make_shared.hpp>
+#include <random>
 
 #include "core/out_values.h"
 #include "middleware/reference_container.h"
 #include "ports/event_box.h"
+#include "ports/slave_port.h"
 #include "ports/wire.h"
 
 using namespace portsvc;
 using Peer = Varo::DT_PORT_SVC::Port_Factory;
+using std::chrono::steady_clock;
 
 namespace {
 
@@ -18,11 +24,21 @@ namespace {
 constexpr const char* consumer_key = "ref_key_data_port_naming_service";
 constexpr const char* no_master = "DUMMY";
 
+// About a beat of the connection manager.
+constexpr std::chrono::seconds after_lost_time(1);
+// A failure that took less has cost nobody anything.
+constexpr std::chrono::milliseconds lost_time(200);
+
 }  // namespace
 
 Port_Factory_Sub::Port_Factory_Sub(const char* main_server, const char* interface_name,
                                    const char* realm, CORBA::ORB_var orb)
-    : Port_Factory_i(interface_name), main_server_(main_server), orb_(orb) {
+    : Port_Factory_i(interface_name),
+      main_server_(main_server),
+      orb_(orb),
+      owner_note_(std::string("owner at ") + interface_name),
+      life_(interface_name),
+      time_lost_at_((steady_clock::now() - after_lost_time).time_since_epoch().count()) {
   if (realm) SetReleam(realm);
   do_init_operation();
 }
@@ -30,12 +46,72 @@ Port_Factory_Sub::Port_Factory_Sub(const char* main_server, const char* interfac
 Port_Factory_Sub::~Port_Factory_Sub() { stop_housekeeping(); }
 
 Varo::DT_PORT_SVC::Port_Factory_var Port_Factory_Sub::get_remote_point() {
+  if (leads_back_) return Peer::_nil();
   return vrReferenceContainer::instance()->GetPortReferenceWithServerName(main_server_.c_str(),
                                                                           realm_.c_str());
 }
 
 void Port_Factory_Sub::releaseRemotePoint() {
   vrReferenceContainer::instance()->ReleasePortReference(main_server_.c_str(), realm_.c_str());
+}
+
+/// An exchange with the main server under the sub lock that is given up when one call time-out has
+/// passed, the wait for the lock included. Within another exchange of the same thread it does not
+/// begin: a main server that is this very server calls it in the same thread.
+class Port_Factory_Sub::Exchange {
+ public:
+  explicit Exchange(ACE_Recursive_Thread_Mutex& lock) : lock_(lock) {
+    if (under_way) return;
+    ACE_Time_Value until = ACE_OS::gettimeofday() +
+                           ACE_Time_Value(std::chrono::duration_cast<std::chrono::microseconds>(
+                               orb::peer_call_timeout()));
+    begun_ = under_way = lock_.acquire(until) == 0;
+  }
+  ~Exchange() {
+    if (!begun_) return;
+    under_way = false;
+    lock_.release();
+  }
+  Exchange(const Exchange&) = delete;
+  Exchange& operator=(const Exchange&) = delete;
+
+  bool begun() const { return begun_; }
+  steady_clock::duration lasts() const { return steady_clock::now() - start_; }
+  std::chrono::milliseconds time_left() const {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(orb::peer_call_timeout() - lasts());
+    return std::max(left, std::chrono::milliseconds(1));
+  }
+
+ private:
+  static thread_local bool under_way;
+
+  ACE_Recursive_Thread_Mutex& lock_;
+  const steady_clock::time_point start_ = steady_clock::now();
+  bool begun_ = false;
+};
+
+thread_local bool Port_Factory_Sub::Exchange::under_way = false;
+
+bool Port_Factory_Sub::ask_for(const char* name, Varo::DT_PORT_SVC::PORT_INFO& info) {
+  const Exchange exchange(sub_lock_);
+  // Whoever waited for the lock is spared the time that its holder has lost.
+  const steady_clock::time_point lost{steady_clock::duration(time_lost_at_.load())};
+  if (!exchange.begun() || steady_clock::now() < lost + after_lost_time) return false;
+  const Port_Factory_var peer = get_remote_point();
+  bool known = false;
+  bool failed = CORBA::is_nil(peer.in());
+  if (!failed) try {
+      const orb::CallTimeout scope(exchange.time_left());
+      known = peer->get_port_info(name, info) == result::ok;
+    } catch (const CORBA::Exception&) {
+      releaseRemotePoint();
+      failed = true;
+    }
+  if (failed && exchange.lasts() >= lost_time) {
+    time_lost_at_ = steady_clock::now().time_since_epoch().count();
+  }
+  return known;
 }
 
 int Port_Factory_Sub::do_init_operation() {
@@ -47,8 +123,7 @@ int Port_Factory_Sub::do_init_operation() {
 }
 
 boost::shared_ptr<Port_impl> Port_Factory_Sub::get_port(const char* name) {
-  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, {});
-  if (auto port = registry_.find(name)) return port;
+  if (auto port = Port_Factory_i::get_port(name)) return port;
   return create_clon_port(name);
 }
 
@@ -66,15 +141,13 @@ unsigned int Port_Factory_Sub::back_call_(CORBA::Object_var& object) {
       return result::failed;
     }
   }
-  // Without the sub lock: reporting takes the registry lock, which comes before it.
+  // Without the sub lock: finding the ports takes the registry lock, which comes before it.
   notify_masters();
   return result::ok;
 }
 
 int Port_Factory_Sub::notify_masters() {
-  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
-  const auto ports = ports_in_name_order([](Port_impl& port) { return port.notify() != 0; });
-  for (const auto& port : ports) {
+  for (const auto& port : ports_in_name_order([](Port_impl& port) { return port.notify() != 0; })) {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, sub_guard, sub_lock_, result::servant_lock);
     if (CORBA::is_nil(master_.in())) return static_cast<int>(result::failed);
     try {
@@ -122,10 +195,7 @@ CORBA::ULong Port_Factory_Sub::update(const char* name, unsigned int handle,
   // Before the lookup: cloning may make calls of its own.
   const auto event = event_from_wire(handle, data, orb::may_take_arguments());
   auto port = get_port(name);
-  if (!port) {
-    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::failed);
-    port = create_clon_port(name);
-  }
+  if (!port) port = create_clon_port(name);
   if (!port) return result::failed;
   if (front) {
     port->push_event_front(event);
@@ -164,13 +234,10 @@ CORBA::ULong Port_Factory_Sub::push_remote_consumer(const char* name) {
 }
 
 CORBA::ULong Port_Factory_Sub::force_toslave(const char*, const char* name) {
+  const auto port = get_port(name);
+  if (!port) return result::unknown_name;
+  const unsigned int limit = port->limit();
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
-  unsigned int limit = 0;
-  {
-    const auto port = get_port(name);
-    if (!port) return result::unknown_name;
-    limit = port->limit();
-  }
   delete_port(name);
   return create_port(name, PORT_SLAVE, limit);
 }
@@ -180,6 +247,13 @@ CORBA::ULong Port_Factory_Sub::inquire_master(const char* name, CORBA::String_ou
     master = CORBA::string_dup(no_master);
     return result::failed;
   };
+  {
+    const std::lock_guard<std::mutex> round(round_lock_);
+    if (!round_.empty() && round_ == name) {
+      came_round_ = true;
+      return not_asked();
+    }
+  }
   ACE_Guard<ACE_Recursive_Thread_Mutex> guard(sub_lock_);
   if (!guard.locked()) {
     master = CORBA::string_dup("");
@@ -200,9 +274,9 @@ CORBA::ULong Port_Factory_Sub::inquire_master(const char* name, CORBA::String_ou
 
 CORBA::ULong Port_Factory_Sub::patch_object_name(Varo::STRING_LIST_out ports,
                                                  Varo::STRING_LIST_out boxes) {
-  ACE_Guard<ACE_Recursive_Thread_Mutex> guard(registry_lock_);
+  const Exchange exchange(sub_lock_);
   Port_Factory_var peer;
-  if (guard.locked()) peer = get_remote_point();
+  if (exchange.begun()) peer = get_remote_point();
   if (CORBA::is_nil(peer.in())) return Port_Factory_i::patch_object_name(ports, boxes);
 
   Varo::STRING_LIST_var peer_ports;
@@ -226,3 +300,116 @@ CORBA::ULong Port_Factory_Sub::get_remote_sub(Varo::STRING_LIST_out list) {
 }
 
 void Port_Factory_Sub::heart_bit() { ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, sub_lock_); }
+
+// --- the lives of the main server
+
+std::uint64_t Port_Factory_Sub::peer_life(Port_Factory_ptr peer, bool certainly) {
+  return life_.of(peer, certainly);
+}
+
+void Port_Factory_Sub::note_peer_handle(unsigned int handle, std::uint64_t life, PeerHandle now) {
+  life_.note(handle, life, now);
+}
+
+void Port_Factory_Sub::note_peer_owner(Port_impl* port, Port_Factory_ptr peer) {
+  try {
+    if (!CORBA::is_nil(peer)) {
+      const orb::CallTimeout scope;
+      peer->set_connected_host(port->name(), owner_note_.c_str());
+      take_over_id(peer, *port);
+      return;
+    }
+  } catch (const CORBA::Exception&) {
+    // The connection manager settles it.
+  }
+  const std::lock_guard<std::mutex> guard(unsettled_lock_);
+  unsettled_.insert(port->name());
+}
+
+bool Port_Factory_Sub::leads_back(Port_Factory_ptr peer) {
+  std::string name;
+  {
+    std::random_device random;
+    const std::lock_guard<std::mutex> guard(round_lock_);
+    round_ = name = fmt::format("\x01round {:08x}{:08x}", random(), random());
+    came_round_ = false;
+  }
+  try {
+    const orb::CallTimeout scope;
+    CORBA::String_var nobody;
+    peer->inquire_master(name.c_str(), nobody.out());
+  } catch (const CORBA::Exception&) {
+    // It has not come round, then.
+  }
+  const std::lock_guard<std::mutex> guard(round_lock_);
+  round_.clear();
+  leads_back_ = came_round_;
+  return came_round_;
+}
+
+bool Port_Factory_Sub::settle(Port_Factory_ptr peer, bool all) {
+  try {
+    close_left_open(peer);
+    std::set<std::string> names;
+    {
+      const std::lock_guard<std::mutex> guard(unsettled_lock_);
+      names.swap(unsettled_);
+    }
+    if (all || !names.empty()) disconnect_strays(peer);
+    const auto proxies = ports_in_name_order([&](Port_impl& port) {
+      return port.kind() == PORT_SLAVE && (all || names.count(port.name()) != 0);
+    });
+    for (const auto& port : proxies) {
+      if (!settle_proxy(peer, *port)) note_peer_owner(port.get(), Peer::_nil());
+    }
+    return true;
+  } catch (const CORBA::Exception&) {
+    return false;
+  }
+}
+
+void Port_Factory_Sub::close_left_open(Port_Factory_ptr peer) {
+  std::uint64_t life = 0;
+  for (const unsigned int handle : life_.left_open(life)) {
+    if (peer_life(peer, false) != life) return;
+    const orb::CallTimeout scope;
+    peer->disconnect_port(handle);
+    life_.note(handle, life, PeerHandle::closed);
+  }
+}
+
+// Owners that were connected through an earlier run of this server, or that left unheard.
+void Port_Factory_Sub::disconnect_strays(Port_Factory_ptr peer) {
+  const orb::CallTimeout scope;
+  Varo::DT_PORT_SVC::ConnectionSeq_var connections;
+  if (peer->current_connection(connections.out()) != result::ok) return;
+  for (CORBA::ULong i = 0; i < connections->length(); ++i) {
+    if (owner_note_ != connections[i].host.in()) continue;
+    const auto port = Port_Factory_i::get_port(connections[i].port_name.in());
+    auto* const proxy = dynamic_cast<vrSlave_Port*>(port.get());
+    if (proxy && proxy->has_owner_here()) continue;
+    Varo::DT_PORT_SVC::PORT_INFO info{};
+    if (peer->get_port_info(connections[i].port_name.in(), info) == result::ok) {
+      peer->disconnect_port(info.port_id);
+    }
+  }
+}
+
+bool Port_Factory_Sub::settle_proxy(Port_Factory_ptr peer, Port_impl& port) {
+  auto* const proxy = dynamic_cast<vrSlave_Port*>(&port);
+  if (!proxy) return true;
+  if (!take_over_id(peer, port)) return !proxy->has_owner_here();
+  return proxy->settle_owner(peer);
+}
+
+bool Port_Factory_Sub::take_over_id(Port_Factory_ptr peer, Port_impl& port) {
+  const orb::CallTimeout scope;
+  Varo::DT_PORT_SVC::PORT_INFO info{};
+  if (peer->get_port_info(port.name(), info) != result::ok) return false;
+  auto* const proxy = dynamic_cast<vrSlave_Port*>(&port);
+  if (!proxy || info.kind != PORT_MASTER) return true;
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, false);
+  if (port.port_id() != info.port_id) proxy->take_over_id(info.port_id);
+  if (registry_.find(port.name()).get() == &port) registry_.add_id(port);
+  return true;
+}

@@ -4,16 +4,26 @@
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/SString.h>
 
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <set>
+#include <string>
+
 #include "core/port_factory_i.h"
+#include "roles/main_life.h"
 
 /// Keeps copies of the ports of its main server (the peer): clones them all when it starts, and any
 /// further one when a caller names it. What is forwarded into its event boxes goes to the main
 /// server; what the main server distributes is stored here. A failed call to the main server drops
 /// the reference that was used; local ports go on working.
 ///
-/// Calls to the main server are made under the sub lock, and where the lookup of a missing port
-/// clones it, under the registry lock too; each has the peer call time-out, which bounds how long
-/// others may wait.
+/// Calls to the main server, other than those of proxies, are made under the sub lock, never under
+/// the registry lock once the server serves: local ports and known names do not wait for the main
+/// server. A lookup of an unknown name waits for at most one peer call time-out in all, and when
+/// one has been lost on the main server the next second's lookups do without it.
+///
+/// A main server that leads back to this one, by whatever way round, counts as unreachable.
 class Port_Factory_Sub : public Port_Factory_i {
  public:
   /// `main_server` is the name of the peer in the directory; `realm` may be null. Clones what the
@@ -31,6 +41,26 @@ class Port_Factory_Sub : public Port_Factory_i {
   /// main server cannot be found. Nothing is stored here.
   int process_event_data(Port_impl* port, unsigned int handle, const vrBuffer& data,
                          bool front) override;
+
+  // --- the lives of the main server (see Main_Life)
+  std::uint64_t peer_life(Varo::DT_PORT_SVC::Port_Factory_ptr peer, bool certainly) override;
+  void note_peer_handle(unsigned int handle, std::uint64_t life, portsvc::PeerHandle now) override;
+  /// Marks the port at the main server as owned through this server, and lets the proxy follow an
+  /// id that has changed there.
+  void note_peer_owner(Port_impl* port, Varo::DT_PORT_SVC::Port_Factory_ptr peer) override;
+  /// Remembers across a kill what is open at the main server; see Main_Life::keep_in.
+  void keep_open_handles_in(const std::string& path) { life_.keep_in(path); }
+
+  // --- for the connection manager
+  /// True when calls to `peer` come back to this server; the main server counts as unreachable from
+  /// then on, until this is asked again.
+  bool leads_back(Varo::DT_PORT_SVC::Port_Factory_ptr peer);
+  /// Brings this server in line with the main server: takes over its port ids, connects owners
+  /// there that it does not know, disconnects owners and clients that nobody here has any more.
+  /// With `all` every proxy is looked at, else only what is known to be unsettled. False when the
+  /// main server went away meanwhile.
+  bool settle(Varo::DT_PORT_SVC::Port_Factory_ptr peer, bool all);
+  void main_server_reached_anew() { life_.reached_anew(); }
 
   /// The connection manager has reached the main server (anew): keeps the reference, announces this
   /// server and reports its ports. 0; 10; 0xFFFFFFFF when the announcement failed or `object` is no
@@ -83,17 +113,35 @@ class Port_Factory_Sub : public Port_Factory_i {
   /// registry lock.
   boost::shared_ptr<Port_impl> create_clon(const char* name,
                                            const Varo::DT_PORT_SVC::PORT_INFO& info);
-  /// Copies one port if the main server has it, else empty. The caller holds the registry lock.
+  /// Copies one port if the main server has it, else empty; the port itself when somebody else was
+  /// first. Takes the sub lock for the question, afterwards the registry lock.
   boost::shared_ptr<Port_impl> create_clon_port(const char* name);
 
  private:
   using Port_Factory_var = Varo::DT_PORT_SVC::Port_Factory_var;
+  using Port_Factory_ptr = Varo::DT_PORT_SVC::Port_Factory_ptr;
+  class Exchange;
 
   CORBA::ULong update(const char* name, unsigned int handle, const Varo::DATA_BUFFER& data,
                       bool front);
+  bool ask_for(const char* name, Varo::DT_PORT_SVC::PORT_INFO& info);
+  void close_left_open(Port_Factory_ptr peer);
+  void disconnect_strays(Port_Factory_ptr peer);
+  bool settle_proxy(Port_Factory_ptr peer, Port_impl& port);
+  bool take_over_id(Port_Factory_ptr peer, Port_impl& port);
 
   const ACE_CString main_server_;
   const CORBA::ORB_var orb_;
+  const std::string owner_note_;  // the host of ports owned through this server
+  portsvc::Main_Life life_;
+  std::atomic<bool> leads_back_{false};
+  std::mutex unsettled_lock_;        // guards unsettled_; a leaf
+  std::set<std::string> unsettled_;  // names of proxies
+  std::mutex round_lock_;            // guards the two below; a leaf
+  std::string round_;                // the name this server asks for to see whether it comes round
+  bool came_round_ = false;
+  // When a lookup has lost time on the main server last, in steady_clock's ticks.
+  std::atomic<std::chrono::steady_clock::rep> time_lost_at_;
   Port_Factory_var master_;  // nil until back_call_, and after any failed call made through it
   // Serialises the exchanges with the main server and guards master_. Held across those calls. Only
   // locks of ports are taken under it: the order is always registry lock, then sub lock.

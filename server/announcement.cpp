@@ -8,7 +8,7 @@
 namespace portsvc::server {
 namespace {
 
-constexpr std::chrono::seconds retry_after(3);
+constexpr std::chrono::seconds time_between_looks(3);
 
 }  // namespace
 
@@ -19,7 +19,8 @@ Announcement::Announcement(std::shared_ptr<Directory> directory, std::string ser
       realm_(std::move(realm)),
       role_(std::move(role)),
       reference_(CORBA::Object::_duplicate(reference)) {
-  if (!enter(true)) retries_ = std::thread([this] { keep_trying(); });
+  enter(true);
+  thread_ = std::thread([this] { keep_entered(); });
 }
 
 Announcement::~Announcement() {
@@ -28,7 +29,7 @@ Announcement::~Announcement() {
     stop_ = true;
   }
   stopped_.notify_all();
-  if (retries_.joinable()) retries_.join();
+  thread_.join();
   if (entered_) directory_->unbind(server_, realm_, role_, reference_.in());
 }
 
@@ -36,19 +37,20 @@ bool Announcement::enter(bool tell_failure) {
   try {
     directory_->bind(server_, realm_, role_, reference_.in());
     entered_ = true;
+    return true;
   } catch (const orb::Error& error) {
     if (tell_failure) tell(std::string(error.what()) + "; trying again");
   }
-  return entered_;
+  return false;
 }
 
-void Announcement::keep_trying() {
+void Announcement::keep_entered() {
   std::unique_lock<std::mutex> guard(lock_);
-  while (!stopped_.wait_for(guard, retry_after, [this] { return stop_; })) {
+  while (!stopped_.wait_for(guard, time_between_looks, [this] { return stop_; })) {
     guard.unlock();
-    if (enter(false)) {
+    const CORBA::Object_var found = directory_->resolve(server_, realm_);
+    if (CORBA::is_nil(found.in()) && directory_->takes_entries() && enter(false)) {
       tell("the naming service has entered '" + server_ + "'");
-      return;
     }
     guard.lock();
   }

@@ -11,8 +11,9 @@
 
 namespace portsvc::server {
 
-/// Enters the server into the directory while it lives, and takes the entry away again. A
-/// directory that cannot be asked is asked again every few seconds on a thread of its own.
+/// Enters the server into the directory while it lives, and takes the entry away again. Every few
+/// seconds a thread of its own sees whether the entry is there and enters it if it is missing: the
+/// directory may not have been in reach, or may have lost its data.
 class Announcement {
  public:
   /// Tries once, within about the peer call time-out; a failure is told on standard error.
@@ -24,7 +25,7 @@ class Announcement {
 
  private:
   bool enter(bool tell_failure);
-  void keep_trying();
+  void keep_entered();
 
   const std::shared_ptr<Directory> directory_;
   const std::string server_;
@@ -36,7 +37,7 @@ class Announcement {
   std::condition_variable stopped_;
   bool stop_ = false;
   bool entered_ = false;  ///< written by the thread alone once it runs
-  std::thread retries_;   ///< runs only after a first try that failed
+  std::thread thread_;
 };
 
 }  // namespace portsvc::server

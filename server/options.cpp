@@ -115,6 +115,10 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
   add_options(*sub, options);
   sub->add_option("--main", options.main_server, "The main server's name in the directory")
       ->required();
+  sub->callback([&options] {
+    if (options.main_server != options.name) return;
+    throw CLI::ValidationError("--main", "a sub server cannot be its own main server");
+  });
 
   try {
     app.parse(argc, argv);

@@ -19,6 +19,7 @@
 #include "persistence/background_tasks.h"
 #include "platform/limits.h"
 #include "platform/memory.h"
+#include "platform/process.h"
 #include "platform/wake.h"
 #include "roles/port_connect_manager.h"
 #include "roles/port_factory_main.h"
@@ -45,7 +46,7 @@ class UseOfDirectory {
  public:
   UseOfDirectory(const orb::Broker& broker, const Options& options) {
     if (!options.directory.empty()) {
-      directory_ = open_file_directory(broker, options.directory);
+      directory_ = open_file_directory(broker, options.directory, tell);
     } else if (!options.naming.empty()) {
       directory_ = open_naming_directory(broker, options.naming);
     }
@@ -170,13 +171,28 @@ Servant_var<Port_Factory_i> make_servant(const Options& options, const orb::Brok
   sub = new Port_Factory_Sub(options.main_server.c_str(), options.interface_name.c_str(),
                              options.realm.empty() ? nullptr : options.realm.c_str(),
                              CORBA::ORB_var(CORBA::ORB::_duplicate(broker.orb())));
+  try {
+    sub->keep_open_handles_in(state_folder() + "/portopen.dat");
+  } catch (const std::runtime_error& error) {
+    tell(std::string(error.what()) + "; killed, this server leaves clients at its main server");
+  }
   return Servant_var<Port_Factory_i>(sub);
+}
+
+void refuse_itself_as_main(const Options& options, const UseOfDirectory& use,
+                           CORBA::Object_ptr self) {
+  if (!use.directory()) return;
+  const CORBA::Object_var main = use.directory()->resolve(options.main_server, options.realm);
+  if (CORBA::is_nil(main.in()) || !main->_is_equivalent(self)) return;
+  throw std::runtime_error(fmt::format("the directory's entry of the main server {} is this server",
+                                       options.main_server));
 }
 
 /// Everything from the first call taken to the stop.
 void serve(const Options& options, StopSignal& stop, orb::Broker& broker, const UseOfDirectory& use,
            Port_Factory_i* servant, Port_Factory_Sub* sub) {
   const Varo::DT_PORT_SVC::Port_Factory_var reference = broker.serve(servant);
+  if (sub) refuse_itself_as_main(options, use, reference.in());
   std::optional<ConnectionToMain> connection;
   if (sub) connection.emplace(options, sub);
   std::optional<Announcement> announcement;

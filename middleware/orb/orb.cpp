@@ -172,7 +172,15 @@ CORBA::Boolean refuse_while_stopping(_OMNI_NS(omniInterceptors)::serverReceiveRe
   return true;
 }
 
+/// Set while this thread must not open connections.
+thread_local bool* refused_connection = nullptr;
+
 CORBA::Boolean count_connection(_OMNI_NS(omniInterceptors)::clientOpenConnection_T::info_T& info) {
+  if (refused_connection) {
+    *refused_connection = true;
+    info.reject = true;
+    return false;
+  }
   connection_counter().opened(info.peeraddress());
   return true;
 }
@@ -342,6 +350,10 @@ CallTimeout::CallTimeout(std::chrono::milliseconds timeout) : outer_(thread_time
 }
 
 CallTimeout::~CallTimeout() { apply_thread_timeout(outer_); }
+
+OpenConnectionsOnly::OpenConnectionsOnly(bool& refused) { refused_connection = &refused; }
+
+OpenConnectionsOnly::~OpenConnectionsOnly() { refused_connection = nullptr; }
 
 std::uint64_t connections_opened(CORBA::Object_ptr object) {
   if (CORBA::is_nil(object)) return 0;

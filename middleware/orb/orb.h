@@ -112,13 +112,24 @@ class CallTimeout {
 
 /// How many connections this process has opened, as a client, since it started, to the server
 /// behind `object`; to all servers together when the reference names its server by a host name. A
-/// growing number tells that a peer may have been restarted in between. 0 for ever on a broker that
-/// cannot tell.
+/// growing number tells that a peer may have been restarted in between. A broker that cannot tell
+/// answers another number each time.
 std::uint64_t connections_opened(CORBA::Object_ptr object);
 
 /// Refuses the call that this thread is carrying out, because of a limit of the server: throws
 /// CORBA::IMP_LIMIT with a minor code of namespace refusal.
 [[noreturn]] void refuse(unsigned int minor);
+
+/// While it lives, calls of this thread go over connections that are open already: one that would
+/// open another fails with a system exception before it is sent, and sets `refused`. So what was
+/// learned about the server at the other end still holds. A broker that cannot tell refuses none.
+class OpenConnectionsOnly {
+ public:
+  explicit OpenConnectionsOnly(bool& refused);
+  ~OpenConnectionsOnly();
+  OpenConnectionsOnly(const OpenConnectionsOnly&) = delete;
+  OpenConnectionsOnly& operator=(const OpenConnectionsOnly&) = delete;
+};
 
 /// One line for people on a broker exception: its name, and what it usually means.
 std::string describe(const CORBA::Exception& exception);

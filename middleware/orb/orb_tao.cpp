@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -210,6 +211,13 @@ CallTimeout::CallTimeout(std::chrono::milliseconds timeout) : outer_(thread_time
 
 CallTimeout::~CallTimeout() { apply_thread_timeout(outer_); }
 
-std::uint64_t connections_opened(CORBA::Object_ptr) { return 0; }
+std::uint64_t connections_opened(CORBA::Object_ptr) {
+  static std::atomic<std::uint64_t> asked{0};
+  return ++asked;
+}
+
+OpenConnectionsOnly::OpenConnectionsOnly(bool&) {}
+
+OpenConnectionsOnly::~OpenConnectionsOnly() = default;
 
 }  // namespace portsvc::orb

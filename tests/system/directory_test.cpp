@@ -2,6 +2,8 @@
 #include <fmt/format.h>
 #include <signal.h>
 
+#include <filesystem>
+
 #include "tests/system/system_test.h"
 
 namespace portsvc {
@@ -69,6 +71,36 @@ TEST_F(DirectoryOfServers, AMainServerThatIsNoPortServiceIsTakenForAbsentUntilTh
   expect_exchange("p");
 }
 
+TEST_F(DirectoryOfServers, AnEntryThatIsChangedIsFollowedAndAFileThatIsBrokenIsSaid) {
+  start("main");
+  start("sub1");
+  ASSERT_TRUE(eventually([&] { return portctl("sub1", {"master", "p"}).status == 1; }));
+  const int at = free_port();
+  Process other({PORT_SERVER, "main", "--name", "other", "--endpoint",
+                 fmt::format("giop:tcp:127.0.0.1:{}", at), "--state-dir", folder.path("other")},
+                folder.path("other"));
+  const std::string reference = fmt::format("corbaloc:iiop:127.0.0.1:{}/{}", at, object_key);
+  const std::string right = read_all(directory[1]);
+  write_all(directory[1], "[main\n" + right);
+  const auto said = [&] {
+    const std::string err = process("sub1").err();
+    return std::make_pair(err.find("line 1") != std::string::npos,
+                          std::count(err.begin(), err.end(), '\n'));
+  };
+  ASSERT_TRUE(eventually([&] { return said().first; })) << process("sub1").err();
+  EXPECT_EQ(server("sub1")->exist("nobody"), static_cast<int>(result::unknown_name));
+  EXPECT_EQ(said().second, 1) << process("sub1").err();
+
+  std::string changed = right;
+  changed.replace(right.find(corbaloc("main")), corbaloc("main").size(), reference);
+  write_all(directory[1], changed);
+  ASSERT_TRUE(eventually([&] {
+    return portctl("main", {"create", "there"}).status == 0 &&
+           portctl("sub1", {"exists", "there"}).status == 0;
+  })) << "the old main server is still up";
+  EXPECT_TRUE(process("main").running());
+}
+
 TEST_F(DirectoryOfServers, ServersMeetInANamingServiceAlsoWhenItComesLast) {
   const int at = free_port();
   directory = {"--naming", fmt::format("corbaloc::127.0.0.1:{}/NameService", at)};
@@ -76,10 +108,15 @@ TEST_F(DirectoryOfServers, ServersMeetInANamingServiceAlsoWhenItComesLast) {
   start("sub1", {"--call-timeout", "1"});
   EXPECT_EQ(portctl("main", {"ping"}).status, 3) << "nobody can be found yet";
 
-  Process naming({"omniNames", "-start", std::to_string(at), "-datadir", folder.path(),
-                  "-nohostname", "-errlog", folder.path("naming.log"), "-ORBendPoint",
-                  fmt::format("giop:tcp:127.0.0.1:{}", at)},
-                 folder.path("naming"));
+  const auto start_naming = [&](const std::string& data) {
+    std::filesystem::create_directory(folder.path(data));
+    return std::make_unique<Process>(
+        Words{"omniNames", "-start", std::to_string(at), "-datadir", folder.path(data),
+              "-nohostname", "-errlog", folder.path("naming.log"), "-ORBendPoint",
+              fmt::format("giop:tcp:127.0.0.1:{}", at)},
+        folder.path("naming"));
+  };
+  auto naming = start_naming("first");
   ASSERT_TRUE(eventually([&] { return portctl("main", {"create", "p"}).status == 0; }));
   ASSERT_TRUE(eventually([&] { return portctl("sub1", {"exists", "p"}).status == 0; }));
   expect_exchange("p");
@@ -93,6 +130,11 @@ TEST_F(DirectoryOfServers, ServersMeetInANamingServiceAlsoWhenItComesLast) {
   start("main");
   done("main", {"create", "q"});
   ASSERT_TRUE(eventually([&] { return portctl("sub1", {"exists", "q"}).status == 0; }));
+
+  naming->kill();
+  naming = start_naming("second");  // which has lost its data
+  EXPECT_TRUE(eventually([&] { return portctl("main", {"ping"}).status == 0; }));
+  EXPECT_TRUE(eventually([&] { return portctl("main", {"subs"}).out == "sub1\n"; }));
 }
 
 }  // namespace

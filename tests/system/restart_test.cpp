@@ -1,0 +1,282 @@
+// What must neither be misdelivered nor left behind when a server is restarted, frozen or killed.
+#include <fmt/format.h>
+#include <signal.h>
+
+#include <future>
+
+#include "tests/system/system_test.h"
+
+namespace portsvc {
+namespace {
+
+using std::chrono::steady_clock;
+
+class Restarts : public SystemTest {
+ protected:
+  /// Starts the main server and makes its ports.
+  Port_Factory_var start_main(const Words& options = {}) {
+    start("main", options);
+    const Port_Factory_var main = server("main");
+    for (const char* name : {"p", "q"}) main->create_port(name, PORT_MASTER, 100);
+    return main;
+  }
+  Port_Factory_var start_sub(const Words& options = {}) {
+    start("sub1", options);
+    return server("sub1");
+  }
+  /// True once sub1 has met the main server: it then answers as that does.
+  bool sub1_knows_main() {
+    return eventually([&] {
+      return portctl("sub1", {"master", "nobody"}).err.find("2001") != std::string::npos;
+    });
+  }
+  /// A request from a client at one server to an owner at one, who has not answered yet.
+  static Received pass(Port_Factory_ptr from, unsigned int client, Port_Factory_ptr to,
+                       unsigned int owner, const std::string& data = "x") {
+    auto sent = std::async(std::launch::async, [&] { return send(from, client, data, 10); });
+    Received received = receive(to, owner, 10);
+    EXPECT_EQ(sent.get(), result::ok);
+    EXPECT_EQ(std::get<0>(received), result::ok);
+    EXPECT_EQ(std::get<2>(received), data);
+    return received;
+  }
+  /// How many of the numbers up to the next handle `main` gives are a client's. Changes nothing.
+  static int clients_at(Port_Factory_ptr main) {
+    const unsigned int last = connected(main, "p", CONNECT_CLIENT);
+    EXPECT_EQ(main->disconnect_port(last), result::ok);
+    std::atomic<int> count{0};
+    in_parallel(static_cast<int>(last - first_client_handle), [&](int i) {
+      const auto handle = first_client_handle + static_cast<unsigned int>(i);
+      if (reply(main, handle, 1).first != result::unknown_handle) ++count;
+    });
+    return count;
+  }
+};
+
+TEST_F(Restarts, NothingOfAnEarlierLifeReachesAStranger) {
+  Port_Factory_var main = start_main();
+  const Port_Factory_var sub = start_sub();
+  for (const bool met : {false, true}) {  // by the first call, or by a beat before it
+    ASSERT_TRUE(sub1_knows_main());
+    main = server("main");
+    // A client at sub1 waits for its answer, and an owner at sub1 owes one to a client there.
+    const unsigned int id = connected(main, "p", CONNECT_OWNER);
+    const unsigned int client = connected(sub, "p", CONNECT_CLIENT);
+    const unsigned int first = std::get<1>(pass(sub, client, main, id));
+    const unsigned int owner = connected(sub, "q", CONNECT_OWNER);
+    const unsigned int second = connected(main, "q", CONNECT_CLIENT);
+    const unsigned int source = std::get<1>(pass(main, second, sub, owner));
+
+    kill("main");
+    main = start_main();
+    if (met) {
+      ASSERT_TRUE(sub1_knows_main());
+    }
+    const unsigned int new_id = connected(main, "p", CONNECT_OWNER);
+    std::vector<unsigned int> strangers;
+    while (strangers.empty() || strangers.back() < std::max(first, second)) {
+      strangers.push_back(connected(main, "p", CONNECT_CLIENT));
+      pass(main, strangers.back(), main, new_id);
+    }
+    ASSERT_EQ(strangers.front(), first_client_handle);
+    EXPECT_NE(sub->packet_replay(source, wire("stale"), 0), result::ok);
+    for (const unsigned int stranger : strangers) main->packet_replay(stranger, wire("mine"), 0);
+    EXPECT_NE(reply(sub, client, 1).first, result::ok);
+    EXPECT_EQ(sub->disconnect_port(client), result::ok);
+    for (const unsigned int stranger : strangers) {
+      EXPECT_EQ(reply(main, stranger, 5), Reply(result::ok, "mine"));
+    }
+    EXPECT_EQ(main->disconnect_port(new_id), result::ok);
+    EXPECT_EQ(sub->disconnect_port(owner), result::ok);
+  }
+}
+
+TEST_F(Restarts, AFailureIsItsOwnClientsAlone) {
+  const Port_Factory_var main = start_main({"--max-message", "1000000"});
+  const Port_Factory_var sub = start_sub();
+  const unsigned int id = connected(main, "p", CONNECT_OWNER);
+  const unsigned int good = connected(sub, "p", CONNECT_CLIENT);
+  const unsigned int bad = connected(sub, "p", CONNECT_CLIENT);
+  const unsigned int source = std::get<1>(pass(sub, good, main, id));
+  EXPECT_EQ(send(sub, bad, std::string(2000000, 'x'), 10), result::peer_forward);
+  EXPECT_EQ(main->packet_replay(source, wire("answer"), 0), result::ok);
+  EXPECT_EQ(reply(sub, good, 10), Reply(result::ok, "answer"));
+  EXPECT_TRUE(eventually([&] { return clients_at(main) == 0; }));
+}
+
+TEST_F(Restarts, AFrozenMainServerKeepsNoClientsAndGetsTheOwnerItWasPromised) {
+  constexpr int clients = 10;
+  const Port_Factory_var main = start_main();
+  const Port_Factory_var sub = start_sub({"--call-timeout", "1"});
+  ASSERT_TRUE(sub1_knows_main());
+  std::vector<unsigned int> handles;
+  for (int i = 0; i < clients; ++i) handles.push_back(connected(sub, "p", CONNECT_CLIENT));
+  // Half of them have asked already and wait; the others only begin.
+  const unsigned int id = connected(main, "p", CONNECT_OWNER);
+  for (int i = 0; i < clients / 2; ++i) pass(sub, handles[i], main, id);
+  process("main").signal(SIGSTOP);
+  in_parallel(clients + 1, [&](int i) {
+    if (i == clients) {
+      connected(sub, "q", CONNECT_OWNER);  // answers 0, although nobody there has heard of it
+    } else if (i < clients / 2) {
+      EXPECT_EQ(reply(sub, handles[i], 1).first, result::failed);
+    } else {
+      EXPECT_EQ(send(sub, handles[i], "x", 1), result::peer_forward);
+    }
+  });
+  process("main").signal(SIGCONT);
+  EXPECT_TRUE(eventually([&] { return clients_at(main) == 0; }));
+
+  ASSERT_TRUE(eventually([&] { return info_of(main, "q").owner_connected == 1; }));
+  const unsigned int owner = info_of(sub, "q").port_id;
+  const unsigned int client = connected(main, "q", CONNECT_CLIENT);
+  pass(main, client, sub, owner);
+
+  // One that leaves while nobody there hears of it.
+  process("main").signal(SIGSTOP);
+  EXPECT_EQ(sub->disconnect_port(owner), result::peer_disconnect);
+  process("main").signal(SIGCONT);
+  EXPECT_TRUE(eventually([&] { return info_of(main, "q").owner_connected == 0; }));
+  EXPECT_EQ(main->disconnect_port(id), result::ok);
+}
+
+TEST_F(Restarts, AKilledSubServerLeavesNobodyOnceItIsBack) {
+  const Port_Factory_var main = start_main();
+  const Port_Factory_var sub = start_sub();
+  connected(sub, "q", CONNECT_OWNER);
+  const unsigned int id = connected(main, "p", CONNECT_OWNER);
+  pass(sub, connected(sub, "p", CONNECT_CLIENT), main, id);
+  EXPECT_EQ(clients_at(main), 1);
+  EXPECT_EQ(info_of(main, "q").owner_connected, 1u);
+  EXPECT_EQ(info_of(main, "p").owner_connected, 1u);
+  kill("sub1");
+  start("sub1");
+  EXPECT_TRUE(eventually([&] { return info_of(main, "q").owner_connected == 0; }));
+  EXPECT_TRUE(eventually([&] { return clients_at(main) == 0; }));
+  EXPECT_EQ(info_of(main, "p").owner_connected, 1u) << "the main server's own";
+  connected(server("sub1"), "q", CONNECT_OWNER);
+}
+
+TEST_F(Restarts, ProxiesTakeOverNewIdsAndTheirOwnersGoOn) {
+  Port_Factory_var main = start_main();
+  const Port_Factory_var sub = start_sub();
+  const unsigned int owner = connected(sub, "q", CONNECT_OWNER);
+  kill("main");
+  main = start_main();
+  ASSERT_NE(info_of(main, "q").port_id, owner);
+  ASSERT_TRUE(eventually([&] { return info_of(main, "q").owner_connected == 1; }));
+  EXPECT_EQ(info_of(sub, "q").port_id, info_of(main, "q").port_id);
+  const unsigned int client = connected(main, "q", CONNECT_CLIENT);
+  auto answer = std::async(std::launch::async, [&] { return ask(main, client, "hello", 10); });
+  const auto [code, source, data] = receive(sub, owner, 10);
+  EXPECT_EQ(data, "hello") << "an owner goes on with the id it was given";
+  EXPECT_EQ(sub->packet_replay(source, wire("answer"), 0), result::ok);
+  EXPECT_EQ(answer.get(), Reply(result::ok, "answer"));
+  EXPECT_EQ(sub->disconnect_port(owner), result::ok);
+  EXPECT_EQ(info_of(main, "q").owner_connected, 0u);
+
+  // A proxy with an id of its own learns the main server's when that refuses its owner.
+  EXPECT_EQ(sub->create_port("r", PORT_MASTER, 8), result::ok);
+  EXPECT_EQ(main->create_port("r", PORT_MASTER, 8), result::ok);
+  const unsigned int first = connected(main, "r", CONNECT_OWNER);
+  CORBA::ULong handle = 0;
+  CORBA::ULong other = 0;
+  EXPECT_EQ(sub->connect_port("r", handle, CONNECT_OWNER, ACCESS_WAIT, other),
+            result::owner_exists);
+  EXPECT_EQ(other, first);
+  EXPECT_EQ(main->disconnect_port(first), result::ok);
+  done("sub1", {"refresh", "--main", "main"});
+  const unsigned int second = connected(sub, "r", CONNECT_OWNER);
+  pass(main, connected(main, "r", CONNECT_CLIENT), sub, second);
+}
+
+TEST_F(Restarts, UnknownNamesHoldUpNobodyWhileTheMainServerIsFrozen) {
+  const Port_Factory_var main = start_main();
+  const Port_Factory_var sub = start_sub({"--call-timeout", "1"});
+  sub->create_port("own", PORT_SLAVE, 8);
+  process("main").signal(SIGSTOP);
+  std::atomic<bool> ended{false};
+  std::atomic<std::int64_t> longest{0};
+  std::vector<std::thread> askers;
+  for (int i = 0; i < 4; ++i) {
+    askers.emplace_back([&, i] {
+      for (int n = 0; !ended; ++n) {
+        const auto begin = steady_clock::now();
+        EXPECT_EQ(sub->exist(fmt::format("unknown {} {}", i, n).c_str()),
+                  static_cast<int>(result::unknown_name));
+        longest = std::max<std::int64_t>(longest, since(begin).count());
+      }
+    });
+  }
+  const unsigned int id = connected(sub, "own", CONNECT_OWNER);
+  const unsigned int client = connected(sub, "own", CONNECT_CLIENT);
+  int exchanges = 0;
+  std::int64_t slowest = 0;
+  for (const auto begin = steady_clock::now(); since(begin) < 4s; ++exchanges) {
+    const auto start = steady_clock::now();
+    pass(sub, client, sub, id);
+    EXPECT_EQ(sub->exist("p"), 0);
+    slowest = std::max<std::int64_t>(slowest, since(start).count());
+  }
+  ended = true;
+  for (std::thread& asker : askers) asker.join();
+  process("main").signal(SIGCONT);
+  EXPECT_GT(exchanges, 20);
+  EXPECT_LT(slowest, 700);
+  EXPECT_LT(longest, 1700) << "one call time-out in all";
+  main->create_port("late", PORT_MASTER, 8);
+  EXPECT_TRUE(eventually([&] { return sub->exist("late") == 0; }));
+}
+
+TEST_F(Restarts, AServerThatIsItsOwnMainServerIsRefusedOrDoesWithout) {
+  const auto refused = [&](const Words& options, const std::string& why) {
+    Words command{PORT_SERVER,   "sub",
+                  "--name",      "sub1",
+                  "--endpoint",  fmt::format("giop:tcp:127.0.0.1:{}", port("sub1")),
+                  "--state-dir", folder.path("refused")};
+    command.insert(command.end(), directory.begin(), directory.end());
+    command.insert(command.end(), options.begin(), options.end());
+    Process server(command, folder.path("refused"));
+    EXPECT_NE(outcome(server, 10s).status, 0);
+    EXPECT_NE(server.err().find(why), std::string::npos) << server.err();
+  };
+  refused({"--main", "sub1"}, "cannot be its own main server");
+  const std::string right = read_all(directory[1]);
+  const auto point_main_at = [&](const std::string& name) {
+    std::string text = right;
+    text.replace(text.find(corbaloc("main")), corbaloc("main").size(), corbaloc(name));
+    write_all(directory[1], text);
+  };
+  point_main_at("sub1");
+  refused({"--main", "main"}, "is this server");
+
+  // A circle of two, which no server can see when it starts.
+  point_main_at("sub2");
+  start("sub1", {"--call-timeout", "1"});
+  write_all(directory[1], right);
+  point_main_at("sub1");
+  start("sub2", {"--call-timeout", "1"});
+  point_main_at("sub2");  // sub1 keeps to sub2
+  for (const char* name : {"sub1", "sub2"}) {
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(portctl(name, {"exists", fmt::format("unknown {}", i)}).status, 1);
+    }
+    EXPECT_EQ(server(name)->create_port("own", PORT_SLAVE, 8), result::ok);
+    EXPECT_EQ(server(name)->exist("own"), 0);
+  }
+  // And one server that leads to itself, by an entry that was changed while it ran.
+  point_main_at("sub1");
+  const auto begin = steady_clock::now();
+  while (since(begin) < 3s) {
+    EXPECT_NE(server("sub1")->exist("unknown"), 0);
+    EXPECT_EQ(server("sub1")->exist("own"), 0);
+  }
+  write_all(directory[1], right);
+  const Port_Factory_var main = start_main();
+  for (const char* name : {"sub1", "sub2"}) {
+    EXPECT_TRUE(eventually([&] { return server(name)->exist("p") == 0; })) << name;
+  }
+}
+
+}  // namespace
+}  // namespace portsvc
