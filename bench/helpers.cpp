@@ -2,11 +2,13 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/sections.h"
@@ -67,6 +69,8 @@ int hold_callers(const std::string& reference, const std::vector<unsigned int>& 
   const CORBA::Object_var object = broker.from_text(reference);
   const Port_Factory_var server = Varo::DT_PORT_SVC::Port_Factory::_narrow(object.in());
   in_threads(static_cast<unsigned int>(ids.size()), [&](unsigned int thread) {
+    // All at once would overrun the server's backlog, and most would try again after seconds only.
+    std::this_thread::sleep_for(std::chrono::milliseconds(thread));
     CORBA::ULong source = 0;
     Varo::DATA_BUFFER_var data;
     server->packet_receive(ids[thread], source, data.out(), 0);  // without a limit
