@@ -41,6 +41,10 @@ function(portsvc_compile_idl out idl)
     # the operation does not write is sent from there: the descriptors' members start as 0.
     set(zeroed COMMAND sed -i -E "s/^(  (::|const |Varo::).* (arg_[0-9]+_?|result))$<SEMICOLON>$/\\1{}$<SEMICOLON>/"
                        ${dir}/${base}SK.cc)
+    # Another release's skeleton may look different: then the build fails, not the clients.
+    list(APPEND zeroed COMMAND grep -q "arg_0{}$<SEMICOLON>" ${dir}/${base}SK.cc
+                COMMAND sh -c "! grep -nE '^ +[A-Za-z_:]+[^=(]* (arg_[0-9]+_?|result)$<SEMICOLON>' $1" sh
+                        ${dir}/${base}SK.cc)
   else()
     set(sources ${dir}/${base}C.cpp ${dir}/${base}S.cpp)
     set(headers ${dir}/${base}C.h ${dir}/${base}S.h)

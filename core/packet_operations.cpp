@@ -75,22 +75,26 @@ CORBA::ULong Port_Factory_i::packet_replay(CORBA::ULong handle, const DATA_BUFFE
 }
 
 CORBA::ULong Port_Factory_i::packet_receive(CORBA::ULong id, CORBA::ULong_out source,
-                                            Varo::DATA_BUFFER_out data, CORBA::ULong timeout) {
+                                            Varo::DATA_BUFFER_out data, CORBA::ULong timeout) try {
   const auto port = get_port(id);
   if (!port) return with_empty(data, result::unknown_handle);
   vrBuffer packet;
   const unsigned int received = port->receive(source, packet, timeout);
   return deliver(std::move(packet), data) ? received : result::out_of_memory;
+} catch (const std::bad_alloc&) {
+  return with_empty(data, no_memory(result::out_of_memory));
 }
 
 CORBA::ULong Port_Factory_i::packet_replay_wait(CORBA::ULong handle, Varo::DATA_BUFFER_out data,
-                                                CORBA::ULong timeout) {
+                                                CORBA::ULong timeout) try {
   const auto port = find_port(handle);
   if (!port) return with_empty(data, result::unknown_handle);
   vrBuffer reply;
   const unsigned int received = port->replay_wait(handle, reply, timeout);
   if (received != result::ok) return with_empty(data, received);
   return deliver(std::move(reply), data) ? result::ok : result::out_of_memory;
+} catch (const std::bad_alloc&) {
+  return with_empty(data, no_memory(result::out_of_memory));
 }
 
 CORBA::ULong Port_Factory_i::packet_receive_n(CORBA::ULong id, Varo::DATA_BUFFER_SEQ_out list,

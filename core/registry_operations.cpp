@@ -14,9 +14,22 @@ using namespace portsvc;
 using Varo::STRING_LIST;
 using Varo::DT_PORT_SVC::ConnectionSeq;
 
+namespace {
+
+// Once a port is out of the registry. A wake-up missed for lack of memory costs a pause.
+void wake(Port_impl& port) {
+  try {
+    port.wake_everybody();
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+  }
+}
+
+}  // namespace
+
 CORBA::ULong Port_Factory_i::connect_port(const char* name, CORBA::ULong_out handle,
                                           CORBA::ULong mode, CORBA::ULong access,
-                                          CORBA::ULong_out owner) {
+                                          CORBA::ULong_out owner) try {
   owner = 0;
   const auto port = get_port(name);
   if (!port) return result::unknown_name;
@@ -40,6 +53,8 @@ CORBA::ULong Port_Factory_i::connect_port(const char* name, CORBA::ULong_out han
     default:
       return result::bad_mode;
   }
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_i::set_connected_host(const char* name, const char* host) try {
@@ -72,7 +87,7 @@ CORBA::ULong Port_Factory_i::delete_port(const char* name) try {
     }
     registry_.remove(*port);
   }
-  port->wake_everybody();
+  wake(*port);
   return result::ok;
 } catch (const std::bad_alloc&) {
   return no_memory(result::out_of_memory);
@@ -128,7 +143,7 @@ void Port_Factory_i::clearAll() {
     ACE_WRITE_GUARD(ACE_RW_Thread_Mutex, event_guard, event_lock_);
     std::swap(events, events_);
   }
-  for (const auto& entry : ports) entry.second.port->wake_everybody();
+  for (const auto& entry : ports) wake(*entry.second.port);
 }
 
 CORBA::ULong Port_Factory_i::patch_object_name(Varo::STRING_LIST_out ports,

@@ -289,6 +289,15 @@ TEST_F(WokenWaits, OfSelections) {
   EXPECT_EQ(send(server, client(server, "p"), "x", 5), result::ok);
   EXPECT_EQ(packets.get(), std::pair(result::ok, p)) << "the deleted one is watched to the end";
 
+  const unsigned int again = q_again();
+  packets = begun([&] { return select(&MainServer::select_event_port, {again}); });
+  const auto cleared = server.get_port("q");
+  const int looked = clock.tests;
+  server.clearAll();
+  EXPECT_TRUE(eventually([&] { return clock.tests > looked; })) << "one last look";
+  cleared->disconnect(again);
+  EXPECT_EQ(packets.get().first, result::nothing_selected);
+
   packets = begun([&] { return select(&MainServer::select_event_port, {q_again()}); });
   server.disconnect_port(id_of(server, "q"));
   EXPECT_EQ(packets.get().first, result::nothing_selected);
