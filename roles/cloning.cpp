@@ -29,7 +29,9 @@ void Port_Factory_Sub::clon_all_object() {
     const auto clone_each = [&](const Varo::STRING_LIST& names) {
       for (CORBA::ULong i = 0; i < names.length(); ++i) {
         PORT_INFO info{};
-        if (peer->get_port_info(names[i], info) == result::ok) create_clon(names[i], info);
+        if (peer->get_port_info(names[i], info) != result::ok) continue;
+        ACE_GUARD(ACE_Recursive_Thread_Mutex, registry_guard, registry_lock_);
+        create_clon(names[i], info);
       }
     };
     clone_each(ports.in());

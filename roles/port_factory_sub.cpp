@@ -115,8 +115,7 @@ bool Port_Factory_Sub::ask_for(const char* name, Varo::DT_PORT_SVC::PORT_INFO& i
 }
 
 int Port_Factory_Sub::do_init_operation() {
-  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, registry_guard, registry_lock_,
-                   result::servant_lock);
+  // Each copy takes the registry lock: the order is always sub lock, then registry lock.
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, sub_lock_, result::servant_lock);
   clon_all_object();
   return result::ok;
