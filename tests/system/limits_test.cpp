@@ -100,11 +100,15 @@ TEST_F(Limits, OfBlockedCallsAndConnectionsLeaveTheOthersAlone) {
   EXPECT_EQ(said("the limit of 3 blocked calls is reached"), 1);
 
   std::vector<std::unique_ptr<RawConnection>> connections;
-  for (int i = 0; i < 12; ++i) {
+  bool full = false;
+  // One after the other: of several that come at once, more may be refused than are above the
+  // limit.
+  for (int i = 0; i < 12 && !full; ++i) {
     connections.push_back(std::make_unique<RawConnection>(port("main")));
+    full = connections.back()->closed_by_peer(200ms);
   }
-  EXPECT_TRUE(std::any_of(connections.begin(), connections.end(),
-                          [](const auto& one) { return one->closed_by_peer(2s); }));
+  EXPECT_TRUE(full);
+  EXPECT_GT(connections.size(), 1U);
   EXPECT_EQ(portctl("main", {"--timeout-call", "2", "ping"}).status, 3);
   EXPECT_EQ(main->exist("p"), 0) << "who is in stays in";
   EXPECT_EQ(said("the limit of 12 connections is reached"), 1);

@@ -168,6 +168,10 @@ void RawConnection::send(const std::string& bytes) const {
   (void)::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
 
+void RawConnection::send_what_fits(const std::string& bytes) const {
+  (void)::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
 bool RawConnection::closed_by_peer(std::chrono::milliseconds patience) const {
   for (const auto end = steady_clock::now() + patience; steady_clock::now() < end;) {
     pollfd readable{socket_, POLLIN, 0};

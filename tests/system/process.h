@@ -62,6 +62,8 @@ class RawConnection {
   RawConnection& operator=(const RawConnection&) = delete;
 
   void send(const std::string& bytes) const;
+  /// As far as the other side takes it without anybody waiting.
+  void send_what_fits(const std::string& bytes) const;
   /// True when the other side closes within `patience`.
   bool closed_by_peer(std::chrono::milliseconds patience) const;
 
