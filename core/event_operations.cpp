@@ -95,8 +95,9 @@ CORBA::ULong Port_Factory_i::clear_event(const char* name) {
 }
 
 CORBA::ULong Port_Factory_i::setPersistent(const char* name, CORBA::Long flag) {
-  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
+  // Looked up first: a sub server may have to ask its main server, which nobody waits for here.
   const auto box = boost::dynamic_pointer_cast<vrEventBox>(get_port(name));
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
   if (!box) return result::unknown_name;
   box->set_persistent(flag != 0);
   return result::ok;
