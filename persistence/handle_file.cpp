@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+#include <system_error>
 
 namespace portsvc {
 namespace {
@@ -39,7 +40,7 @@ std::string Handle_File::open(const std::string& path) {
       (errno = ::posix_fallocate(file_, 0, sizeof(Image))) == 0) {
     mapped = ::mmap(nullptr, sizeof(Image), PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
   }
-  const std::string reason = std::strerror(errno);
+  const std::string reason = std::generic_category().message(errno);
   if (mapped == MAP_FAILED) throw std::runtime_error("cannot keep " + path + ": " + reason);
   image_ = static_cast<Image*>(mapped);
   if (std::memcmp(image_->magic, magic, sizeof magic) != 0) {
