@@ -55,6 +55,8 @@ int run(Session& session, const Commands& commands) {
   } catch (const Interrupted&) {
     std::fflush(stdout);
     return status::interrupted + interrupted();
+  } catch (const ReaderGone&) {
+    return status::failed;
   } catch (const UsageError& error) {
     warn(error.what());
     return status::bad_usage;
@@ -62,7 +64,7 @@ int run(Session& session, const Commands& commands) {
     warn(error.what());
     return status::unreachable;
   } catch (const CORBA::Exception& exception) {
-    warn(session.options().server + ": " + portsvc::orb::describe(exception));
+    warn(session.explain(exception));
     return status::unreachable;
   } catch (const std::exception& error) {
     warn(error.what());

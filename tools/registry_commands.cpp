@@ -9,6 +9,7 @@
 #include "tools/errors.h"
 #include "tools/interrupt.h"
 #include "tools/output.h"
+#include "tools/owner.h"
 
 namespace portsvc::tools {
 namespace {
@@ -84,11 +85,31 @@ void exists(Session& session, const NameOptions& options) {
   check("look for " + options.name, static_cast<unsigned int>(code));
 }
 
+struct ReleaseOptions {
+  std::string name;
+  bool force = false;
+};
+
+void describe_release(CLI::App& command, ReleaseOptions& options) {
+  command.add_option("NAME", options.name, "The port")->required();
+  command.add_flag("--force", options.force, "Also from an owner that may still live");
+}
+
 // Frees a port whose owner died without disconnecting; what is queued stays for the next owner.
-void release(Session& session, const NameOptions& options) {
+void release(Session& session, const ReleaseOptions& options) {
+  Port_Factory_ptr server = session.server();
   Varo::DT_PORT_SVC::PORT_INFO info{};
-  check("look for " + options.name, session.server()->get_port_info(options.name.c_str(), info));
-  check("release " + options.name, session.server()->disconnect_port(info.port_id));
+  check("look for " + options.name, server->get_port_info(options.name.c_str(), info));
+  if (info.owner_connected != 0 && !options.force) {
+    const auto note = note_of_owner(server, options.name);
+    if (!note || !note->has_ended()) {
+      throw Failure(fmt::format(
+          "release {}: {} owns it and may still live; it would lose the port. If it is dead, say "
+          "--force",
+          options.name, owner_text(note)));
+    }
+  }
+  check("release " + options.name, server->disconnect_port(info.port_id));
 }
 
 struct HostOptions {
@@ -205,9 +226,9 @@ void add_registry_commands(Commands& commands) {
                               remove);
   commands.add<NameOptions>(app, "exists", "Succeed when there is a port of that name",
                             "exists orders && echo yes", describe_name, exists);
-  commands.add<NameOptions>(app, "release",
-                            "Disconnect a port's owner, for one that died without doing so",
-                            "release orders", describe_name, release);
+  commands.add<ReleaseOptions>(app, "release",
+                               "Disconnect a port's owner, for one that died without doing so",
+                               "release orders", describe_release, release);
   CLI::App* host = app.add_subcommand("host", "The host text of a port");
   host->require_subcommand(1);
   commands.add<HostOptions>(*host, "set", "Store the host text; it goes when the owner leaves",
