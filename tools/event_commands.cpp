@@ -177,22 +177,6 @@ void describe_watch(CLI::App& command, WatchOptions& options) {
 
 using Owners = std::deque<Owner>;
 
-// Prints what has been taken. What cannot be shown goes back into its box, at the end.
-void print_events(Port_Factory_ptr server, PayloadPrinter& printer, const std::string& box,
-                  const Varo::DATA_BUFFER_SEQ& events) {
-  CORBA::ULong shown = 0;
-  try {
-    for (; shown < events.length(); ++shown) printer.print(events[shown], box);
-  } catch (const std::exception&) {
-    CORBA::ULong lost = 0;
-    for (CORBA::ULong i = shown; i < events.length(); ++i) {
-      if (server->send_event(box.c_str(), events[i]) != result::ok) ++lost;
-    }
-    if (lost != 0) warn(fmt::format("{} events taken from {} could not be shown", lost, box));
-    throw;
-  }
-}
-
 class Watch {
  public:
   Watch(Session& session, const WatchOptions& options)
@@ -208,12 +192,27 @@ class Watch {
       owners.emplace_back(session, box, options_.owner, &printer_.sink());
     }
     connected();
-    while (options_.count == 0 || taken_ < options_.count) {
-      if (!round(server, owners)) return;
+    try {
+      while (options_.count == 0 || taken_ < options_.count) {
+        if (!round(server, owners)) return;
+      }
+    } catch (const Interrupted&) {
+      throw;
+    } catch (const std::exception&) {
+      put_back(server);
+      throw;
     }
   }
 
  private:
+  // An event that has been taken. As long as its bytes may lie in a pipe it is not forgotten.
+  struct Taken {
+    std::string box;
+    Varo::DATA_BUFFER event;
+    std::size_t bytes = 0;  // as shown
+    bool shown = false;
+  };
+
   // False when a drained box, or each of them, is empty.
   bool round(Port_Factory_ptr server, const Owners& owners) {
     const bool waits = !options_.drain && owners.size() == 1;
@@ -257,14 +256,48 @@ class Watch {
     }
     check("watch " + box, code);
     if (events->length() == 0) throw Failure(box + " is no event box");
-    print_events(server, printer_, box, events);
     taken_ += events->length();
+    const std::size_t first = recent_.size();
+    for (CORBA::ULong i = 0; i < events->length(); ++i) recent_.push_back({box, events[i]});
+    for (std::size_t i = first; i < recent_.size(); ++i) {
+      recent_[i].bytes = printer_.print(recent_[i].event, box);
+      recent_[i].shown = true;
+      shown_ += recent_[i].bytes;
+    }
+    forget_what_was_read();
     return true;
+  }
+
+  void forget_what_was_read() {
+    const std::size_t unread = printer_.sink().unread();
+    while (!recent_.empty() && recent_.front().shown && shown_ - recent_.front().bytes >= unread) {
+      shown_ -= recent_.front().bytes;
+      recent_.pop_front();
+    }
+  }
+
+  // What nobody has read goes back into its box, at the end.
+  void put_back(Port_Factory_ptr server) {
+    if (reader_gone(printer_.sink().fd())) {
+      forget_what_was_read();
+    } else {
+      while (!recent_.empty() && recent_.front().shown) recent_.pop_front();
+    }
+    for (const Taken& taken : recent_) {
+      const unsigned int code = server->send_event(taken.box.c_str(), taken.event);
+      if (code != result::ok) {
+        warn(fmt::format("an event taken from {} could not be shown, nor put back: {}", taken.box,
+                         code_text(code)));
+      }
+    }
+    recent_.clear();
   }
 
   using steady_clock = std::chrono::steady_clock;
   const WatchOptions& options_;
   PayloadPrinter printer_;
+  std::deque<Taken> recent_;
+  std::size_t shown_ = 0;  // the sum of their bytes
   unsigned int taken_ = 0;
   steady_clock::time_point idle_since_ = steady_clock::now();
 };
@@ -338,6 +371,7 @@ void add_event_commands(Commands& commands) {
                                "event declare 42 'oven 3 hot'", describe_declare, declare);
   commands.add<SubscribeOptions>(*event, "subscribe", "Let a box have the events of a code",
                                  "event subscribe alarms 42", describe_subscribe, subscribe);
+  add_subscriptions_command(commands, *event);
   commands.add<WatchOptions>(*event, "watch", "Own event boxes and print their events",
                              "event watch alarms --count 10", describe_watch, watch);
   commands.add<BoxOptions>(*event, "count", "Print how many events a box holds",

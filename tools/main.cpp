@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "platform/decimal_options.h"
 #include "tools/arguments.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
@@ -96,6 +97,7 @@ int main(int argc, char** argv) {
   add_event_commands(commands);
   add_cluster_commands(commands);
   add_snapshot_commands(commands);
+  portsvc::make_numbers_decimal(app);
   try {
     app.parse(shielded_arguments(argc, argv));
   } catch (const CLI::ParseError& error) {

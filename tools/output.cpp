@@ -130,8 +130,8 @@ PayloadPrinter::PayloadPrinter(const Options& options) : options_(options), sink
   }
 }
 
-void PayloadPrinter::print(const Varo::DATA_BUFFER& payload, const std::string& port,
-                           std::optional<unsigned int> source) {
+std::size_t PayloadPrinter::print(const Varo::DATA_BUFFER& payload, const std::string& port,
+                                  std::optional<unsigned int> source) {
   std::string bytes = to_bytes(payload);
   if (options_.json) {
     Json object;
@@ -148,6 +148,7 @@ void PayloadPrinter::print(const Varo::DATA_BUFFER& payload, const std::string& 
     bytes = line + "\n";
   }
   sink_.write(bytes);
+  return bytes.size();
 }
 
 }  // namespace portsvc::tools

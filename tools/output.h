@@ -59,9 +59,10 @@ class PayloadPrinter {
 
   Sink& sink() { return sink_; }
 
-  /// Writes a payload of `port` at once. `source` is the sender's handle, where there is one.
-  void print(const Varo::DATA_BUFFER& payload, const std::string& port,
-             std::optional<unsigned int> source = {});
+  /// Writes a payload of `port` at once and answers how many bytes that took. `source` is the
+  /// sender's handle, where there is one.
+  std::size_t print(const Varo::DATA_BUFFER& payload, const std::string& port,
+                    std::optional<unsigned int> source = {});
 
  private:
   Options options_;

@@ -2,7 +2,10 @@
 #include <fmt/core.h>
 
 #include <chrono>
+#include <cstdint>
+#include <limits>
 #include <map>
+#include <string>
 
 #include "idl/port_codes.h"
 #include "tools/commands.h"
@@ -39,11 +42,13 @@ const std::map<std::string, unsigned int>& kind_words() {
 unsigned int kind_code(const std::string& text) {
   const auto word = kind_words().find(text);
   if (word != kind_words().end()) return word->second;
-  unsigned int code = 0;
-  if (!CLI::detail::lexical_cast(text, code)) {
+  const bool number = !text.empty() && text.size() <= 10 &&
+                      text.find_first_not_of("0123456789") == std::string::npos;
+  const unsigned long long code = number ? std::stoull(text) : 0;
+  if (!number || code > std::numeric_limits<std::uint32_t>::max()) {
     throw UsageError(fmt::format("'{}' is no kind: port, box, proxy or a number", text));
   }
-  return code;
+  return static_cast<unsigned int>(code);
 }
 
 void describe_create(CLI::App& command, CreateOptions& options) {
@@ -56,11 +61,28 @@ void describe_create(CLI::App& command, CreateOptions& options) {
   command
       .add_option("--limit", options.limit,
                   "Packets or events it keeps; beyond that the oldest is dropped")
-      ->capture_default_str();
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+}
+
+// The server would answer success and leave the port of the other kind as it is.
+void refuse_other_kind(Port_Factory_ptr server, const std::string& name, unsigned int kind) {
+  Varo::STRING_LIST_var ports;
+  Varo::STRING_LIST_var boxes;
+  check("list ports", server->patch_object_name(ports.out(), boxes.out()));
+  const Varo::STRING_LIST& others = kind == PORT_EVENTBOX ? ports.in() : boxes.in();
+  for (CORBA::ULong i = 0; i < others.length(); ++i) {
+    if (name != others[i].in()) continue;
+    throw Failure(fmt::format(
+        "create {}: it exists and is {}; see: portctl info", name,
+        kind == PORT_EVENTBOX ? "a packet port, no event box" : "an event box, no packet port"));
+  }
 }
 
 void create(Session& session, const CreateOptions& options) {
+  if (options.name.empty()) throw UsageError("a port needs a name");
   const unsigned int kind = kind_code(options.kind);
+  refuse_other_kind(session.server(), options.name, kind);
   check("create " + options.name,
         session.server()->create_port(options.name.c_str(), kind, options.limit));
 }

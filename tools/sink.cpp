@@ -4,6 +4,7 @@
 #include <fmt/core.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -96,6 +97,14 @@ void Sink::write(std::string_view bytes) {
   } catch (const std::system_error& error) {
     failed(error.code().value());
   }
+}
+
+std::size_t Sink::unread() const {
+  int bytes = 0;
+  struct stat is {};
+  const bool pipe = ::fstat(fd_, &is) == 0 && S_ISFIFO(is.st_mode);
+  return pipe && ::ioctl(fd_, FIONREAD, &bytes) == 0 && bytes > 0 ? static_cast<std::size_t>(bytes)
+                                                                  : 0;
 }
 
 ReaderWatch::ReaderWatch(const Sink& sink, std::function<void()> on_gone) {

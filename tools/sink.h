@@ -29,6 +29,8 @@ class Sink {
   void wait_for_room();
   /// Writes all of it at once. Throws ReaderGone or Failure.
   void write(std::string_view bytes);
+  /// How many of the bytes lie in a pipe, read by nobody yet; also when its reader has gone.
+  std::size_t unread() const;
 
  private:
   [[noreturn]] void failed(int error) const;

@@ -164,7 +164,31 @@ void show(Session& session, const FileOptions& options) {
   }
 }
 
+void subscriptions(Session& session, const NoOptions&) {
+  const auto content = snapshot::parse(RemoteFile(session.server()->openSnapShot()).read_all());
+  Json list = Json::array();
+  Table table({"CODE", "BOX"});
+  for (const auto& subscription : content.subscriptions) {
+    list.push_back({{"code", signed_code(subscription.code)}, {"box", subscription.name}});
+    table.add({std::to_string(signed_code(subscription.code)), printable(subscription.name)});
+  }
+  if (session.options().json) {
+    print_json(list);
+  } else {
+    table.print();
+  }
+  flush_output();
+  const auto found = problems(content);
+  if (!found.empty()) throw Failure(fmt::format("the list is damaged: {}", fmt::join(found, "; ")));
+}
+
 }  // namespace
+
+void add_subscriptions_command(Commands& commands, CLI::App& event) {
+  commands.add<NoOptions>(event, "subscriptions",
+                          "List which boxes have the events of which codes (makes a snapshot)",
+                          "event subscriptions", describe_nothing, subscriptions);
+}
 
 void add_snapshot_commands(Commands& commands) {
   CLI::App* group = commands.app.add_subcommand("snapshot", "The server's snapshot file");
