@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "platform/decimal_options.h"
+
 namespace portsvc::server {
 namespace {
 
@@ -120,6 +122,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     throw CLI::ValidationError("--main", "a sub server cannot be its own main server");
   });
 
+  make_numbers_decimal(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

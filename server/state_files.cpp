@@ -13,6 +13,7 @@
 #include "idl/port_codes.h"
 #include "persistence/snapshot_file.h"
 #include "persistence/whole_file.h"
+#include "platform/output_file.h"
 #include "platform/process.h"
 
 namespace fs = std::filesystem;
@@ -154,8 +155,7 @@ Found_Snapshot set_aside_snapshot(Restore restore) {
 }
 
 void write_by_rename(const std::string& path, const std::string& content) {
-  const std::string problem = write_whole_file(path, content);
-  if (!problem.empty()) throw std::runtime_error(problem);
+  write_output_file(path, content);
 }
 
 }  // namespace portsvc::server

@@ -1,6 +1,7 @@
 // master, subs, move and refresh: main and sub servers.
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <chrono>
 #include <optional>
 #include <string>
@@ -54,15 +55,41 @@ void subs(Session& session, const NoOptions&) {
 struct MoveOptions {
   std::string port;
   std::string to;
+  bool force = false;
 };
 
 void describe_move(CLI::App& command, MoveOptions& options) {
   command.add_option("NAME", options.port, "The port")->required();
   command.add_option("--to", options.to, "The name of the server that is to keep the port")
       ->required();
+  command.add_flag("--force", options.force, "Also to a server that is not known");
+}
+
+// A main server knows its sub servers; a sub server knows nobody, so there only a directory helps.
+bool is_known(Session& session, const std::string& name) {
+  const GlobalOptions& options = session.options();
+  if (!options.directory.empty() || !options.naming.empty()) {
+    for (const char* role : {role_main, role_sub}) {
+      const auto names = session.directory().servers(role, options.realm);
+      if (std::find(names.begin(), names.end(), name) != names.end()) return true;
+    }
+    return false;
+  }
+  Varo::STRING_LIST_var list;
+  const unsigned int code = session.server()->get_remote_sub(list.out());
+  if (code != result::ok) return false;  // a main server without sub servers
+  for (CORBA::ULong i = 0; i < list->length(); ++i) {
+    if (name == list[i].in()) return true;
+  }
+  return list->length() == 0;
 }
 
 void move(Session& session, const MoveOptions& options) {
+  if (!options.force && !is_known(session, options.to)) {
+    throw Failure(fmt::format(
+        "move {}: no server '{}' is known (see: portctl subs); --force moves it all the same",
+        options.port, options.to));
+  }
   check(fmt::format("move {} to {}", options.port, options.to),
         session.server()->force_toslave(options.to.c_str(), options.port.c_str()));
 }

@@ -48,4 +48,7 @@ void add_event_commands(Commands& commands);     ///< event ...
 void add_cluster_commands(Commands& commands);   ///< master subs move refresh
 void add_snapshot_commands(Commands& commands);  ///< snapshot ...
 
+/// event subscriptions, which reads a snapshot.
+void add_subscriptions_command(Commands& commands, CLI::App& event);
+
 }  // namespace portsvc::tools

@@ -51,6 +51,12 @@ class Interrupted : public std::exception {
   const char* what() const noexcept override { return "interrupted"; }
 };
 
+/// Nobody reads the output any more: an end without a word, as the shell's own tools have it.
+class ReaderGone : public std::exception {
+ public:
+  const char* what() const noexcept override { return "nobody reads the output"; }
+};
+
 /// "2017 send_timed_out: no owner took the packet before the time-out".
 std::string code_text(unsigned int code);
 

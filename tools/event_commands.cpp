@@ -2,7 +2,10 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <string>
@@ -14,6 +17,7 @@
 #include "tools/errors.h"
 #include "tools/input.h"
 #include "tools/output.h"
+#include "tools/owner.h"
 #include "tools/waiting.h"
 
 namespace portsvc::tools {
@@ -137,17 +141,20 @@ void subscribe(Session& session, const SubscribeOptions& options) {
 // --- taking events
 
 struct WatchOptions {
-  std::string box;
+  std::vector<std::string> boxes;
   unsigned int count = 0;
   unsigned int timeout = 0;
   unsigned int batch = 64;
   bool drain = false;
   bool raw = false;
+  bool timestamps = false;
   std::string file;
+  OwnerOptions owner;
+  Reconnect reconnect;
 };
 
 void describe_watch(CLI::App& command, WatchOptions& options) {
-  command.add_option("BOX", options.box, "The event box")->required();
+  command.add_option("BOX", options.boxes, "The event boxes")->required();
   command.add_option("--count", options.count, "End after so many events; 0: when interrupted")
       ->capture_default_str();
   command
@@ -156,39 +163,150 @@ void describe_watch(CLI::App& command, WatchOptions& options) {
       ->capture_default_str();
   command
       .add_option("--batch", options.batch,
-                  "Events taken with one call; together they must fit --max-message")
+                  "Events taken with one call, when the output is a terminal or a file; together "
+                  "they must fit --max-message")
       ->capture_default_str()
       ->check(CLI::PositiveNumber);
   command.add_flag("--drain", options.drain, "Take what is there and end");
   command.add_flag("--raw", options.raw, "Print the bytes alone, without a newline after each");
+  command.add_flag("--timestamps", options.timestamps, "Print the time (UTC) before each event");
   command.add_option("--file", options.file, "Write the bytes into this file");
+  describe_owner(command, options.owner);
+  describe_reconnect(command, options.reconnect);
 }
 
-void watch(Session& session, const WatchOptions& options) {
-  PayloadPrinter printer({session.options().json, options.raw, options.file});
-  Port_Factory_ptr server = session.server();
-  const Connection owner(server, options.box, CONNECT_OWNER, ACCESS_WAIT);
-  try {
-    for (unsigned int taken = 0; options.count == 0 || taken < options.count;) {
-      const unsigned int wanted =
-          options.count == 0 ? options.batch : std::min(options.batch, options.count - taken);
-      Varo::DATA_BUFFER_SEQ_var events;
-      unsigned int code = result::ok;
-      if (options.drain) {
-        throw_if_interrupted();
-        code = server->packet_receive_n(owner.handle(), events.out(), wanted, 0);
-        if (code == result::timed_out) return;
-      } else {
-        code = wait_in_slices(options.timeout, result::timed_out, [&](unsigned int seconds) {
-          return server->packet_receive_n(owner.handle(), events.out(), wanted, seconds);
-        });
-      }
-      check("watch " + options.box, code);
-      if (events->length() == 0) throw Failure(options.box + " is no event box");
-      for (CORBA::ULong i = 0; i < events->length(); ++i) printer.print(events[i]);
-      printer.flush();
-      taken += events->length();
+using Owners = std::deque<Owner>;
+
+class Watch {
+ public:
+  Watch(Session& session, const WatchOptions& options)
+      : options_(options),
+        printer_({session.options().json, options.raw, options.file, options.timestamps,
+                  options.boxes.size() > 1}) {}
+
+  // Takes and prints until all that was asked for is there.
+  void run(Session& session, const std::function<void()>& connected) {
+    Port_Factory_ptr server = session.server();
+    Owners owners;
+    for (const std::string& box : options_.boxes) {
+      owners.emplace_back(session, box, options_.owner, &printer_.sink());
     }
+    connected();
+    try {
+      while (options_.count == 0 || taken_ < options_.count) {
+        if (!round(server, owners)) return;
+      }
+    } catch (const Interrupted&) {
+      throw;
+    } catch (const std::exception&) {
+      put_back(server);
+      throw;
+    }
+  }
+
+ private:
+  // An event that has been taken. As long as its bytes may lie in a pipe it is not forgotten.
+  struct Taken {
+    std::string box;
+    Varo::DATA_BUFFER event;
+    std::size_t bytes = 0;  // as shown
+    bool shown = false;
+  };
+
+  // False when a drained box, or each of them, is empty.
+  bool round(Port_Factory_ptr server, const Owners& owners) {
+    const bool waits = !options_.drain && owners.size() == 1;
+    bool any = false;
+    for (std::size_t i = 0; i < owners.size(); ++i) {
+      if (options_.count != 0 && taken_ == options_.count) return true;
+      any = take(server, owners[i], options_.boxes[i], waits) || any;
+    }
+    if (any || waits) {
+      idle_since_ = steady_clock::now();
+      return true;
+    }
+    if (options_.drain) return false;
+    if (options_.timeout != 0 &&
+        steady_clock::now() - idle_since_ >= std::chrono::seconds(options_.timeout)) {
+      check("watch", result::timed_out);
+    }
+    pause_for(std::chrono::milliseconds(50));  // there is no wait for several boxes
+    return true;
+  }
+
+  bool take(Port_Factory_ptr server, const Owner& owner, const std::string& box, bool waits) {
+    printer_.sink().wait_for_room();
+    const unsigned int most = printer_.sink().is_steady() ? options_.batch : 1;
+    const unsigned int wanted =
+        options_.count == 0 ? most : std::min(most, options_.count - taken_);
+    Varo::DATA_BUFFER_SEQ_var events;
+    unsigned int code = result::ok;
+    if (waits) {
+      code = wait_in_slices(options_.timeout, result::timed_out, [&](unsigned int seconds) {
+        const unsigned int answer =
+            server->packet_receive_n(owner.handle(), events.out(), wanted, seconds);
+        if (answer != result::ok && owner.reader_gone()) throw ReaderGone();
+        return answer;
+      });
+    } else {
+      throw_if_interrupted();
+      code = server->packet_receive_n(owner.handle(), events.out(), wanted, 0);
+      if (code != result::ok && owner.reader_gone()) throw ReaderGone();
+      if (code == result::timed_out) return false;
+    }
+    check("watch " + box, code);
+    if (events->length() == 0) throw Failure(box + " is no event box");
+    taken_ += events->length();
+    const std::size_t first = recent_.size();
+    for (CORBA::ULong i = 0; i < events->length(); ++i) recent_.push_back({box, events[i]});
+    for (std::size_t i = first; i < recent_.size(); ++i) {
+      recent_[i].bytes = printer_.print(recent_[i].event, box);
+      recent_[i].shown = true;
+      shown_ += recent_[i].bytes;
+    }
+    forget_what_was_read();
+    return true;
+  }
+
+  void forget_what_was_read() {
+    const std::size_t unread = printer_.sink().unread();
+    while (!recent_.empty() && recent_.front().shown && shown_ - recent_.front().bytes >= unread) {
+      shown_ -= recent_.front().bytes;
+      recent_.pop_front();
+    }
+  }
+
+  // What nobody has read goes back into its box, at the end.
+  void put_back(Port_Factory_ptr server) {
+    if (reader_gone(printer_.sink().fd())) {
+      forget_what_was_read();
+    } else {
+      while (!recent_.empty() && recent_.front().shown) recent_.pop_front();
+    }
+    for (const Taken& taken : recent_) {
+      const unsigned int code = server->send_event(taken.box.c_str(), taken.event);
+      if (code != result::ok) {
+        warn(fmt::format("an event taken from {} could not be shown, nor put back: {}", taken.box,
+                         code_text(code)));
+      }
+    }
+    recent_.clear();
+  }
+
+  using steady_clock = std::chrono::steady_clock;
+  const WatchOptions& options_;
+  PayloadPrinter printer_;
+  std::deque<Taken> recent_;
+  std::size_t shown_ = 0;  // the sum of their bytes
+  unsigned int taken_ = 0;
+  steady_clock::time_point idle_since_ = steady_clock::now();
+};
+
+void watch(Session& session, const WatchOptions& options) {
+  Watch watch(session, options);
+  try {
+    keep_connected(session, options.reconnect,
+                   [&](const std::function<void()>& connected) { watch.run(session, connected); });
   } catch (const Interrupted&) {
     if (options.count != 0) throw;
   }
@@ -253,7 +371,8 @@ void add_event_commands(Commands& commands) {
                                "event declare 42 'oven 3 hot'", describe_declare, declare);
   commands.add<SubscribeOptions>(*event, "subscribe", "Let a box have the events of a code",
                                  "event subscribe alarms 42", describe_subscribe, subscribe);
-  commands.add<WatchOptions>(*event, "watch", "Own an event box and print its events",
+  add_subscriptions_command(commands, *event);
+  commands.add<WatchOptions>(*event, "watch", "Own event boxes and print their events",
                              "event watch alarms --count 10", describe_watch, watch);
   commands.add<BoxOptions>(*event, "count", "Print how many events a box holds",
                            "event count alarms", describe_box, count);

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "platform/decimal_options.h"
 #include "tools/arguments.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
@@ -55,6 +56,8 @@ int run(Session& session, const Commands& commands) {
   } catch (const Interrupted&) {
     std::fflush(stdout);
     return status::interrupted + interrupted();
+  } catch (const ReaderGone&) {
+    return status::failed;
   } catch (const UsageError& error) {
     warn(error.what());
     return status::bad_usage;
@@ -62,7 +65,7 @@ int run(Session& session, const Commands& commands) {
     warn(error.what());
     return status::unreachable;
   } catch (const CORBA::Exception& exception) {
-    warn(session.options().server + ": " + portsvc::orb::describe(exception));
+    warn(session.explain(exception));
     return status::unreachable;
   } catch (const std::exception& error) {
     warn(error.what());
@@ -94,6 +97,7 @@ int main(int argc, char** argv) {
   add_event_commands(commands);
   add_cluster_commands(commands);
   add_snapshot_commands(commands);
+  portsvc::make_numbers_decimal(app);
   try {
     app.parse(shielded_arguments(argc, argv));
   } catch (const CLI::ParseError& error) {

@@ -1,11 +1,14 @@
 #include "tools/output.h"
 
+#include <fmt/chrono.h>
 #include <fmt/core.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/archive/iterators/base64_from_binary.hpp>
 #include <boost/archive/iterators/transform_width.hpp>
 #include <cerrno>
+#include <chrono>
 #include <system_error>
 
 #include "tools/errors.h"
@@ -23,12 +26,29 @@ std::string base64(const std::string& bytes) {
 }
 
 [[noreturn]] void output_failed() {
+  if (errno == EPIPE) throw ReaderGone();
   throw Failure(
       fmt::format("cannot write to standard output: {}", std::generic_category().message(errno)));
 }
 
 std::string dump(const Json& document, int indent) {
   return document.dump(indent, ' ', false, Json::error_handler_t::replace);
+}
+
+bool is_utf8(std::string_view bytes) {
+  try {
+    (void)Json(bytes).dump();  // refuses what is none
+    return true;
+  } catch (const Json::type_error&) {
+    return false;
+  }
+}
+
+std::string time_now() {
+  const auto now = std::chrono::system_clock::now();
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch());
+  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z",
+                     fmt::gmtime(std::chrono::system_clock::to_time_t(now)), ms.count() % 1000);
 }
 
 }  // namespace
@@ -74,47 +94,61 @@ void Table::print() const {
   }
 }
 
+std::string shown_on_terminal(std::string_view text) {
+  std::string shown;
+  for (std::size_t i = 0; i < text.size();) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const std::size_t length = byte < 0x80 ? 1 : byte < 0xe0 ? 2 : byte < 0xf0 ? 3 : 4;
+    const std::string_view character = text.substr(i, length);
+    const bool control = (byte < 0x20 && byte != '\n' && byte != '\t') || byte == 0x7f ||
+                         (byte == 0xc2 && static_cast<unsigned char>(character.back()) < 0xa0);
+    if (!control && is_utf8(character)) {
+      shown += character;
+      i += length;
+    } else {
+      shown += fmt::format("\\x{:02x}", byte);
+      ++i;
+    }
+  }
+  return shown;
+}
+
 Json payload_json(const std::string& bytes) {
   Json object{{"size", bytes.size()}};
-  try {
-    (void)Json(bytes).dump();  // refuses what is no UTF-8
+  if (is_utf8(bytes)) {
     object["text"] = bytes;
-  } catch (const Json::type_error&) {
+  } else {
     object["base64"] = base64(bytes);
   }
   return object;
 }
 
-PayloadPrinter::PayloadPrinter(const Options& options) : options_(options) {
-  if (options_.file.empty()) return;
-  file_.open(options_.file, std::ios::binary | std::ios::trunc);
-  if (!file_) {
-    throw UsageError(
-        fmt::format("cannot write {}: {}", options_.file, std::generic_category().message(errno)));
+PayloadPrinter::PayloadPrinter(const Options& options) : options_(options), sink_(options.file) {
+  if (!options_.file.empty()) {
+    options_.raw = true;
+    options_.json = false;
   }
 }
 
-void PayloadPrinter::print(const Varo::DATA_BUFFER& payload, std::optional<unsigned int> source) {
-  const std::string bytes = to_bytes(payload);
-  if (file_.is_open()) {
-    file_.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  } else if (options_.json) {
+std::size_t PayloadPrinter::print(const Varo::DATA_BUFFER& payload, const std::string& port,
+                                  std::optional<unsigned int> source) {
+  std::string bytes = to_bytes(payload);
+  if (options_.json) {
     Json object;
+    if (options_.timestamps) object["time"] = time_now();
+    if (options_.names) object["box"] = port;
     if (source) object["source"] = *source;
     object.update(payload_json(bytes));
-    write_output(dump(object, -1) + "\n");
-  } else {
-    write_output(bytes);
-    if (!options_.raw) write_output("\n");
+    bytes = dump(object, -1) + "\n";
+  } else if (!options_.raw) {
+    std::string line;
+    if (options_.timestamps) line += time_now() + "  ";
+    if (options_.names) line += printable(port) + "  ";
+    line += sink_.is_terminal() ? shown_on_terminal(bytes) : bytes;
+    bytes = line + "\n";
   }
-}
-
-void PayloadPrinter::flush() {
-  if (file_.is_open() && !file_.flush()) {
-    throw Failure(
-        fmt::format("cannot write {}: {}", options_.file, std::generic_category().message(errno)));
-  }
-  flush_output();
+  sink_.write(bytes);
+  return bytes.size();
 }
 
 }  // namespace portsvc::tools

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdio>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "middleware/orb/orb.h"
+#include "tools/sink.h"
 
 namespace portsvc::tools {
 
@@ -40,24 +40,33 @@ class Table {
 /// {"size": n, "text": ...} or, when the bytes are no UTF-8, {"size": n, "base64": ...}.
 Json payload_json(const std::string& bytes);
 
+/// `text` as a payload on a terminal: control characters other than newline and tab, and bytes that
+/// are no UTF-8, are escaped, so that no payload commands the terminal.
+std::string shown_on_terminal(std::string_view text);
+
 /// Where and how received payloads are written.
 class PayloadPrinter {
  public:
   struct Options {
-    bool json = false;  ///< one JSON object per line
-    bool raw = false;   ///< the bytes alone, with nothing between two payloads
-    std::string file;   ///< the bytes alone, into this file
+    bool json = false;        ///< one JSON object per line
+    bool raw = false;         ///< the bytes alone, with nothing between two payloads
+    std::string file;         ///< the bytes alone, into this file; "-" is standard output
+    bool timestamps = false;  ///< the time of printing before each payload
+    bool names = false;       ///< the name of its port before each payload
   };
-  /// Throws UsageError when the file cannot be made, so before anything has been taken.
+  /// Throws UsageError when the file cannot be opened, so before anything has been taken.
   explicit PayloadPrinter(const Options& options);
 
-  /// `source` is the sender's handle, where there is one.
-  void print(const Varo::DATA_BUFFER& payload, std::optional<unsigned int> source = {});
-  void flush();
+  Sink& sink() { return sink_; }
+
+  /// Writes a payload of `port` at once and answers how many bytes that took. `source` is the
+  /// sender's handle, where there is one.
+  std::size_t print(const Varo::DATA_BUFFER& payload, const std::string& port,
+                    std::optional<unsigned int> source = {});
 
  private:
   Options options_;
-  std::ofstream file_;
+  Sink sink_;
 };
 
 }  // namespace portsvc::tools

@@ -1,11 +1,17 @@
 // send, receive, serve and select: packets through ports.
 #include <fmt/core.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "idl/port_codes.h"
@@ -13,6 +19,7 @@
 #include "tools/errors.h"
 #include "tools/input.h"
 #include "tools/output.h"
+#include "tools/owner.h"
 #include "tools/shell_command.h"
 #include "tools/waiting.h"
 
@@ -141,7 +148,13 @@ void send(Session& session, const SendOptions& options) {
   const std::string payload = read_payload(options.payload);
   Sender sender(session, options);
   sender.send(payload);
-  if (options.wait) write_output(sender.reply());
+  if (!options.wait) return;
+  const std::string reply = sender.reply();
+  if (session.options().json) return print_json(payload_json(reply));
+  if (::isatty(STDOUT_FILENO) != 1) return write_output(reply);
+  const std::string shown = shown_on_terminal(reply);
+  write_output(shown);
+  if (shown.empty() || shown.back() != '\n') write_output("\n");
 }
 
 // --- receive and serve
@@ -153,6 +166,7 @@ struct ReceiveOptions {
   bool raw = false;
   std::string file;
   std::optional<std::string> reply;
+  OwnerOptions owner;
 };
 
 void describe_receive(CLI::App& command, ReceiveOptions& options) {
@@ -166,6 +180,7 @@ void describe_receive(CLI::App& command, ReceiveOptions& options) {
   command.add_flag("--raw", options.raw, "Print the bytes alone, without a newline after each");
   command.add_option("--file", options.file, "Write the bytes into this file");
   command.add_option("--reply", options.reply, "Answer each packet with this text");
+  describe_owner(command, options.owner);
 }
 
 struct Packet {
@@ -174,55 +189,63 @@ struct Packet {
 };
 
 // The next packet of the port that `owner` is connected to.
-void take(Port_Factory_ptr server, const Connection& owner, const std::string& port,
-          unsigned int timeout, Packet& packet) {
+void take(Port_Factory_ptr server, CORBA::ULong owner, const std::string& port,
+          unsigned int timeout, Packet& packet, const std::function<bool()>& reader_gone) {
   const unsigned int code = wait_in_slices(timeout, result::timed_out, [&](unsigned int seconds) {
-    return server->packet_receive(owner.handle(), packet.source, packet.data.out(), seconds);
+    const unsigned int answer =
+        server->packet_receive(owner, packet.source, packet.data.out(), seconds);
+    if (answer != result::ok && reader_gone()) throw ReaderGone();
+    return answer;
   });
   check("receive from " + port, code);
 }
 
 // Answers the sender of a packet. One that has gone meanwhile is no reason to stop.
-void answer(Session& session, const std::string& port, CORBA::ULong source,
-            const std::string& reply) {
-  check_size(reply.size(), session.options().max_message);
-  const unsigned int code = session.server()->packet_replay(source, to_buffer(reply), 0);
+void answer(Port_Factory_ptr server, std::uint64_t max_message, const std::string& port,
+            CORBA::ULong source, const std::string& reply) {
+  check_size(reply.size(), max_message);
+  const unsigned int code = server->packet_replay(source, to_buffer(reply), 0);
   if (code != result::ok) {
     warn(fmt::format("answer client {} of {}: {}", source, port, code_text(code)));
   }
 }
 
-// Takes packets until `count` have been taken; with 0 until interrupted, which is then the
-// command's regular end.
-template <class Use>
-void take_packets(Session& session, const std::string& port, unsigned int count,
-                  unsigned int timeout, Use&& use) {
+void receive(Session& session, const ReceiveOptions& options) {
+  PayloadPrinter printer({session.options().json, options.raw, options.file});
   Port_Factory_ptr server = session.server();
-  const Connection owner(server, port, CONNECT_OWNER, ACCESS_WAIT);
+  const Owner owner(session, options.port, options.owner, &printer.sink());
   Packet packet;
   try {
-    for (unsigned int taken = 0; count == 0 || taken < count; ++taken) {
-      take(server, owner, port, timeout, packet);
-      use(packet);
+    for (unsigned int taken = 0; options.count == 0 || taken < options.count; ++taken) {
+      printer.sink().wait_for_room();
+      take(server, owner.handle(), options.port, options.timeout, packet,
+           [&] { return owner.reader_gone(); });
+      try {
+        printer.print(packet.data.in(), options.port, packet.source);
+      } catch (const std::exception&) {
+        warn(fmt::format("a packet of {} bytes was taken and could not be shown",
+                         packet.data->length()));
+        throw;
+      }
+      if (options.reply) {
+        answer(server, session.options().max_message, options.port, packet.source, *options.reply);
+      }
     }
   } catch (const Interrupted&) {
-    if (count != 0) throw;
+    if (options.count != 0) throw;
   }
 }
 
-void receive(Session& session, const ReceiveOptions& options) {
-  PayloadPrinter printer({session.options().json, options.raw, options.file});
-  take_packets(session, options.port, options.count, options.timeout, [&](const Packet& packet) {
-    printer.print(packet.data.in(), packet.source);
-    printer.flush();
-    if (options.reply) answer(session, options.port, packet.source, *options.reply);
-  });
-}
+// --- serve
 
 struct ServeOptions {
   std::string port;
   std::string command;
   unsigned int count = 0;
+  std::string on_error = "drop";
+  unsigned int parallel = 1;
+  OwnerOptions owner;
+  Reconnect reconnect;
 };
 
 void describe_serve(CLI::App& command, ServeOptions& options) {
@@ -234,19 +257,113 @@ void describe_serve(CLI::App& command, ServeOptions& options) {
       ->required();
   command.add_option("--count", options.count, "End after so many packets; 0: when interrupted")
       ->capture_default_str();
+  command
+      .add_option("--on-error", options.on_error,
+                  "When the command fails: drop answers nothing, reply answers what it printed, "
+                  "stop answers nothing and ends. Each is logged; the exit status is then 1")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"drop", "reply", "stop"}));
+  command.add_option("--parallel", options.parallel, "Packets handled at the same time")
+      ->capture_default_str()
+      ->check(CLI::Range(1U, 1000U));
+  describe_owner(command, options.owner);
+  describe_reconnect(command, options.reconnect);
 }
 
-void serve(Session& session, const ServeOptions& options) {
-  take_packets(session, options.port, options.count, 0, [&](const Packet& packet) {
-    const CommandResult done = run_shell_command(options.command, to_bytes(packet.data.in()));
-    // The client waits: it gets what there is, and the operator the reason.
-    if (done.status != 0) warn(fmt::format("the command ended with status {}", done.status));
+// Runs the command for packets, up to --parallel of them at the same time.
+class Handlers {
+ public:
+  Handlers(const ServeOptions& options, std::uint64_t max_message)
+      : options_(options), max_message_(max_message) {}
+  ~Handlers() { wait(0); }
+  Handlers(const Handlers&) = delete;
+  Handlers& operator=(const Handlers&) = delete;
+
+  // Waits until another packet can be handled. False when none is to be handled any more.
+  bool wait_for_room() {
+    wait(options_.parallel - 1);
+    throw_if_interrupted();
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return failures_ == 0 || options_.on_error != "stop";
+  }
+
+  void start(Port_Factory_ptr server, CORBA::ULong source, std::string input) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    ++running_;
+    Port_Factory_var own = Port_Factory::_duplicate(server);
+    std::thread([this, own, source, input = std::move(input)] {
+      const bool good = handle(own, source, input);
+      const std::lock_guard<std::mutex> done(mutex_);
+      if (!good) ++failures_;
+      --running_;
+      changed_.notify_all();
+    }).detach();  // the destructor waits for it
+  }
+
+  // Waits for the end of all and answers how many commands failed.
+  unsigned int failures() {
+    wait(0);
+    return failures_;
+  }
+
+ private:
+  void wait(unsigned int most) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [&] { return running_ <= most; });
+  }
+
+  bool handle(const Port_Factory_var& server, CORBA::ULong source, const std::string& input) const {
     try {
-      answer(session, options.port, packet.source, done.output);
-    } catch (const UsageError& error) {
-      warn(fmt::format("no answer to client {}: {}", packet.source, error.what()));
+      const CommandResult done = run_shell_command(options_.command, input);
+      const bool good = done.status == 0;
+      if (!good) {
+        warn(fmt::format("client {} of {}: the command ended with status {}", source, options_.port,
+                         done.status));
+      }
+      if (good || options_.on_error == "reply") {
+        const orb::CallTimeout limit;
+        answer(server.in(), max_message_, options_.port, source, done.output);
+      }
+      return good;
+    } catch (const Interrupted&) {
+      return true;
+    } catch (const CORBA::Exception& exception) {
+      warn(fmt::format("no answer to client {}: {}", source, orb::describe(exception)));
+    } catch (const std::exception& error) {
+      warn(fmt::format("no answer to client {}: {}", source, error.what()));
     }
-  });
+    return false;
+  }
+
+  const ServeOptions& options_;
+  const std::uint64_t max_message_;
+  std::mutex mutex_;  // guards what follows; nothing is called under it
+  std::condition_variable changed_;
+  unsigned int running_ = 0;
+  unsigned int failures_ = 0;
+};
+
+void serve(Session& session, const ServeOptions& options) {
+  Handlers handlers(options, session.options().max_message);
+  unsigned int taken = 0;
+  try {
+    keep_connected(session, options.reconnect, [&](const std::function<void()>& connected) {
+      Port_Factory_ptr server = session.server();
+      const Owner owner(session, options.port, options.owner);
+      connected();
+      Packet packet;
+      while ((options.count == 0 || taken < options.count) && handlers.wait_for_room()) {
+        take(server, owner.handle(), options.port, 0, packet, [] { return false; });
+        ++taken;
+        handlers.start(server, packet.source, to_bytes(packet.data.in()));
+      }
+      handlers.failures();  // a client must be answered while the port has its owner
+    });
+  } catch (const Interrupted&) {
+    if (options.count != 0) throw;
+  }
+  const unsigned int failed = handlers.failures();
+  if (failed != 0) throw Failure(fmt::format("{} packets were not answered well", failed));
 }
 
 // --- select
@@ -287,7 +404,7 @@ void select(Session& session, const SelectOptions& options) {
   const std::string& port = options.ports[static_cast<std::size_t>(owner - owners.begin())];
 
   Packet packet;
-  if (options.receive) take(server, *owner, port, 0, packet);
+  if (options.receive) take(server, ready, port, 0, packet, [] { return false; });
   if (session.options().json) {
     Json object{{"port", port}, {"port_id", ready}};
     if (options.receive) {
@@ -297,7 +414,8 @@ void select(Session& session, const SelectOptions& options) {
     print_json(object);
   } else {
     if (!options.raw) write_output(port + "\n");
-    if (options.receive) PayloadPrinter({false, options.raw, ""}).print(packet.data.in());
+    flush_output();
+    if (options.receive) PayloadPrinter({false, options.raw, ""}).print(packet.data.in(), port);
   }
 }
 

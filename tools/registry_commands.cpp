@@ -2,13 +2,17 @@
 #include <fmt/core.h>
 
 #include <chrono>
+#include <cstdint>
+#include <limits>
 #include <map>
+#include <string>
 
 #include "idl/port_codes.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
 #include "tools/interrupt.h"
 #include "tools/output.h"
+#include "tools/owner.h"
 
 namespace portsvc::tools {
 namespace {
@@ -38,11 +42,13 @@ const std::map<std::string, unsigned int>& kind_words() {
 unsigned int kind_code(const std::string& text) {
   const auto word = kind_words().find(text);
   if (word != kind_words().end()) return word->second;
-  unsigned int code = 0;
-  if (!CLI::detail::lexical_cast(text, code)) {
+  const bool number = !text.empty() && text.size() <= 10 &&
+                      text.find_first_not_of("0123456789") == std::string::npos;
+  const unsigned long long code = number ? std::stoull(text) : 0;
+  if (!number || code > std::numeric_limits<std::uint32_t>::max()) {
     throw UsageError(fmt::format("'{}' is no kind: port, box, proxy or a number", text));
   }
-  return code;
+  return static_cast<unsigned int>(code);
 }
 
 void describe_create(CLI::App& command, CreateOptions& options) {
@@ -55,11 +61,28 @@ void describe_create(CLI::App& command, CreateOptions& options) {
   command
       .add_option("--limit", options.limit,
                   "Packets or events it keeps; beyond that the oldest is dropped")
-      ->capture_default_str();
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+}
+
+// The server would answer success and leave the port of the other kind as it is.
+void refuse_other_kind(Port_Factory_ptr server, const std::string& name, unsigned int kind) {
+  Varo::STRING_LIST_var ports;
+  Varo::STRING_LIST_var boxes;
+  check("list ports", server->patch_object_name(ports.out(), boxes.out()));
+  const Varo::STRING_LIST& others = kind == PORT_EVENTBOX ? ports.in() : boxes.in();
+  for (CORBA::ULong i = 0; i < others.length(); ++i) {
+    if (name != others[i].in()) continue;
+    throw Failure(fmt::format(
+        "create {}: it exists and is {}; see: portctl info", name,
+        kind == PORT_EVENTBOX ? "a packet port, no event box" : "an event box, no packet port"));
+  }
 }
 
 void create(Session& session, const CreateOptions& options) {
+  if (options.name.empty()) throw UsageError("a port needs a name");
   const unsigned int kind = kind_code(options.kind);
+  refuse_other_kind(session.server(), options.name, kind);
   check("create " + options.name,
         session.server()->create_port(options.name.c_str(), kind, options.limit));
 }
@@ -84,11 +107,31 @@ void exists(Session& session, const NameOptions& options) {
   check("look for " + options.name, static_cast<unsigned int>(code));
 }
 
+struct ReleaseOptions {
+  std::string name;
+  bool force = false;
+};
+
+void describe_release(CLI::App& command, ReleaseOptions& options) {
+  command.add_option("NAME", options.name, "The port")->required();
+  command.add_flag("--force", options.force, "Also from an owner that may still live");
+}
+
 // Frees a port whose owner died without disconnecting; what is queued stays for the next owner.
-void release(Session& session, const NameOptions& options) {
+void release(Session& session, const ReleaseOptions& options) {
+  Port_Factory_ptr server = session.server();
   Varo::DT_PORT_SVC::PORT_INFO info{};
-  check("look for " + options.name, session.server()->get_port_info(options.name.c_str(), info));
-  check("release " + options.name, session.server()->disconnect_port(info.port_id));
+  check("look for " + options.name, server->get_port_info(options.name.c_str(), info));
+  if (info.owner_connected != 0 && !options.force) {
+    const auto note = note_of_owner(server, options.name);
+    if (!note || !note->has_ended()) {
+      throw Failure(fmt::format(
+          "release {}: {} owns it and may still live; it would lose the port. If it is dead, say "
+          "--force",
+          options.name, owner_text(note)));
+    }
+  }
+  check("release " + options.name, server->disconnect_port(info.port_id));
 }
 
 struct HostOptions {
@@ -205,9 +248,9 @@ void add_registry_commands(Commands& commands) {
                               remove);
   commands.add<NameOptions>(app, "exists", "Succeed when there is a port of that name",
                             "exists orders && echo yes", describe_name, exists);
-  commands.add<NameOptions>(app, "release",
-                            "Disconnect a port's owner, for one that died without doing so",
-                            "release orders", describe_name, release);
+  commands.add<ReleaseOptions>(app, "release",
+                               "Disconnect a port's owner, for one that died without doing so",
+                               "release orders", describe_release, release);
   CLI::App* host = app.add_subcommand("host", "The host text of a port");
   host->require_subcommand(1);
   commands.add<HostOptions>(*host, "set", "Store the host text; it goes when the owner leaves",

@@ -103,6 +103,10 @@ Port_Factory_ptr Session::server() {
   return server_;
 }
 
+std::string Session::explain(const CORBA::Exception& exception) const {
+  return options_.server + ": " + orb::describe(exception);
+}
+
 Connection::Connection(Port_Factory_ptr server, const std::string& port, unsigned int mode,
                        unsigned int access)
     : server_(server) {

@@ -42,6 +42,12 @@ class Session {
   /// is no reference, Unreachable when no port service answers there.
   Varo::DT_PORT_SVC::Port_Factory_ptr server();
 
+  /// Looks the server up anew at its next use: after a restart it may have another address.
+  void forget_server() { server_ = Varo::DT_PORT_SVC::Port_Factory::_nil(); }
+
+  /// What a failed call to the server of --server means, and what to do.
+  std::string explain(const CORBA::Exception& exception) const;
+
   /// Any other server, by reference or name; throws as server().
   Varo::DT_PORT_SVC::Port_Factory_var resolve(const std::string& server);
 

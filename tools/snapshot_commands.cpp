@@ -1,17 +1,15 @@
 // snapshot save, load, download and show.
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
-#include <fstream>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "idl/port_codes.h"
 #include "persistence/snapshot_file.h"
+#include "platform/output_file.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
 #include "tools/input.h"
@@ -75,25 +73,12 @@ class RemoteFile {
   Varo::FileHandle_var handle_;
 };
 
-// Written beside the file and renamed, so that a file of that name is always a whole one.
-void write_file(const std::string& path, const std::string& bytes) {
-  const std::string draft = fmt::format("{}.{}", path, ::getpid());
-  std::ofstream file(draft, std::ios::binary | std::ios::trunc);
-  file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  file.close();
-  if (!file || std::rename(draft.c_str(), path.c_str()) != 0) {
-    const int error = errno;
-    std::remove(draft.c_str());
-    throw Failure(fmt::format("cannot write {}: {}", path, std::generic_category().message(error)));
-  }
-}
-
 void describe_download(CLI::App& command, FileOptions& options) {
-  command.add_option("FILE", options.file, "Where to write it")->required();
+  command.add_option("FILE", options.file, "Where to write it; - is standard output")->required();
 }
 
 void download(Session& session, const FileOptions& options) {
-  write_file(options.file, RemoteFile(session.server()->openSnapShot()).read_all());
+  write_output_file(options.file, RemoteFile(session.server()->openSnapShot()).read_all());
 }
 
 std::vector<std::string> problems(const snapshot::Content& content) {
@@ -179,7 +164,31 @@ void show(Session& session, const FileOptions& options) {
   }
 }
 
+void subscriptions(Session& session, const NoOptions&) {
+  const auto content = snapshot::parse(RemoteFile(session.server()->openSnapShot()).read_all());
+  Json list = Json::array();
+  Table table({"CODE", "BOX"});
+  for (const auto& subscription : content.subscriptions) {
+    list.push_back({{"code", signed_code(subscription.code)}, {"box", subscription.name}});
+    table.add({std::to_string(signed_code(subscription.code)), printable(subscription.name)});
+  }
+  if (session.options().json) {
+    print_json(list);
+  } else {
+    table.print();
+  }
+  flush_output();
+  const auto found = problems(content);
+  if (!found.empty()) throw Failure(fmt::format("the list is damaged: {}", fmt::join(found, "; ")));
+}
+
 }  // namespace
+
+void add_subscriptions_command(Commands& commands, CLI::App& event) {
+  commands.add<NoOptions>(event, "subscriptions",
+                          "List which boxes have the events of which codes (makes a snapshot)",
+                          "event subscriptions", describe_nothing, subscriptions);
+}
 
 void add_snapshot_commands(Commands& commands) {
   CLI::App* group = commands.app.add_subcommand("snapshot", "The server's snapshot file");

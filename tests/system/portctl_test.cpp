@@ -1,0 +1,99 @@
+// portctl between a server and the user's pipes, files and commands.
+#include <cstdlib>
+#include <filesystem>
+
+#include "tests/system/system_test.h"
+
+namespace portsvc {
+namespace {
+
+namespace fs = std::filesystem;
+
+class PortctlSystem : public SystemTest {
+ protected:
+  void SetUp() override { start("main"); }
+
+  // Runs a shell line in the test's folder in which $portctl is portctl on the server.
+  int shell(const std::string& line) {
+    const std::string at = std::string(PORTCTL) + " --server " + corbaloc("main");
+    return std::system(("cd '" + folder.path() + "'; portctl='" + at + "'; " + line).c_str());
+  }
+  std::string events(const std::string& box) { return done("main", {"event", "count", box}); }
+  bool owned() {
+    return eventually([&] { return info_of(server("main"), "p").owner_connected != 0; });
+  }
+};
+
+TEST_F(PortctlSystem, NeverTakesWhatItCannotShow) {
+  done("main", {"create", "box", "--kind", "box"});
+  for (const char* event : {"one", "two", "three", "four"}) {
+    done("main", {"event", "put", "box", event});
+  }
+  (void)shell("timeout 20 $portctl event watch box | (read -r line; sleep 0.3)");
+  EXPECT_EQ(events("box"), "3\n") << "what was not read is still there";
+  (void)shell("timeout 20 $portctl event watch box --drain > /dev/full 2> problem");
+  EXPECT_EQ(events("box"), "3\n") << "a full disk takes nothing";
+  done("main", {"event", "clear", "box"});
+
+  // Its reader goes while it waits: it ends, and what comes then is nobody's.
+  const auto start = std::chrono::steady_clock::now();
+  (void)shell("timeout 20 $portctl event watch box | sleep 0.5");
+  EXPECT_LT(since(start), 10s);
+  done("main", {"event", "put", "box", "late"});
+  EXPECT_EQ(events("box"), "1\n");
+}
+
+TEST_F(PortctlSystem, WritesDevicesPipesAndLinksAndReplacesNone) {
+  EXPECT_EQ(shell("ln -s target link; mkfifo pipe; cat pipe > piped & "
+                  "$portctl snapshot download link && $portctl snapshot download pipe && wait && "
+                  "$portctl snapshot download - > shown && "
+                  "cmp target piped && cmp target shown && test -L link && test -p pipe"),
+            0);
+  EXPECT_NE(portctl("main", {"snapshot", "download", "/dev/full"}).status, 0);
+
+  fs::create_directory(folder.path("state"));
+  fs::create_symlink("reference", folder.path("ior"));
+  const Process other({PORT_SERVER, "main", "--name", "other", "--endpoint", "giop:tcp:127.0.0.1:0",
+                       "--state-dir", folder.path("state"), "--ior-file", folder.path("ior")},
+                      folder.path("other"));
+  EXPECT_TRUE(eventually([&] { return fs::exists(folder.path("reference")); }));
+  EXPECT_TRUE(fs::is_symlink(folder.path("ior")));
+}
+
+TEST_F(PortctlSystem, ServesWithFailuresTakesOverAndComesBack) {
+  done("main", {"create", "p"});
+  auto serve = in_background("main", {"serve", "p", "--exec", "cat; exit 3", "--count", "1"});
+  ASSERT_TRUE(owned());
+  EXPECT_EQ(portctl("main", {"send", "p", "x", "--wait", "--timeout", "1"}).status, 1);
+  EXPECT_EQ(outcome(*serve).status, 1) << "the status tells";
+
+  serve = in_background("main", {"serve", "p", "--exec", "cat"});
+  ASSERT_TRUE(owned());
+  EXPECT_EQ(done("main", {"send", "p", "x", "--wait"}), "x");
+  EXPECT_EQ(portctl("main", {"receive", "p", "--take-over"}).status, 1) << "the owner lives";
+  EXPECT_EQ(portctl("main", {"release", "p"}).status, 1);
+  serve->kill();
+  serve = in_background("main", {"serve", "p", "--exec", "tr a-z A-Z", "--take-over"});
+  EXPECT_EQ(done("main", {"send", "p", "x", "--wait"}), "X");
+
+  kill("main");
+  start("main");
+  done("main", {"create", "p"});
+  EXPECT_EQ(done("main", {"send", "p", "y", "--wait", "--timeout", "20"}), "Y");
+}
+
+TEST_F(PortctlSystem, RefusesWhatWouldDoHarm) {
+  done("main", {"create", "p", "--limit", "010"});
+  EXPECT_EQ(info_of(server("main"), "p").limit, 10U) << "numbers are decimal";
+  EXPECT_EQ(portctl("main", {"create", "q", "--limit", "0x10"}).status, 2);
+  EXPECT_EQ(portctl("main", {"create", "q", "--limit", "0"}).status, 2);
+  EXPECT_EQ(portctl("main", {"create", ""}).status, 2);
+  EXPECT_EQ(portctl("main", {"create", "p", "--kind", "box"}).status, 1);
+  EXPECT_EQ(portctl("main", {"move", "p", "--to", "nowhere"}).status, 1);
+  done("main", {"create", "box", "--kind", "box"});
+  done("main", {"event", "subscribe", "box", "-5"});
+  EXPECT_NE(done("main", {"event", "subscriptions"}).find("-5    box"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace portsvc
