@@ -143,7 +143,7 @@ class Port_Factory_Sub : public Port_Factory_i {
   // When a lookup has lost time on the main server last, in steady_clock's ticks.
   std::atomic<std::chrono::steady_clock::rep> time_lost_at_;
   Port_Factory_var master_;  // nil until back_call_, and after any failed call made through it
-  // Serialises the exchanges with the main server and guards master_. Held across those calls. Under
-  // it may be taken: the registry lock and what comes below that.
+  // Serialises the exchanges with the main server and guards master_. Held across those calls.
+  // Under it may be taken: the registry lock and what comes below that.
   ACE_Recursive_Thread_Mutex sub_lock_;
 };
