@@ -1,9 +1,7 @@
-#include <ace/Reactor.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 
-#include "roles/port_connect_manager.h"
 #include "roles/port_factory_sub.h"
 #include "tests/support/allocation.h"
 #include "tests/support/peers.h"
@@ -186,19 +184,6 @@ TEST_F(SubRole, ListsTheNamesOfTheMainServer) {
   errno = 0;
   EXPECT_EQ(sub.patch_object_name(ports.out(), boxes.out()), result::out_of_memory);
   EXPECT_EQ(errno, ENOMEM);
-}
-
-TEST_F(SubRole, HearsFromTheConnectionManager) {
-  Active<SubServer> served("main", "plant/served", nullptr, shared_orb());
-  ACE_Reactor reactor;
-  vrPortConnect_Manager manager("main", nullptr, &*served, &reactor);
-  EXPECT_TRUE(manager.self()->_is_equivalent(served.reference()));
-  CORBA::Object_var object = peer.object();
-  EXPECT_EQ(manager.on_connected(object), result::ok);
-  EXPECT_EQ(peer->calls(), (Texts{"push_remote_consumer plant/served"}));
-  object = CORBA::Object::_nil();
-  EXPECT_EQ(manager.on_connected(object), result::failed);
-  manager.on_heartbeat();
 }
 
 TEST_F(SubRole, NeverBlocksItselfWhateverComesAtOnce) {
