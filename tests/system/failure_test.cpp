@@ -153,36 +153,6 @@ TEST_F(Failures, AKilledMainServerEndsProxiedCallsAndTheProxiesComeBack) {
   expect_exchange("to ask", "main", "sub1");
 }
 
-TEST_F(Failures, AFrozenMainServerCostsItsCallersTheCallTimeoutAndIsBackWhenItThaws) {
-  start("main");
-  const Port_Factory_var main = server("main");
-  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
-  EXPECT_EQ(main->create_port("q", PORT_MASTER, 8), result::ok);
-  start("sub1", {"--call-timeout", "1"});
-  const Port_Factory_var sub = server("sub1");
-  const unsigned int client = connected(sub, "p", CONNECT_CLIENT);
-  const unsigned int owner = connected(sub, "q", CONNECT_OWNER);
-
-  process("main").signal(SIGSTOP);
-  const auto begin = steady_clock::now();
-  auto sent = in_parallel_call([&] { return send(sub, client, "x", 1); });
-  auto received = in_parallel_call([&] { return std::get<0>(receive(sub, owner, 1)); });
-  expect_local_work(500ms);
-  EXPECT_EQ(sent.get(), result::peer_forward);
-  EXPECT_EQ(received.get(), result::peer_receive);
-  auto naming = in_parallel_call([&] { return sub->exist("unknown"); });
-  expect_local_work(3s);  // a name that must be looked for at the main server holds it up
-  EXPECT_EQ(naming.get(), static_cast<int>(result::unknown_name));
-  EXPECT_LT(since(begin), 6s);
-
-  process("main").signal(SIGCONT);
-  EXPECT_TRUE(eventually([&] { return sub->exist("p") == 0 && main->exist("p") == 0; }));
-  EXPECT_TRUE(eventually([&] { return send(sub, client, "x", 1) == result::send_timed_out; }));
-  expect_exchange("p", "main", "sub1");
-  main->disconnect_port(owner);
-  expect_exchange("q", "sub1", "main");
-}
-
 TEST_F(Failures, ASilentSubServerHoldsUpNobodyElse) {
   start("main");
   start("sub1");

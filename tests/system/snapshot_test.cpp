@@ -197,29 +197,6 @@ TEST_F(Snapshots, ASnapshotIsSavedLoadedDownloadedAndShown) {
   EXPECT_EQ(portctl("main", {"exists", "results"}).status, 1);
 }
 
-TEST_F(Snapshots, AnOpenSnapshotIsReadToItsEndAfterItsFileHasGone) {
-  start("main");
-  fill();
-  const Port_Factory_var main = server("main");
-  const Varo::FileHandle_var handle = main->openSnapShot();
-  const std::string whole = read_all(snapshot);
-  std::filesystem::remove(snapshot);
-  CORBA::Long size = 0;
-  EXPECT_EQ(handle->size(size), 0);
-  EXPECT_EQ(static_cast<std::size_t>(size), whole.size());
-  std::string bytes;
-  for (CORBA::Long length = 100; length > 0;) {
-    Varo::DATA_BUFFER_var data;
-    ASSERT_EQ(handle->read(static_cast<CORBA::Long>(bytes.size()), length, data.out()), 0);
-    bytes += text(data.in());
-  }
-  EXPECT_EQ(bytes, whole);
-  handle->close();
-  EXPECT_THROW(handle->size(size), CORBA::OBJECT_NOT_EXIST);
-  done("main", {"snapshot", "save"});
-  EXPECT_EQ(read_all(snapshot), whole);
-}
-
 // A small file system of the test's own.
 class SmallDisk {
  public:
