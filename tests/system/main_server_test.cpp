@@ -4,7 +4,6 @@
 
 #include <future>
 #include <random>
-#include <set>
 
 #include "tests/system/system_test.h"
 
