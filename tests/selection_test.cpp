@@ -55,13 +55,6 @@ class Selection : public ::testing::Test {
   MainServer server;
 };
 
-TEST_F(Selection, OfNothingEndsAtOnce) {
-  EXPECT_EQ(events({}), Selected(result::nothing_selected, untouched));
-  EXPECT_EQ(replies({}), Selected(result::nothing_selected, untouched));
-  EXPECT_EQ(events({}, 5), Selected(result::nothing_selected, untouched));
-  EXPECT_EQ(clock.pauses(), 0);
-}
-
 TEST_F(Selection, RefusesWhatCannotBeWatched) {
   const unsigned int a = watcher("a");
   const unsigned int blocking = owner(server, "b");
@@ -75,6 +68,8 @@ TEST_F(Selection, RefusesWhatCannotBeWatched) {
   const unsigned int handle = waiter("a");
   EXPECT_EQ(replies({handle, a}), Selected(result::unknown_handle, untouched)) << "an owner's id";
   EXPECT_EQ(replies({handle, client(server, "a")}), Selected(result::access_refused, untouched));
+  EXPECT_EQ(events({}, 5), Selected(result::nothing_selected, untouched)) << "at once";
+  EXPECT_EQ(replies({}), Selected(result::nothing_selected, untouched));
   EXPECT_EQ(clock.pauses(), 0);
 }
 
@@ -171,14 +166,6 @@ TEST_F(Selection, TellsEveryWatcherOfAPort) {
   EXPECT_FALSE(watched("a"));
   EXPECT_EQ(std::get<2>(receive(server, a)), "x");
   EXPECT_EQ(std::get<0>(receive(server, a)), result::nothing_arrived);
-}
-
-TEST_F(Selection, WatchesADeletedPortToTheEnd) {
-  const unsigned int a = watcher("a");
-  const auto port = server.get_port("a");
-  in_pause(2, [&] { server.delete_port("a"); });
-  EXPECT_EQ(events({a}, 1), Selected(result::timed_out, 0));
-  EXPECT_FALSE(port->has_selectors());
 }
 
 }  // namespace
