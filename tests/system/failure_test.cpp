@@ -21,25 +21,6 @@ class Failures : public SystemTest {
     expect_exchange("own", "sub1", "sub1");
     EXPECT_LT(since(begin), limit);
   }
-
-  /// An owner at one server, a client at another.
-  void expect_exchange(const std::string& port, const std::string& owner_at,
-                       const std::string& client_at) {
-    const Port_Factory_var owners = server(owner_at);
-    const Port_Factory_var clients = server(client_at);
-    std::thread owner([&] { answer_packets(owners, port, 1); });
-    const unsigned int client = connected(clients, port, CONNECT_CLIENT);
-    EXPECT_EQ(ask(clients, client, "hello", 10), Reply(result::ok, "re:hello"));
-    EXPECT_EQ(clients->disconnect_port(client), result::ok);
-    owner.join();
-  }
-
-  /// Waits until sub1's connection to the main server is up: it then answers as that does.
-  void await_main_server_at_sub1() {
-    EXPECT_TRUE(eventually([&] {
-      return portctl("sub1", {"master", "nobody"}).err.find("2001") != std::string::npos;
-    }));
-  }
 };
 
 template <class Call>
@@ -58,7 +39,7 @@ TEST_F(Failures, ASubServerStartsAloneAndFindsItsMainServerWhenThatComes) {
   done("main", {"create", "p"});
   EXPECT_TRUE(eventually([&] { return portctl("sub1", {"exists", "p"}).status == 0; }));
   expect_exchange("p", "main", "sub1");
-  await_main_server_at_sub1();
+  EXPECT_TRUE(sub1_knows_main());
 }
 
 TEST_F(Failures, ARestartedMainServerServesEveryCallThatComesAfterIt) {
@@ -82,7 +63,7 @@ TEST_F(Failures, ARestartedMainServerServesEveryCallThatComesAfterIt) {
   kill("main");
   start("main");
   done("main", {"create", "p"});
-  await_main_server_at_sub1();
+  EXPECT_TRUE(sub1_knows_main());
   for (int i = 0; i < clients; ++i) send_once(i);
 }
 
@@ -107,12 +88,7 @@ TEST_F(Failures, AKilledMainServerEndsProxiedCallsAndTheProxiesComeBack) {
       in_parallel_call([&] { return ask(sub, connected(sub, "to ask", CONNECT_CLIENT), "x", 0); });
   EXPECT_EQ(std::get<0>(receive(main, connected(main, "to ask", CONNECT_OWNER), 10)), result::ok);
   const auto arrived = [&](const std::string& operation) {
-    const std::string told = process("main").err();
-    int count = -1;
-    for (std::size_t at = 0; at != std::string::npos; ++count) {
-      at = told.find("'" + operation + "'", at + 1);
-    }
-    return count;
+    return times_said("main", "'" + operation + "'");
   };
   ASSERT_TRUE(eventually([&] {
     // Among them the test's own receive.

@@ -229,20 +229,14 @@ TEST_F(Snapshots, AFullDiskFailsTheSnapshotAndNothingElse) {
   EXPECT_NE(full.err.find("2 snapshot_not_writable"), std::string::npos) << full.err;
   EXPECT_TRUE(read_all(snapshot) == whole);
   done("main", {"exists", "p999"});
-  const auto times_told = [&](const std::string& line) {
-    const std::string err = process("main").err();
-    int times = 0;
-    for (std::size_t at = 0; (at = err.find(line, at)) != std::string::npos; ++at) ++times;
-    return times;
-  };
-  ASSERT_TRUE(eventually([&] { return times_told("no snapshot: cannot write") > 0; }));
+  ASSERT_TRUE(eventually([&] { return times_said("main", "no snapshot: cannot write") > 0; }));
   std::this_thread::sleep_for(3500ms);  // a round in which it fails again
-  EXPECT_EQ(times_told("no snapshot:"), 1) << process("main").err();
+  EXPECT_EQ(times_said("main", "no snapshot:"), 1) << process("main").err();
   const Port_Factory_var main = server("main");
   for (int i = 10; i < 1000; ++i) EXPECT_EQ(main->delete_port(fmt::format("p{}", i).c_str()), 0u);
   done("main", {"snapshot", "save"});
   EXPECT_EQ(show(snapshot)["ports"].size(), 10u);
-  EXPECT_TRUE(eventually([&] { return times_told("snapshots are written again") == 1; }));
+  EXPECT_TRUE(eventually([&] { return times_said("main", "snapshots are written again") == 1; }));
 }
 
 }  // namespace
