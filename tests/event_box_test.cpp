@@ -29,12 +29,7 @@ class EventBox : public ::testing::Test {
     for (CORBA::ULong i = 0; i < payloads.size(); ++i) list[i] = wire(payloads[i]);
     return server.declare_event_n(code, list, 77);
   }
-  Received receive(unsigned int timeout = 0) {
-    unsigned int source = untouched;
-    vrBuffer data = buffer("untouched");
-    const unsigned int code = box.receive(source, data, timeout);
-    return {code, source, text(data)};
-  }
+  Received receive(unsigned int timeout = 0) { return portsvc::receive(box, timeout); }
 
   TestClock clock;
   MainServer server;

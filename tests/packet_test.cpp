@@ -25,16 +25,9 @@ class MasterPort : public ::testing::Test {
   unsigned int send(unsigned int handle, const char* data, unsigned int timeout = 0) {
     return port.forward(handle, buffer(data), timeout);
   }
-  Received receive(unsigned int timeout = 0) {
-    unsigned int source = untouched;
-    vrBuffer data = buffer("untouched");
-    const unsigned int code = port.receive(source, data, timeout);
-    return {code, source, text(data)};
-  }
+  Received receive(unsigned int timeout = 0) { return portsvc::receive(port, timeout); }
   Reply reply(unsigned int handle, unsigned int timeout = 0) {
-    vrBuffer data = buffer("untouched");
-    const unsigned int code = port.replay_wait(handle, data, timeout);
-    return {code, text(data)};
+    return portsvc::reply(port, handle, timeout);
   }
   // A take on another thread, which is waiting when this returns.
   std::future<Received> blocked_receive(unsigned int timeout = 0) {

@@ -28,19 +28,12 @@ class SlavePort : public WithPeers {
     reported = untouched;
     return port.connect(handle, mode, access, reported);
   }
-  Received receive(unsigned int timeout = 5) {
-    unsigned int source = untouched;
-    vrBuffer data = buffer("untouched");
-    const unsigned int code = port.receive(source, data, timeout);
-    return {code, source, text(data)};
-  }
+  Received receive(unsigned int timeout = 5) { return portsvc::receive(port, timeout); }
   unsigned int send(unsigned int handle, unsigned int timeout = 5) {
     return port.forward(handle, buffer("data"), timeout);
   }
   Reply reply(unsigned int handle, unsigned int timeout = 5) {
-    vrBuffer data = buffer("untouched");
-    const unsigned int code = port.replay_wait(handle, data, timeout);
-    return {code, text(data)};
+    return portsvc::reply(port, handle, timeout);
   }
   bool owner_connected() {
     unsigned int access = 0, kind = 0, limit = 0;

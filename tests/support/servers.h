@@ -93,6 +93,19 @@ inline Reply reply(Port_Factory_i& server, unsigned int handle, unsigned int tim
   return {code, text(data.in())};
 }
 
+// The same of a port itself; data that it does not write stays "untouched".
+inline Received receive(Port_impl& port, unsigned int timeout) {
+  unsigned int source = untouched;
+  vrBuffer data = buffer("untouched");
+  const unsigned int code = port.receive(source, data, timeout);
+  return {code, source, text(data)};
+}
+inline Reply reply(Port_impl& port, unsigned int handle, unsigned int timeout) {
+  vrBuffer data = buffer("untouched");
+  const unsigned int code = port.replay_wait(handle, data, timeout);
+  return {code, text(data)};
+}
+
 using Texts = std::vector<std::string>;
 
 /// Result code, payloads.

@@ -76,15 +76,12 @@ TEST_F(BrokenInput, AServerThatCannotStartSaysWhyInOneLine) {
   const std::string snapshot = read_all(folder.path("main/SnapShot/portsnap.snp"));
   write_all(folder.path("file"), "");
   const auto expect = [&](int status, const std::string& why, const Words& arguments) {
-    Words command{PORT_SERVER};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    Process server(command, folder.path("refused"));
-    EXPECT_EQ(outcome(server, 10s).status, status) << fmt::format("{}", fmt::join(arguments, " "));
-    const std::string err = server.err();
+    const auto [ended, out, err] = ended_server(arguments);
+    EXPECT_EQ(ended, status) << fmt::format("{}", fmt::join(arguments, " "));
     EXPECT_EQ(err.rfind("port_server: ", 0), 0u) << err;
     EXPECT_NE(err.find(why), std::string::npos) << err;
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
-    EXPECT_EQ(server.out(), "");
+    EXPECT_EQ(out, "");
   };
   const std::string free = "giop:tcp:127.0.0.1:0";
   const auto main_with = [&](const std::string& endpoint, const Words& more) {

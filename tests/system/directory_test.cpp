@@ -15,11 +15,10 @@ TEST_F(DirectoryOfServers, AFileThatCannotBeReadIsRefusedWithItsFault) {
   const std::string file = folder.path("broken.ini");
   const std::string entry = "[a]\nrole = main\nreference = " + corbaloc("main") + "\n";
   const auto expect = [&](const std::string& fault) {
-    Process server({PORT_SERVER, "sub", "--name", "s", "--main", "a", "--endpoint",
-                    "giop:tcp:127.0.0.1:0", "--state-dir", folder.path("s"), "--directory", file},
-                   folder.path("refused"));
-    EXPECT_EQ(outcome(server, 10s).status, 1);
-    const std::string err = server.err();
+    const auto [status, out, err] =
+        ended_server({"sub", "--name", "s", "--main", "a", "--endpoint", "giop:tcp:127.0.0.1:0",
+                      "--state-dir", folder.path("s"), "--directory", file});
+    EXPECT_EQ(status, 1);
     EXPECT_NE(err.find(fault), std::string::npos) << err;
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     directory[1] = file;

@@ -224,15 +224,18 @@ TEST_F(Restarts, UnknownNamesHoldUpNobodyWhileTheMainServerIsFrozen) {
 
 TEST_F(Restarts, AServerThatIsItsOwnMainServerIsRefusedOrDoesWithout) {
   const auto refused = [&](const Words& options, const std::string& why) {
-    Words command{PORT_SERVER,   "sub",
-                  "--name",      "sub1",
-                  "--endpoint",  fmt::format("giop:tcp:127.0.0.1:{}", port("sub1")),
-                  "--state-dir", folder.path("refused")};
+    Words command{"sub",
+                  "--name",
+                  "sub1",
+                  "--endpoint",
+                  fmt::format("giop:tcp:127.0.0.1:{}", port("sub1")),
+                  "--state-dir",
+                  folder.path("refused")};
     command.insert(command.end(), directory.begin(), directory.end());
     command.insert(command.end(), options.begin(), options.end());
-    Process server(command, folder.path("refused"));
-    EXPECT_NE(outcome(server, 10s).status, 0);
-    EXPECT_NE(server.err().find(why), std::string::npos) << server.err();
+    const Outcome ended = ended_server(command);
+    EXPECT_NE(ended.status, 0);
+    EXPECT_NE(ended.err.find(why), std::string::npos) << ended.err;
   };
   refused({"--main", "sub1"}, "cannot be its own main server");
   point_main_at(corbaloc("sub1"));

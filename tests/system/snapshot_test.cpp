@@ -25,13 +25,10 @@ class Snapshots : public SystemTest {
   }
   /// What a second server of the same state folder says when it does not start.
   std::string refused(const Words& options) {
-    Words command{PORT_SERVER,   "main",
-                  "--name",      "m",
-                  "--endpoint",  "giop:tcp:127.0.0.1:0",
+    Words command{"main",        "--name",           "m", "--endpoint", "giop:tcp:127.0.0.1:0",
                   "--state-dir", folder.path("main")};
     command.insert(command.end(), options.begin(), options.end());
-    Process second(command, folder.path("second"));
-    const Outcome ended = outcome(second, 5s);
+    const Outcome ended = ended_server(command);
     EXPECT_EQ(ended.status, 1) << ended.err;
     return ended.err;
   }

@@ -112,6 +112,12 @@ std::string SystemTest::done(const std::string& server, const Words& arguments) 
   return ended.out;
 }
 
+Outcome SystemTest::ended_server(Words arguments) {
+  arguments.insert(arguments.begin(), PORT_SERVER);
+  Process server(arguments, files("ended"));
+  return outcome(server, 10s);
+}
+
 void SystemTest::expect_exchange(const std::string& port, const std::string& owner_at,
                                  const std::string& client_at) {
   const Port_Factory_var owners = server(owner_at);

@@ -58,6 +58,8 @@ class SystemTest : public ::testing::Test {
                                          const std::string& input = "/dev/null");
   Outcome outcome(Process& process, std::chrono::milliseconds patience = 30s);
 
+  /// Runs a server that is to end by itself, for its arguments.
+  Outcome ended_server(Words arguments);
   /// A request from a client at one server, answered by an owner at another.
   void expect_exchange(const std::string& port, const std::string& owner_at,
                        const std::string& client_at);
