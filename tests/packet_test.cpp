@@ -103,6 +103,12 @@ TEST_F(MasterPort, AdmitsOnePacketPerTakeForWhichASenderMayWait) {
   EXPECT_EQ(sent.get(), result::ok);
   EXPECT_EQ(send(758, "second"), result::owner_not_taking);
 
+  for (int i = 0; i < 20; ++i) {
+    taken = blocked_receive();
+    EXPECT_EQ(send(758, "its packet"), result::ok);
+    EXPECT_EQ(send(758, "the next one's"), result::owner_not_taking);
+    taken.wait();
+  }
   // Neither a take that has timed out nor one that the owner has left admits anything.
   taken = blocked_receive(1);
   clock.advance(1);
