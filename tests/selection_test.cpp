@@ -8,9 +8,6 @@
 namespace portsvc {
 namespace {
 
-// Result code, ready handle.
-using Selected = std::pair<unsigned int, unsigned int>;
-
 class Selection : public ::testing::Test {
  protected:
   Selection() {
@@ -21,20 +18,11 @@ class Selection : public ::testing::Test {
   unsigned int watcher(const char* name) { return owner(server, name, ACCESS_SELECT); }
   unsigned int waiter(const char* name) { return client(server, name, ACCESS_SELECT); }
 
-  template <class Select>
-  Selected run(Select select, std::initializer_list<unsigned int> handles, unsigned int timeout) {
-    Varo::PORT_HANDLE_SET set;
-    set.length(static_cast<CORBA::ULong>(handles.size()));
-    std::copy(handles.begin(), handles.end(), set.get_buffer());
-    CORBA::ULong ready = untouched;
-    const unsigned int code = (server.*select)(set, ready, timeout);
-    return {code, ready};
-  }
   Selected events(std::initializer_list<unsigned int> ids, unsigned int timeout = 0) {
-    return run(&Port_Factory_i::select_event_port, ids, timeout);
+    return select(server, &Port_Factory_i::select_event_port, ids, timeout);
   }
   Selected replies(std::initializer_list<unsigned int> handles, unsigned int timeout = 0) {
-    return run(&Port_Factory_i::select_replay_port, handles, timeout);
+    return select(server, &Port_Factory_i::select_replay_port, handles, timeout);
   }
   bool watched(const char* name) { return server.get_port(name)->has_selectors(); }
   // Queues a packet in a watched port, or in one that is watched for this moment.

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -118,6 +119,20 @@ inline Events receive_n(Port_Factory_i& server, unsigned int id, unsigned int co
   events.first = server.packet_receive_n(id, list.out(), count, timeout);
   for (CORBA::ULong i = 0; i < list->length(); ++i) events.second.push_back(text(list[i]));
   return events;
+}
+
+/// Result code, ready handle.
+using Selected = std::pair<unsigned int, unsigned int>;
+
+template <class Select>
+Selected select(Port_Factory_i& server, Select operation, const std::vector<unsigned int>& handles,
+                unsigned int timeout = 0) {
+  Varo::PORT_HANDLE_SET set;
+  set.length(static_cast<CORBA::ULong>(handles.size()));
+  std::copy(handles.begin(), handles.end(), set.get_buffer());
+  CORBA::ULong ready = untouched;
+  const unsigned int code = (server.*operation)(set, ready, timeout);
+  return {code, ready};
 }
 
 inline Varo::DT_PORT_SVC::PORT_INFO info_of(Port_Factory_i& server, const char* name) {
