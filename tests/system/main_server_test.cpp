@@ -24,15 +24,6 @@ std::string random_bytes(std::size_t size) {
   return bytes;
 }
 
-TEST_F(MainServer, APortServedByACommandAnswersWithWhatItPrints) {
-  done("main", {"create", "orders"});
-  const auto owner = in_background("main", {"serve", "orders", "--exec", "tr a-z A-Z"});
-  EXPECT_EQ(done("main", {"send", "orders", "hello", "--wait"}), "HELLO");
-  EXPECT_EQ(done("main", {"send", "orders", "", "--wait"}), "") << "an empty payload";
-  owner->signal(SIGTERM);
-  EXPECT_EQ(outcome(*owner).status, 0) << owner->err();
-}
-
 TEST_F(MainServer, ThreeHundredBlockedCallersOfOneProcessDelayNobody) {
   constexpr int callers = 300;
   const Port_Factory_var main = server("main");
@@ -116,7 +107,7 @@ TEST_F(MainServer, TakesA50MiBPayloadAndRefusesOnlyTheCallThatIsTooLarge) {
       << "portctl knows its own limit";
 }
 
-TEST_F(MainServer, CtrlCOnAReceiverOrWatcherFreesItsPort) {
+TEST_F(MainServer, CtrlCOnAReceiverServerOrWatcherFreesItsPort) {
   const Port_Factory_var main = server("main");
   EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
   EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 8), result::ok);
@@ -130,6 +121,7 @@ TEST_F(MainServer, CtrlCOnAReceiverOrWatcherFreesItsPort) {
   };
   EXPECT_EQ(interrupt("p", {"receive", "p", "--count", "0"}), 0) << "its regular end";
   EXPECT_EQ(interrupt("p", {"receive", "p", "--count", "5"}), 128 + SIGINT) << "too early";
+  EXPECT_EQ(interrupt("p", {"serve", "p", "--exec", "cat"}), 0);
   EXPECT_EQ(interrupt("box", {"event", "watch", "box"}), 0);
 }
 
