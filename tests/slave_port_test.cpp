@@ -105,6 +105,13 @@ TEST_F(SlavePort, ConnectsItsOwnerAtThePeer) {
   EXPECT_EQ(port.disconnect(77), result::ok);
   EXPECT_FALSE(owner_connected());
   EXPECT_EQ(std::get<0>(receive()), result::timed_out) << "the peer answers for its own port";
+
+  peer->answer("connect_port", {result::owner_exists});
+  peer->reported_owner = 55;
+  EXPECT_EQ(connect(77, CONNECT_OWNER), result::owner_exists);
+  EXPECT_EQ(reported, 55u);
+  EXPECT_EQ(port.port_id(), 55u);
+  EXPECT_EQ(std::get<0>(receive()), result::unknown_handle);
 }
 
 TEST_F(SlavePort, CarriesARequestToThePeerAndItsAnswerBack) {
