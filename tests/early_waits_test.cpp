@@ -97,7 +97,6 @@ TEST_F(EarlyWaits, EndByAWakeUpAtAnyTimeAndByThePauseWithoutOne) {
   const auto own = std::this_thread::get_id();
   std::atomic<bool> there{false};
   std::atomic<int> pauses{0};
-  std::vector<std::pair<Turn, bool>> ends;  // the turn, and whether it was on the caller's thread
   const auto end_by = [&](bool wanted_woken) {
     return [&, wanted_woken](Turn turn) {
       if (turn == Turn::pause_over) ++pauses;
@@ -188,17 +187,6 @@ class WokenWaits : public EarlyWaits {
     clock.await(waits);
     return result;
   }
-  template <class Operation>
-  std::pair<unsigned int, unsigned int> select(Operation operation,
-                                               const std::vector<unsigned int>& handles) {
-    Varo::PORT_HANDLE_SET set;
-    set.length(static_cast<CORBA::ULong>(handles.size()));
-    std::copy(handles.begin(), handles.end(), set.get_buffer());
-    CORBA::ULong ready = 0;
-    const unsigned int code = (server.*operation)(set, ready, 0);
-    return {code, ready};
-  }
-
   unsigned int q_again() {
     server.create_port("q", PORT_MASTER, 5);
     return owner(server, "q", ACCESS_SELECT);
@@ -267,22 +255,22 @@ TEST_F(WokenWaits, OfAnIdleSendingTask) {
 
 TEST_F(WokenWaits, OfSelections) {
   const unsigned int p = owner(server, "p", ACCESS_SELECT), q = owner(server, "q", ACCESS_SELECT);
-  auto packets = begun([&] { return select(&MainServer::select_event_port, {p, q, p}); });
+  auto packets = begun([&] { return select(server, &MainServer::select_event_port, {p, q, p}); });
   EXPECT_EQ(send(server, client(server, "q"), "x", 5), result::ok);
   EXPECT_EQ(packets.get(), std::pair(result::ok, q));
   EXPECT_EQ(std::get<0>(receive(server, q)), result::ok);
 
   const unsigned int a = client(server, "p", ACCESS_SELECT), b = client(server, "q", ACCESS_SELECT);
-  auto replies = begun([&] { return select(&MainServer::select_replay_port, {a, b}); });
+  auto replies = begun([&] { return select(server, &MainServer::select_replay_port, {a, b}); });
   server.packet_replay(b, wire("r"), 0);
   EXPECT_EQ(replies.get(), std::pair(result::ok, b));
   EXPECT_EQ(reply(server, b).first, result::ok);
 
-  replies = begun([&] { return select(&MainServer::select_replay_port, {a, b}); });
+  replies = begun([&] { return select(server, &MainServer::select_replay_port, {a, b}); });
   for (const unsigned int handle : {a, b}) server.disconnect_port(handle);
   EXPECT_EQ(replies.get().first, result::nothing_selected);
 
-  packets = begun([&] { return select(&MainServer::select_event_port, {p, q}); });
+  packets = begun([&] { return select(server, &MainServer::select_event_port, {p, q}); });
   const int before = clock.tests;
   server.delete_port("q");
   EXPECT_TRUE(eventually([&] { return clock.tests > before; })) << "one last look";
@@ -290,7 +278,7 @@ TEST_F(WokenWaits, OfSelections) {
   EXPECT_EQ(packets.get(), std::pair(result::ok, p)) << "the deleted one is watched to the end";
 
   const unsigned int again = q_again();
-  packets = begun([&] { return select(&MainServer::select_event_port, {again}); });
+  packets = begun([&] { return select(server, &MainServer::select_event_port, {again}); });
   const auto cleared = server.get_port("q");
   const int looked = clock.tests;
   server.clearAll();
@@ -298,7 +286,7 @@ TEST_F(WokenWaits, OfSelections) {
   cleared->disconnect(again);
   EXPECT_EQ(packets.get().first, result::nothing_selected);
 
-  packets = begun([&] { return select(&MainServer::select_event_port, {q_again()}); });
+  packets = begun([&] { return select(server, &MainServer::select_event_port, {q_again()}); });
   server.disconnect_port(id_of(server, "q"));
   EXPECT_EQ(packets.get().first, result::nothing_selected);
 }
@@ -367,12 +355,11 @@ TEST_F(EarlyWaits, LoseNothingAndHangNowhereUnderStress) {
         }
       },
       [&](int) {  // an owner that selects
-        Varo::PORT_HANDLE_SET set;
-        set.length(1);
-        set[0] = seen;
-        CORBA::ULong ready = 0;
-        while (in_time("select", 1, [&] { return server.select_event_port(set, ready, 1); }) == 0 ||
-               sending > 0) {
+        for (;;) {
+          const auto [code, ready] = in_time("select", 1, [&] {
+            return select(server, &MainServer::select_event_port, {seen}, 1);
+          });
+          if (code != 0 && sending == 0) return;
           take(ready);
         }
       },

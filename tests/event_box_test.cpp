@@ -29,12 +29,7 @@ class EventBox : public ::testing::Test {
     for (CORBA::ULong i = 0; i < payloads.size(); ++i) list[i] = wire(payloads[i]);
     return server.declare_event_n(code, list, 77);
   }
-  Received receive(unsigned int timeout = 0) {
-    unsigned int source = untouched;
-    vrBuffer data = buffer("untouched");
-    const unsigned int code = box.receive(source, data, timeout);
-    return {code, source, text(data)};
-  }
+  Received receive(unsigned int timeout = 0) { return portsvc::receive(box, timeout); }
 
   TestClock clock;
   MainServer server;
@@ -260,36 +255,6 @@ TEST_F(EventBox, SharesOneStoredEventWithAllOthersAndLeavesItWhole) {
       }
     });
   }
-}
-
-TEST_F(EventBox, LosesNothingBelowTheLimitAndKeepsEachProducersOrder) {
-  constexpr int producers = 3;
-  constexpr int each = 1000;
-  boxes({"box"}, producers * each);
-  subscribe({"box"}, 7);
-  const unsigned int id = owner(server, "box");
-  // Meanwhile others come and go under the same code.
-  in_parallel(producers + 2, [&](int i) {
-    const std::string prefix = std::to_string(i) + ":";
-    for (int n = 0; i < producers && n < each; n += 2) {
-      ASSERT_EQ(declare(7, prefix + std::to_string(n)), result::ok);
-      ASSERT_EQ(declare_n(7, {prefix + std::to_string(n + 1)}), result::ok);
-    }
-    for (int n = 0; i == producers && n < 200; ++n) {
-      boxes({prefix.c_str()});
-      subscribe({prefix.c_str()}, 7);
-      server.delete_port(prefix.c_str());
-    }
-    int next[producers] = {};
-    for (int taken = 0; i > producers && taken < producers * each;) {
-      const Events events = receive_n(server, id, 64, 60);
-      ASSERT_EQ(events.first, result::ok);
-      for (const std::string& event : events.second) {
-        ASSERT_EQ(event.substr(2), std::to_string(next[event[0] - '0']++));
-        ++taken;
-      }
-    }
-  });
 }
 
 }  // namespace

@@ -160,7 +160,7 @@ TEST_F(Registry, LetsARunningOperationKeepItsPort) {
 TEST_F(Registry, StaysInStepUnderConcurrentUse) {
   // All threads create, use and delete the same few ports.
   in_parallel(4, [&](int i) {
-    for (int n = 0; n < 200; ++n) {
+    for (int n = 0; n < 5000; ++n) {
       const std::string name(1, static_cast<char>('a' + (n + i) % 3));
       server.create_port(name.c_str(), n % 2 ? PORT_MASTER : PORT_EVENTBOX, 3);
       const Connected joined = connect(server, name.c_str(), CONNECT_CLIENT, ACCESS_SELECT);

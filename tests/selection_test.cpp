@@ -8,9 +8,6 @@
 namespace portsvc {
 namespace {
 
-// Result code, ready handle.
-using Selected = std::pair<unsigned int, unsigned int>;
-
 class Selection : public ::testing::Test {
  protected:
   Selection() {
@@ -21,20 +18,11 @@ class Selection : public ::testing::Test {
   unsigned int watcher(const char* name) { return owner(server, name, ACCESS_SELECT); }
   unsigned int waiter(const char* name) { return client(server, name, ACCESS_SELECT); }
 
-  template <class Select>
-  Selected run(Select select, std::initializer_list<unsigned int> handles, unsigned int timeout) {
-    Varo::PORT_HANDLE_SET set;
-    set.length(static_cast<CORBA::ULong>(handles.size()));
-    std::copy(handles.begin(), handles.end(), set.get_buffer());
-    CORBA::ULong ready = untouched;
-    const unsigned int code = (server.*select)(set, ready, timeout);
-    return {code, ready};
-  }
   Selected events(std::initializer_list<unsigned int> ids, unsigned int timeout = 0) {
-    return run(&Port_Factory_i::select_event_port, ids, timeout);
+    return select(server, &Port_Factory_i::select_event_port, ids, timeout);
   }
   Selected replies(std::initializer_list<unsigned int> handles, unsigned int timeout = 0) {
-    return run(&Port_Factory_i::select_replay_port, handles, timeout);
+    return select(server, &Port_Factory_i::select_replay_port, handles, timeout);
   }
   bool watched(const char* name) { return server.get_port(name)->has_selectors(); }
   // Queues a packet in a watched port, or in one that is watched for this moment.
@@ -55,13 +43,6 @@ class Selection : public ::testing::Test {
   MainServer server;
 };
 
-TEST_F(Selection, OfNothingEndsAtOnce) {
-  EXPECT_EQ(events({}), Selected(result::nothing_selected, untouched));
-  EXPECT_EQ(replies({}), Selected(result::nothing_selected, untouched));
-  EXPECT_EQ(events({}, 5), Selected(result::nothing_selected, untouched));
-  EXPECT_EQ(clock.pauses(), 0);
-}
-
 TEST_F(Selection, RefusesWhatCannotBeWatched) {
   const unsigned int a = watcher("a");
   const unsigned int blocking = owner(server, "b");
@@ -75,6 +56,8 @@ TEST_F(Selection, RefusesWhatCannotBeWatched) {
   const unsigned int handle = waiter("a");
   EXPECT_EQ(replies({handle, a}), Selected(result::unknown_handle, untouched)) << "an owner's id";
   EXPECT_EQ(replies({handle, client(server, "a")}), Selected(result::access_refused, untouched));
+  EXPECT_EQ(events({}, 5), Selected(result::nothing_selected, untouched)) << "at once";
+  EXPECT_EQ(replies({}), Selected(result::nothing_selected, untouched));
   EXPECT_EQ(clock.pauses(), 0);
 }
 
@@ -171,14 +154,6 @@ TEST_F(Selection, TellsEveryWatcherOfAPort) {
   EXPECT_FALSE(watched("a"));
   EXPECT_EQ(std::get<2>(receive(server, a)), "x");
   EXPECT_EQ(std::get<0>(receive(server, a)), result::nothing_arrived);
-}
-
-TEST_F(Selection, WatchesADeletedPortToTheEnd) {
-  const unsigned int a = watcher("a");
-  const auto port = server.get_port("a");
-  in_pause(2, [&] { server.delete_port("a"); });
-  EXPECT_EQ(events({a}, 1), Selected(result::timed_out, 0));
-  EXPECT_FALSE(port->has_selectors());
 }
 
 }  // namespace

@@ -28,19 +28,12 @@ class SlavePort : public WithPeers {
     reported = untouched;
     return port.connect(handle, mode, access, reported);
   }
-  Received receive(unsigned int timeout = 5) {
-    unsigned int source = untouched;
-    vrBuffer data = buffer("untouched");
-    const unsigned int code = port.receive(source, data, timeout);
-    return {code, source, text(data)};
-  }
+  Received receive(unsigned int timeout = 5) { return portsvc::receive(port, timeout); }
   unsigned int send(unsigned int handle, unsigned int timeout = 5) {
     return port.forward(handle, buffer("data"), timeout);
   }
   Reply reply(unsigned int handle, unsigned int timeout = 5) {
-    vrBuffer data = buffer("untouched");
-    const unsigned int code = port.replay_wait(handle, data, timeout);
-    return {code, text(data)};
+    return portsvc::reply(port, handle, timeout);
   }
   bool owner_connected() {
     unsigned int access = 0, kind = 0, limit = 0;
@@ -112,17 +105,12 @@ TEST_F(SlavePort, ConnectsItsOwnerAtThePeer) {
   EXPECT_EQ(port.disconnect(77), result::ok);
   EXPECT_FALSE(owner_connected());
   EXPECT_EQ(std::get<0>(receive()), result::timed_out) << "the peer answers for its own port";
-}
 
-TEST_F(SlavePort, TakesOverTheIdOfARefusedOwner) {
-  reach(peer.object());
-  connect(77, CONNECT_OWNER);
   peer->answer("connect_port", {result::owner_exists});
   peer->reported_owner = 55;
   EXPECT_EQ(connect(77, CONNECT_OWNER), result::owner_exists);
   EXPECT_EQ(reported, 55u);
   EXPECT_EQ(port.port_id(), 55u);
-  EXPECT_FALSE(owner_connected());
   EXPECT_EQ(std::get<0>(receive()), result::unknown_handle);
 }
 
@@ -218,37 +206,6 @@ TEST_F(SlavePort, AnswersACodeForEveryBrokerException) {
   EXPECT_EQ(port.disconnect(758), result::ok) << "whatever the peer says";
   peer.stop();
   EXPECT_EQ(send(759), result::peer_forward);
-}
-
-TEST_F(SlavePort, ServesManyClientsAtOnceEachItsOwnReply) {
-  constexpr int clients = 6;
-  constexpr int requests = 10;
-  Active<MainServer> main;
-  reach(main.object());
-  ASSERT_EQ(main->create_port("p", PORT_MASTER, 3), result::ok);
-  const unsigned int id = owner(*main, "p");
-  in_parallel(clients + 1, [&](int i) {
-    if (i == clients) {
-      for (int n = 0; n < clients * requests; ++n) {
-        const Received request = portsvc::receive(*main, id);
-        main->packet_replay(std::get<1>(request), wire("re: " + std::get<2>(request)), 0);
-      }
-      return;
-    }
-    const auto handle = static_cast<unsigned int>(1000 + i);
-    unsigned int ignored = 0;
-    port.connect(handle, CONNECT_CLIENT, ACCESS_WAIT, ignored);
-    for (int n = 0; n < requests; ++n) {
-      const std::string request = std::to_string(i) + "." + std::to_string(n);
-      ASSERT_EQ(port.forward(handle, buffer(request), 60), result::ok);
-      ASSERT_EQ(reply(handle, 60), Reply(result::ok, "re: " + request));
-    }
-  });
-  const auto port_of_main = main->get_port("p");
-  for (unsigned int handle = first_client_handle; handle < main->next_handle_; ++handle) {
-    ASSERT_EQ(port_of_main->has_client(handle), result::unknown_name);
-  }
-  EXPECT_EQ(main->next_handle_, first_client_handle + clients * requests);
 }
 
 }  // namespace

@@ -152,29 +152,6 @@ TEST_F(Snapshot, SaysWhenTheFileCannotBeWritten) {
   EXPECT_TRUE(CORBA::is_nil(Varo::FileHandle_var(server.openSnapShot())));
 }
 
-TEST_F(Snapshot, IsReadRemotelyAsItWasWhenOpened) {
-  MainServer server;
-  server.create_port("p", PORT_MASTER, 8);
-  const Varo::FileHandle_var handle = server.openSnapShot();
-  ASSERT_FALSE(CORBA::is_nil(handle));
-  const std::string saved = read_all(server.get_snap_path());
-  server.create_port("q", PORT_MASTER, 8);
-  const Varo::FileHandle_var later = server.openSnapShot();
-  std::filesystem::remove(server.get_snap_path());
-
-  CORBA::Long size = 0;
-  EXPECT_EQ(handle->size(size), 0);
-  EXPECT_EQ(size, static_cast<CORBA::Long>(saved.size()));
-  Varo::DATA_BUFFER_var data;
-  CORBA::Long length = 1000;
-  EXPECT_EQ(handle->read(0, length, data.out()), 0);
-  EXPECT_EQ(text(data.in()), saved);
-  EXPECT_EQ(later->size(size), 0);
-  EXPECT_EQ(size, static_cast<CORBA::Long>(saved.size() + 268));
-  handle->close();
-  later->close();
-}
-
 TEST_F(Snapshot, HandlesThatNobodyClosesAreBounded) {
   MainServer server;
   server.create_port("p", PORT_MASTER, 8);

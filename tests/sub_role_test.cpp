@@ -1,9 +1,7 @@
-#include <ace/Reactor.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 
-#include "roles/port_connect_manager.h"
 #include "roles/port_factory_sub.h"
 #include "tests/support/allocation.h"
 #include "tests/support/peers.h"
@@ -188,51 +186,27 @@ TEST_F(SubRole, ListsTheNamesOfTheMainServer) {
   EXPECT_EQ(errno, ENOMEM);
 }
 
-TEST_F(SubRole, HearsFromTheConnectionManager) {
-  Active<SubServer> served("main", "plant/served", nullptr, shared_orb());
-  ACE_Reactor reactor;
-  vrPortConnect_Manager manager("main", nullptr, &*served, &reactor);
-  EXPECT_TRUE(manager.self()->_is_equivalent(served.reference()));
-  CORBA::Object_var object = peer.object();
-  EXPECT_EQ(manager.on_connected(object), result::ok);
-  EXPECT_EQ(peer->calls(), (Texts{"push_remote_consumer plant/served"}));
-  object = CORBA::Object::_nil();
-  EXPECT_EQ(manager.on_connected(object), result::failed);
-  manager.on_heartbeat();
-}
-
 TEST_F(SubRole, NeverBlocksItselfWhateverComesAtOnce) {
   // A slow main server; cloning on demand, reconnections, reports and stores meet all the time.
   reach();
   for (int i = 0; i < 40; ++i) peer->has("p" + std::to_string(i), PORT_EVENTBOX, 3000 + i);
   peer->delay_ms = 1;
+  const std::function<void(const char*)> works[] = {
+      [&](const char*) { EXPECT_EQ(back_call(peer.object()), result::ok); },
+      [&](const char* name) { sub.set_notify_port(name); },
+      [&](const char* name) { sub.delete_port(name), sub.heart_bit(); },
+      [&](const char* name) { EXPECT_EQ(sub.update_port(name, 1, wire("x")), result::ok); },
+      [&](const char* name) {
+        if (const auto port = sub.get_port(name)) port->forward(1, buffer("x"), 0);
+        inquire(sub, name);
+      },
+      [&](const char* name) {
+        EXPECT_EQ(sub.exist(name), static_cast<int>(result::ok));
+        connect(sub, name, CONNECT_CLIENT, ACCESS_WAIT);
+        names(sub);
+      }};
   in_parallel(6, [&](int thread) {
-    for (int n = 0; n < 40; ++n) {
-      const std::string name = "p" + std::to_string(n);
-      switch (thread) {
-        case 0:
-          EXPECT_EQ(back_call(peer.object()), result::ok);
-          break;
-        case 1:
-          sub.set_notify_port(name.c_str());
-          break;
-        case 2:
-          sub.delete_port(name.c_str());
-          sub.heart_bit();
-          break;
-        case 3:
-          EXPECT_EQ(sub.update_port(name.c_str(), 1, wire("x")), result::ok);
-          break;
-        case 4:
-          if (const auto port = sub.get_port(name.c_str())) port->forward(1, buffer("x"), 0);
-          inquire(sub, name.c_str());
-          break;
-        default:
-          EXPECT_EQ(sub.exist(name.c_str()), static_cast<int>(result::ok));
-          connect(sub, name.c_str(), CONNECT_CLIENT, ACCESS_WAIT);
-          names(sub);
-      }
-    }
+    for (int n = 0; n < 40; ++n) works[thread](fmt::format("p{}", n).c_str());
   });
 }
 

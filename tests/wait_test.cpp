@@ -1,8 +1,15 @@
+// Waits, and the thread that tests for them.
 #include "platform/wait.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <new>
+
+#include "platform/poller.h"
 #include "tests/support/test_clock.h"
+#include "tests/support/threads.h"
 
 namespace portsvc {
 namespace {
@@ -82,6 +89,36 @@ TEST(Wait, HeedsAClockThatIsSet) {
   clock.on_pause = [&](const ACE_Time_Value&) { clock.advance(3600); };
   EXPECT_EQ(wait(1, given_up, {}, not_yet, no), given_up);
   EXPECT_EQ(clock.pauses(), before + 1);
+}
+
+TEST(Poller, EndsEachWaitWhenItsOwnTestSaysSoAndNoOther) {
+  constexpr int waits = 100;
+  std::atomic<int> ended{0};
+  std::vector<std::atomic<bool>> may_end(waits);
+  std::thread ending([&] {
+    // Every second one; the others are still tested meanwhile.
+    for (std::size_t i = 0; i < waits; i += 2) may_end[i] = true;
+    EXPECT_TRUE(eventually([&] { return ended == waits / 2; }));
+    for (std::size_t i = 1; i < waits; i += 2) may_end[i] = true;
+  });
+  in_parallel(waits, [&](int i) {
+    const auto own = static_cast<std::size_t>(i);
+    Poller::instance().wait({}, [&](Turn) { return may_end[own].load(); });
+    EXPECT_TRUE(may_end[own]);
+    ++ended;
+  });
+  ending.join();
+}
+
+TEST(Poller, PausesBetweenTestsAndPassesAnExceptionToItsWait) {
+  EXPECT_THROW(Poller::instance().wait({}, [](Turn) -> bool { throw std::bad_alloc(); }),
+               std::bad_alloc);
+  const auto start = std::chrono::steady_clock::now();
+  int tests = 0;
+  Poller::instance().wait({}, [&](Turn) { return ++tests == 5; });
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(took, std::chrono::milliseconds(45));
+  EXPECT_LT(took, std::chrono::milliseconds(500));
 }
 
 }  // namespace

@@ -548,20 +548,17 @@ int run(unsigned int seed, int seconds, const std::string& waits) {
       }
       clients.emplace_back([&, box] { consume(broker, box, record); });
     }
-    {
-      // Ports that only a main server can create: owners at a sub server need them.
-      Way way(broker, main_index);
+    // Ports that only a main server can create: owners at a sub server need them.
+    auto make_ports = [&, way = Way(broker, main_index)]() mutable {
       for (int i = 0; i < 6; ++i) make_port(way, fmt::format("port{}", i), PORT_MASTER);
-    }
+    };
+    make_ports();
     Hand hand(seed, small_disk ? disk : "");
     const auto end = Steady::now() + std::chrono::seconds(seconds);
     while (Steady::now() < end) {
       std::this_thread::sleep_for(std::chrono::milliseconds(300 + hand.pick(2500)));
       hand.act();
-      if (servers[main_index]->epoch() != 0) {
-        Way way(broker, main_index);
-        for (int i = 0; i < 6; ++i) make_port(way, fmt::format("port{}", i), PORT_MASTER);
-      }
+      make_ports();
     }
     std::this_thread::sleep_for(aftermath + peace);
     stop = true;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -93,6 +94,19 @@ inline Reply reply(Port_Factory_i& server, unsigned int handle, unsigned int tim
   return {code, text(data.in())};
 }
 
+// The same of a port itself; data that it does not write stays "untouched".
+inline Received receive(Port_impl& port, unsigned int timeout) {
+  unsigned int source = untouched;
+  vrBuffer data = buffer("untouched");
+  const unsigned int code = port.receive(source, data, timeout);
+  return {code, source, text(data)};
+}
+inline Reply reply(Port_impl& port, unsigned int handle, unsigned int timeout) {
+  vrBuffer data = buffer("untouched");
+  const unsigned int code = port.replay_wait(handle, data, timeout);
+  return {code, text(data)};
+}
+
 using Texts = std::vector<std::string>;
 
 /// Result code, payloads.
@@ -105,6 +119,20 @@ inline Events receive_n(Port_Factory_i& server, unsigned int id, unsigned int co
   events.first = server.packet_receive_n(id, list.out(), count, timeout);
   for (CORBA::ULong i = 0; i < list->length(); ++i) events.second.push_back(text(list[i]));
   return events;
+}
+
+/// Result code, ready handle.
+using Selected = std::pair<unsigned int, unsigned int>;
+
+template <class Select>
+Selected select(Port_Factory_i& server, Select operation, const std::vector<unsigned int>& handles,
+                unsigned int timeout = 0) {
+  Varo::PORT_HANDLE_SET set;
+  set.length(static_cast<CORBA::ULong>(handles.size()));
+  std::copy(handles.begin(), handles.end(), set.get_buffer());
+  CORBA::ULong ready = untouched;
+  const unsigned int code = (server.*operation)(set, ready, timeout);
+  return {code, ready};
 }
 
 inline Varo::DT_PORT_SVC::PORT_INFO info_of(Port_Factory_i& server, const char* name) {

@@ -9,25 +9,16 @@
 namespace portsvc {
 namespace {
 
-class DirectoryOfServers : public SystemTest {
- protected:
-  /// A request made at sub1 and answered by an owner at the main server.
-  void expect_exchange(const std::string& port) {
-    const auto owner = in_background("main", {"serve", port, "--exec", "cat", "--count", "1"});
-    EXPECT_EQ(done("sub1", {"send", port, "hello", "--wait"}), "hello");
-    EXPECT_EQ(outcome(*owner).status, 0) << owner->err();
-  }
-};
+using DirectoryOfServers = SystemTest;
 
 TEST_F(DirectoryOfServers, AFileThatCannotBeReadIsRefusedWithItsFault) {
   const std::string file = folder.path("broken.ini");
   const std::string entry = "[a]\nrole = main\nreference = " + corbaloc("main") + "\n";
   const auto expect = [&](const std::string& fault) {
-    Process server({PORT_SERVER, "sub", "--name", "s", "--main", "a", "--endpoint",
-                    "giop:tcp:127.0.0.1:0", "--state-dir", folder.path("s"), "--directory", file},
-                   folder.path("refused"));
-    EXPECT_EQ(outcome(server, 10s).status, 1);
-    const std::string err = server.err();
+    const auto [status, out, err] =
+        ended_server({"sub", "--name", "s", "--main", "a", "--endpoint", "giop:tcp:127.0.0.1:0",
+                      "--state-dir", folder.path("s"), "--directory", file});
+    EXPECT_EQ(status, 1);
     EXPECT_NE(err.find(fault), std::string::npos) << err;
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     directory[1] = file;
@@ -50,13 +41,9 @@ TEST_F(DirectoryOfServers, AFileThatCannotBeReadIsRefusedWithItsFault) {
 TEST_F(DirectoryOfServers, AMainServerThatIsNoPortServiceIsTakenForAbsentUntilTheFileIsPutRight) {
   start("main");
   done("main", {"create", "p"});
-  const std::string right = read_all(directory[1]);
   const Port_Factory_var main = server("main");
   const Varo::FileHandle_var handle = main->openSnapShot();
-  std::string wrong = right;
-  wrong.replace(right.find(corbaloc("main")), corbaloc("main").size(),
-                broker().to_text(handle.in()));
-  write_all(directory[1], wrong);
+  point_main_at(broker().to_text(handle.in()));
 
   start("sub1", {"--call-timeout", "1"});
   EXPECT_EQ(portctl("main", {"ping"}).status, 3);
@@ -66,9 +53,9 @@ TEST_F(DirectoryOfServers, AMainServerThatIsNoPortServiceIsTakenForAbsentUntilTh
   const auto owner = in_background("sub1", {"serve", "own", "--exec", "cat", "--count", "1"});
   EXPECT_EQ(done("sub1", {"send", "own", "hello", "--wait"}), "hello");
 
-  write_all(directory[1], right);
+  point_main_at(corbaloc("main"));
   EXPECT_TRUE(eventually([&] { return portctl("sub1", {"exists", "p"}).status == 0; }));
-  expect_exchange("p");
+  expect_exchange("p", "main", "sub1");
 }
 
 TEST_F(DirectoryOfServers, AnEntryThatIsChangedIsFollowedAndAFileThatIsBrokenIsSaid) {
@@ -80,8 +67,7 @@ TEST_F(DirectoryOfServers, AnEntryThatIsChangedIsFollowedAndAFileThatIsBrokenIsS
                  fmt::format("giop:tcp:127.0.0.1:{}", at), "--state-dir", folder.path("other")},
                 folder.path("other"));
   const std::string reference = fmt::format("corbaloc:iiop:127.0.0.1:{}/{}", at, object_key);
-  const std::string right = read_all(directory[1]);
-  write_all(directory[1], "[main\n" + right);
+  write_all(directory[1], "[main\n" + read_all(directory[1]));
   const auto said = [&] {
     const std::string err = process("sub1").err();
     return std::make_pair(err.find("line 1") != std::string::npos,
@@ -91,9 +77,7 @@ TEST_F(DirectoryOfServers, AnEntryThatIsChangedIsFollowedAndAFileThatIsBrokenIsS
   EXPECT_EQ(server("sub1")->exist("nobody"), static_cast<int>(result::unknown_name));
   EXPECT_EQ(said().second, 1) << process("sub1").err();
 
-  std::string changed = right;
-  changed.replace(right.find(corbaloc("main")), corbaloc("main").size(), reference);
-  write_all(directory[1], changed);
+  point_main_at(reference);
   ASSERT_TRUE(eventually([&] {
     return portctl("main", {"create", "there"}).status == 0 &&
            portctl("sub1", {"exists", "there"}).status == 0;
@@ -119,7 +103,7 @@ TEST_F(DirectoryOfServers, ServersMeetInANamingServiceAlsoWhenItComesLast) {
   auto naming = start_naming("first");
   ASSERT_TRUE(eventually([&] { return portctl("main", {"create", "p"}).status == 0; }));
   ASSERT_TRUE(eventually([&] { return portctl("sub1", {"exists", "p"}).status == 0; }));
-  expect_exchange("p");
+  expect_exchange("p", "main", "sub1");
   EXPECT_EQ(done("main", {"subs"}), "sub1\n");
   EXPECT_NE(done("main", {"ls", "--all"}).find("NAME  main"), std::string::npos);
 

@@ -72,15 +72,6 @@ class Forwarding : public SystemTest {
         << arrived(sub, box) << " of " << count << " in " << box << " at " << sub;
     EXPECT_EQ(arrived(sub, box), count) << box << " at " << sub;
   }
-  /// What a sub server's box holds, which leaves it.
-  Words events(const std::string& sub, const char* box) {
-    Varo::DATA_BUFFER_SEQ_var list;
-    const Port_Factory_var reader = server(sub);
-    EXPECT_EQ(reader->packet_receive_n(info_of(reader, box).port_id, list.out(), 10000, 0), 0U);
-    Words payloads;
-    for (CORBA::ULong i = 0; i < list->length(); ++i) payloads.push_back(text(list[i]));
-    return payloads;
-  }
 
  private:
   const TestClock clock_;  // the sending threads' idle pause takes a millisecond
@@ -109,39 +100,6 @@ TEST_F(Forwarding, AFrozenSubServerHoldsBackItsOwnCopiesOnly) {
     expect_to_arrive(sub, "a", 1504);
     expect_to_arrive(sub, "b", 1);
   }
-}
-
-TEST_F(Forwarding, MoreCopiesThanMayWaitAreDiscardedAndItStartsAgainFromNone) {
-  orb::set_peer_call_timeout(60s);
-  process("sub2").signal(SIGSTOP);
-  forward("a");
-  expect_to_arrive("sub1", "a", 1);
-  forward("a", 1500);  // 3000 copies wait, two for each packet
-  forward("a");        // the first of its copies is the last that may; the second discards all
-  forward("a");
-  EXPECT_EQ(stored("a"), 1503U);
-  process("sub2").signal(SIGCONT);
-  for (const char* sub : {"sub1", "sub2"}) expect_to_arrive(sub, "a", 2);
-}
-
-TEST_F(Forwarding, ASubServerThatDoesNotAnswerInTimeCostsTheRestOfTheBatch) {
-  orb::set_peer_call_timeout(2s);
-  process("sub2").signal(SIGSTOP);
-  forward("a");
-  expect_to_arrive("sub1", "a", 1);
-  forward("a", 5);  // a batch for later: the sending thread waits for sub2
-  expect_to_arrive("sub1", "a", 2);
-  forward("a");  // the batch after that
-  expect_to_arrive("sub1", "a", 3);
-  EXPECT_EQ(events("sub1", "a"), (Words{"1", "2", "7"}));
-  EXPECT_EQ(stored("a"), 7U);
-
-  process("sub2").signal(SIGCONT);
-  EXPECT_TRUE(eventually([&] {
-    forward("a");
-    return arrived("sub2", "a") > 3;  // the frozen calls may be carried out late
-  }));
-  EXPECT_FALSE(events("sub1", "a").empty());
 }
 
 TEST_F(Forwarding, ASubServerThatIsGoneHoldsUpNobodyAndIsServedAgainWhenItIsBack) {

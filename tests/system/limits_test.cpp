@@ -22,13 +22,6 @@ class Limits : public SystemTest {
       return exception.minor();
     }
   }
-  /// How often a line with `text` stands on the server's log.
-  std::ptrdiff_t said(const std::string& text) {
-    const std::string log = process("main").err();
-    std::ptrdiff_t count = 0;
-    for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
-    return count;
-  }
 };
 
 TEST_F(Limits, OfPortsClientsAndQueuedBytesRefuseWhatIsAboveThem) {
@@ -41,7 +34,7 @@ TEST_F(Limits, OfPortsClientsAndQueuedBytesRefuseWhatIsAboveThem) {
     EXPECT_EQ(refused([&] { main->create_port("another", PORT_MASTER, 8); }), refusal::ports);
   }
   EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok) << "it exists";
-  EXPECT_EQ(said("the limit of 3 ports is reached"), 1);
+  EXPECT_EQ(times_said("main", "the limit of 3 ports is reached"), 1);
   EXPECT_NE(portctl("main", {"create", "another"}).err.find("limit of ports"), std::string::npos);
 
   const unsigned int client = connected(main, "p", CONNECT_CLIENT);
@@ -50,7 +43,7 @@ TEST_F(Limits, OfPortsClientsAndQueuedBytesRefuseWhatIsAboveThem) {
   const unsigned int owner = connected(main, "p", CONNECT_OWNER);
   EXPECT_EQ(main->disconnect_port(client), result::ok);
   EXPECT_NE(connected(main, "p", CONNECT_CLIENT), 0u);
-  EXPECT_EQ(said("port p: the limit of 2 clients is reached"), 1);
+  EXPECT_EQ(times_said("main", "port p: the limit of 2 clients is reached"), 1);
 
   // An event counts once, in however many boxes it stands, and until the last has let it go.
   for (const char* box : {"box", "second"}) main->add_event(box, 1);
@@ -65,7 +58,7 @@ TEST_F(Limits, OfPortsClientsAndQueuedBytesRefuseWhatIsAboveThem) {
   EXPECT_EQ(main->clear_event("box"), result::ok);
   EXPECT_EQ(refused([&] { main->send_event("box", data); }), refusal::queued_bytes);
   EXPECT_EQ(main->clear_event("second"), result::ok);
-  EXPECT_EQ(said("queued bytes is reached"), 1);
+  EXPECT_EQ(times_said("main", "queued bytes is reached"), 1);
   // All of it has come back, that of packets and replies too.
   for (int i = 0; i < 20; ++i) {
     auto taken = std::async(std::launch::async, [&] { return receive(main, owner, 10); });
@@ -74,7 +67,7 @@ TEST_F(Limits, OfPortsClientsAndQueuedBytesRefuseWhatIsAboveThem) {
     EXPECT_EQ(main->packet_replay(other, data, 0), result::ok);
     EXPECT_EQ(reply(main, other, 10).first, result::ok);
   }
-  EXPECT_EQ(said("queued bytes again"), 1);
+  EXPECT_EQ(times_said("main", "queued bytes again"), 1);
 }
 
 TEST_F(Limits, OfBlockedCallsAndConnectionsLeaveTheOthersAlone) {
@@ -97,7 +90,7 @@ TEST_F(Limits, OfBlockedCallsAndConnectionsLeaveTheOthersAlone) {
   EXPECT_EQ(answers, std::multiset<unsigned int>({result::timed_out, result::timed_out,
                                                   result::timed_out, refusal::blocked_calls}));
   EXPECT_EQ(std::get<0>(receive(main, id, 1)), result::timed_out);
-  EXPECT_EQ(said("the limit of 3 blocked calls is reached"), 1);
+  EXPECT_EQ(times_said("main", "the limit of 3 blocked calls is reached"), 1);
 
   std::vector<std::unique_ptr<RawConnection>> connections;
   bool full = false;
@@ -111,7 +104,7 @@ TEST_F(Limits, OfBlockedCallsAndConnectionsLeaveTheOthersAlone) {
   EXPECT_GT(connections.size(), 1U);
   EXPECT_EQ(portctl("main", {"--timeout-call", "2", "ping"}).status, 3);
   EXPECT_EQ(main->exist("p"), 0) << "who is in stays in";
-  EXPECT_EQ(said("the limit of 12 connections is reached"), 1);
+  EXPECT_EQ(times_said("main", "the limit of 12 connections is reached"), 1);
   connections.clear();
   EXPECT_TRUE(eventually([&] { return portctl("main", {"ping"}).status == 0; }));
   EXPECT_EQ(main->disconnect_port(client), result::ok);

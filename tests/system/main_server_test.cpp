@@ -4,7 +4,6 @@
 
 #include <future>
 #include <random>
-#include <set>
 
 #include "tests/system/system_test.h"
 
@@ -23,26 +22,6 @@ std::string random_bytes(std::size_t size) {
   std::independent_bits_engine<std::mt19937, 8, unsigned int> random;
   for (char& byte : bytes) byte = static_cast<char>(random());
   return bytes;
-}
-
-TEST_F(MainServer, AFileOf20MiBComesOutOfAPortByteForByte) {
-  const std::string sent = random_bytes(20U << 20);
-  write_all(folder.path("sent"), sent);
-  done("main", {"create", "files"});
-  const auto receiver =
-      in_background("main", {"receive", "files", "--file", folder.path("received")});
-  done("main", {"send", "files", "--file", folder.path("sent")});
-  EXPECT_EQ(outcome(*receiver).status, 0) << receiver->err();
-  EXPECT_TRUE(read_all(folder.path("received")) == sent);
-}
-
-TEST_F(MainServer, APortServedByACommandAnswersWithWhatItPrints) {
-  done("main", {"create", "orders"});
-  const auto owner = in_background("main", {"serve", "orders", "--exec", "tr a-z A-Z"});
-  EXPECT_EQ(done("main", {"send", "orders", "hello", "--wait"}), "HELLO");
-  EXPECT_EQ(done("main", {"send", "orders", "", "--wait"}), "") << "an empty payload";
-  owner->signal(SIGTERM);
-  EXPECT_EQ(outcome(*owner).status, 0) << owner->err();
 }
 
 TEST_F(MainServer, ThreeHundredBlockedCallersOfOneProcessDelayNobody) {
@@ -128,67 +107,7 @@ TEST_F(MainServer, TakesA50MiBPayloadAndRefusesOnlyTheCallThatIsTooLarge) {
       << "portctl knows its own limit";
 }
 
-TEST_F(MainServer, AnswersACodeWhateverTheNameAndTheHandle) {
-  const Port_Factory_var main = server("main");
-  for (const std::size_t length : {0, 10000}) {
-    const std::string name(length, 'n');
-    const char* const port = name.c_str();
-    EXPECT_EQ(main->exist(port), static_cast<int>(result::unknown_name));
-    EXPECT_EQ(main->create_port(port, PORT_MASTER, 8), result::ok);
-    EXPECT_EQ(main->exist(port), 0);
-    std::thread owner([&] { answer_packets(main, name, 1); });
-    EXPECT_EQ(ask(main, connected(main, name, CONNECT_CLIENT), "", 5), Reply(result::ok, "re:"));
-    owner.join();
-    EXPECT_EQ(main->add_event(port, 0x80000000), result::ok);
-    EXPECT_EQ(main->delete_port(port), result::ok);
-    EXPECT_EQ(main->exist(port), static_cast<int>(result::unknown_name));
-  }
-  CORBA::ULong number = 0;
-  EXPECT_EQ(main->connect_port("nobody", number, CONNECT_CLIENT, ACCESS_WAIT, number),
-            result::unknown_name);
-  EXPECT_EQ(main->create_port("odd", 12345, 8), result::bad_mode);
-  for (const unsigned int handle : {0U, 758U, 0xFFFFFFFFU}) {
-    EXPECT_EQ(send(main, handle, "x", 1), result::unknown_handle);
-    EXPECT_EQ(std::get<0>(receive(main, handle, 1)), result::unknown_handle);
-    EXPECT_EQ(main->disconnect_port(handle), result::unknown_handle);
-  }
-}
-
-TEST_F(MainServer, ClientsAndOwnersThatAreKilledLeaveThePortUsable) {
-  const Port_Factory_var main = server("main");
-  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
-  const int sockets = process("main").sockets();
-  const auto all_gone = [&] { return process("main").sockets() <= sockets; };
-  {
-    const auto owner = in_background("main", {"receive", "p", "--count", "0"});
-    ASSERT_TRUE(eventually([&] { return info_of(main, "p").owner_connected == 1; }));
-  }
-  // Nobody has told the server, so the port stays taken until it is given back by its id.
-  CORBA::ULong id = 0;
-  CORBA::ULong held_by = 0;
-  EXPECT_EQ(main->connect_port("p", id, CONNECT_OWNER, ACCESS_WAIT, held_by), result::owner_exists);
-  EXPECT_EQ(main->disconnect_port(held_by), result::ok);
-  ASSERT_TRUE(eventually(all_gone)) << "the take of the killed owner goes on";
-  {
-    const auto sender = in_background("main", {"send", "p", "unsent", "--timeout", "0"});
-    ASSERT_TRUE(eventually([&] { return !all_gone(); }));
-  }
-  ASSERT_TRUE(eventually(all_gone)) << "the call of the killed sender goes on";
-
-  id = connected(main, "p", CONNECT_OWNER);
-  auto asked = in_background("main", {"send", "p", "asked", "--wait"});
-  const auto [code, source, data] = receive(main, id, 5);
-  EXPECT_EQ(std::make_pair(code, data), Reply(result::ok, "asked"));
-  asked.reset();  // killed in its wait for the reply
-  EXPECT_EQ(main->packet_replay(source, wire("too late"), 0), result::ok);
-  EXPECT_EQ(main->disconnect_port(id), result::ok);
-
-  std::thread owner([&] { answer_packets(main, "p", 1); });
-  EXPECT_EQ(done("main", {"send", "p", "next", "--wait"}), "re:next");
-  owner.join();
-}
-
-TEST_F(MainServer, CtrlCOnAReceiverOrWatcherFreesItsPort) {
+TEST_F(MainServer, CtrlCOnAReceiverServerOrWatcherFreesItsPort) {
   const Port_Factory_var main = server("main");
   EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
   EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 8), result::ok);
@@ -202,6 +121,7 @@ TEST_F(MainServer, CtrlCOnAReceiverOrWatcherFreesItsPort) {
   };
   EXPECT_EQ(interrupt("p", {"receive", "p", "--count", "0"}), 0) << "its regular end";
   EXPECT_EQ(interrupt("p", {"receive", "p", "--count", "5"}), 128 + SIGINT) << "too early";
+  EXPECT_EQ(interrupt("p", {"serve", "p", "--exec", "cat"}), 0);
   EXPECT_EQ(interrupt("box", {"event", "watch", "box"}), 0);
 }
 

@@ -25,13 +25,10 @@ class Snapshots : public SystemTest {
   }
   /// What a second server of the same state folder says when it does not start.
   std::string refused(const Words& options) {
-    Words command{PORT_SERVER,   "main",
-                  "--name",      "m",
-                  "--endpoint",  "giop:tcp:127.0.0.1:0",
+    Words command{"main",        "--name",           "m", "--endpoint", "giop:tcp:127.0.0.1:0",
                   "--state-dir", folder.path("main")};
     command.insert(command.end(), options.begin(), options.end());
-    Process second(command, folder.path("second"));
-    const Outcome ended = outcome(second, 5s);
+    const Outcome ended = ended_server(command);
     EXPECT_EQ(ended.status, 1) << ended.err;
     return ended.err;
   }
@@ -197,29 +194,6 @@ TEST_F(Snapshots, ASnapshotIsSavedLoadedDownloadedAndShown) {
   EXPECT_EQ(portctl("main", {"exists", "results"}).status, 1);
 }
 
-TEST_F(Snapshots, AnOpenSnapshotIsReadToItsEndAfterItsFileHasGone) {
-  start("main");
-  fill();
-  const Port_Factory_var main = server("main");
-  const Varo::FileHandle_var handle = main->openSnapShot();
-  const std::string whole = read_all(snapshot);
-  std::filesystem::remove(snapshot);
-  CORBA::Long size = 0;
-  EXPECT_EQ(handle->size(size), 0);
-  EXPECT_EQ(static_cast<std::size_t>(size), whole.size());
-  std::string bytes;
-  for (CORBA::Long length = 100; length > 0;) {
-    Varo::DATA_BUFFER_var data;
-    ASSERT_EQ(handle->read(static_cast<CORBA::Long>(bytes.size()), length, data.out()), 0);
-    bytes += text(data.in());
-  }
-  EXPECT_EQ(bytes, whole);
-  handle->close();
-  EXPECT_THROW(handle->size(size), CORBA::OBJECT_NOT_EXIST);
-  done("main", {"snapshot", "save"});
-  EXPECT_EQ(read_all(snapshot), whole);
-}
-
 // A small file system of the test's own.
 class SmallDisk {
  public:
@@ -252,20 +226,14 @@ TEST_F(Snapshots, AFullDiskFailsTheSnapshotAndNothingElse) {
   EXPECT_NE(full.err.find("2 snapshot_not_writable"), std::string::npos) << full.err;
   EXPECT_TRUE(read_all(snapshot) == whole);
   done("main", {"exists", "p999"});
-  const auto times_told = [&](const std::string& line) {
-    const std::string err = process("main").err();
-    int times = 0;
-    for (std::size_t at = 0; (at = err.find(line, at)) != std::string::npos; ++at) ++times;
-    return times;
-  };
-  ASSERT_TRUE(eventually([&] { return times_told("no snapshot: cannot write") > 0; }));
+  ASSERT_TRUE(eventually([&] { return times_said("main", "no snapshot: cannot write") > 0; }));
   std::this_thread::sleep_for(3500ms);  // a round in which it fails again
-  EXPECT_EQ(times_told("no snapshot:"), 1) << process("main").err();
+  EXPECT_EQ(times_said("main", "no snapshot:"), 1) << process("main").err();
   const Port_Factory_var main = server("main");
   for (int i = 10; i < 1000; ++i) EXPECT_EQ(main->delete_port(fmt::format("p{}", i).c_str()), 0u);
   done("main", {"snapshot", "save"});
   EXPECT_EQ(show(snapshot)["ports"].size(), 10u);
-  EXPECT_TRUE(eventually([&] { return times_told("snapshots are written again") == 1; }));
+  EXPECT_TRUE(eventually([&] { return times_said("main", "snapshots are written again") == 1; }));
 }
 
 }  // namespace

@@ -50,43 +50,6 @@ TEST_F(SubServers, TwentyClientsOfOneProxyEachGetTheirOwnReply) {
   owner.join();
 }
 
-TEST_F(SubServers, SendersThatNeverWaitLeaveNoClientsOnTheMainServer) {
-  constexpr unsigned int senders = 3;
-  constexpr unsigned int packets = 10;
-  start("sub1");
-  const Port_Factory_var main = server("main");
-  const Port_Factory_var sub = server("sub1");
-  EXPECT_EQ(main->create_port("p", PORT_MASTER, 100), result::ok);
-  const unsigned int first = connected(main, "p", CONNECT_CLIENT);
-  std::thread owner([&] {
-    const unsigned int id = connected(main, "p", CONNECT_OWNER);
-    for (unsigned int i = 0; i < senders * packets; ++i) receive(main, id, 10);
-    EXPECT_EQ(main->disconnect_port(id), result::ok);
-  });
-  std::vector<unsigned int> handles;
-  for (unsigned int s = 0; s < senders; ++s) {
-    handles.push_back(connected(sub, "p", CONNECT_CLIENT));
-    for (unsigned int i = 0; i < packets; ++i)
-      EXPECT_EQ(send(sub, handles[s], "x", 10), result::ok);
-  }
-  owner.join();
-  auto clients_on_main = [&, checked = first + 1]() mutable {
-    // Every connection has taken a handle; one that still can be disconnected was left behind.
-    const unsigned int last = connected(main, "p", CONNECT_CLIENT);
-    EXPECT_EQ(main->disconnect_port(last), result::ok);
-    EXPECT_GE(last - first, senders * packets) << "the packets did not pass through the main";
-    unsigned int count = 0;
-    for (; checked < last; ++checked) count += main->disconnect_port(checked) == result::ok;
-    return count;
-  };
-  EXPECT_LE(clients_on_main(), senders) << "one each while the senders are connected";
-  for (const unsigned int handle : handles) {
-    EXPECT_EQ(send(sub, handle, "y", 1), result::send_timed_out);
-    EXPECT_EQ(sub->disconnect_port(handle), result::ok);
-  }
-  EXPECT_EQ(clients_on_main(), 0u);
-}
-
 TEST_F(SubServers, OnePictureOfTheInstallationForItsOperator) {
   start("sub1");
   done("main", {"create", "p", "--limit", "7"});

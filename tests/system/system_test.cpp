@@ -11,21 +11,22 @@ namespace portsvc {
 
 SystemTest::SystemTest() : directory{"--directory", folder.path("servers.ini")} {
   for (const char* name : {"main", "sub1", "sub2"}) ports_[name] = free_port();
-  write_directory();
+  point_main_at(corbaloc("main"));
 }
 
-void SystemTest::write_directory() {
+void SystemTest::point_main_at(const std::string& reference) {
   std::string entries;
   for (const char* name : {"main", "sub1", "sub2"}) {
     entries += fmt::format("[{}]\nrole = {}\nreference = {}\n", name,
-                           std::string(name) == "main" ? "main" : "slave", corbaloc(name));
+                           std::string(name) == "main" ? "main" : "slave",
+                           std::string(name) == "main" ? reference : corbaloc(name));
   }
   write_all(directory[1], entries);
 }
 
 void SystemTest::use_tls(const orb::Tls& tls) {
   tls_ = tls;
-  write_directory();
+  point_main_at(corbaloc("main"));
 }
 
 void SystemTest::add_tls(Words& command) const {
@@ -109,6 +110,36 @@ std::string SystemTest::done(const std::string& server, const Words& arguments) 
   const Outcome ended = portctl(server, arguments);
   EXPECT_EQ(ended.status, 0) << fmt::format("{}: {}", fmt::join(arguments, " "), ended.err);
   return ended.out;
+}
+
+Outcome SystemTest::ended_server(Words arguments) {
+  arguments.insert(arguments.begin(), PORT_SERVER);
+  Process server(arguments, files("ended"));
+  return outcome(server, 10s);
+}
+
+void SystemTest::expect_exchange(const std::string& port, const std::string& owner_at,
+                                 const std::string& client_at) {
+  const Port_Factory_var owners = server(owner_at);
+  const Port_Factory_var clients = server(client_at);
+  std::thread owner([&] { answer_packets(owners, port, 1); });
+  const unsigned int client = connected(clients, port, CONNECT_CLIENT);
+  EXPECT_EQ(ask(clients, client, "hello", 10), Reply(result::ok, "re:hello"));
+  EXPECT_EQ(clients->disconnect_port(client), result::ok);
+  owner.join();
+}
+
+bool SystemTest::sub1_knows_main() {
+  return eventually([&] {
+    return portctl("sub1", {"master", "nobody"}).err.find("2001") != std::string::npos;
+  });
+}
+
+int SystemTest::times_said(const std::string& server, const std::string& text) {
+  const std::string log = process(server).err();
+  int times = 0;
+  for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++times;
+  return times;
 }
 
 orb::Broker& SystemTest::broker(const std::string& endpoint) {

@@ -58,6 +58,18 @@ class SystemTest : public ::testing::Test {
                                          const std::string& input = "/dev/null");
   Outcome outcome(Process& process, std::chrono::milliseconds patience = 30s);
 
+  /// Runs a server that is to end by itself, for its arguments.
+  Outcome ended_server(Words arguments);
+  /// A request from a client at one server, answered by an owner at another.
+  void expect_exchange(const std::string& port, const std::string& owner_at,
+                       const std::string& client_at);
+  /// True once sub1 has met the main server: it then answers as that does.
+  bool sub1_knows_main();
+  /// How often `text` stands on a server's log.
+  int times_said(const std::string& server, const std::string& text);
+  /// Writes the directory, with this entry of the main server.
+  void point_main_at(const std::string& reference);
+
   /// The broker of the test, started at the first use, with an endpoint if it is to serve.
   orb::Broker& broker(const std::string& endpoint = "");
   /// The reference of a server that runs. After a restart ask for it again.
@@ -72,7 +84,6 @@ class SystemTest : public ::testing::Test {
   Words directory;  ///< the options that name it
 
  private:
-  void write_directory();
   void add_tls(Words& command) const;
   std::string files(const std::string& of) { return folder.path(of + std::to_string(++started_)); }
   void expect_no_complaint(const std::string& name);

@@ -59,7 +59,8 @@ TEST_P(Waits, DeadCallersGiveTheirConnectionsBack) {
   std::vector<std::unique_ptr<RawConnection>> callers;
   for (int i = 0; i < 20; ++i) {
     callers.push_back(std::make_unique<RawConnection>(port("main")));
-    callers.back()->send(request("packet_receive", {id, 0}));
+    callers.back()->send(i % 2 ? request("packet_receive", {id, 0})
+                               : request("packet_replay_wait", {sender, 0}));
   }
   EXPECT_FALSE(callers.back()->closed_by_peer(1500ms)) << "while they are there they wait";
   callers.clear();
