@@ -1,6 +1,5 @@
 #include "tests/chaos/relay.h"
 
-#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,16 +8,10 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "tests/system/process.h"
+
 namespace portsvc {
 namespace {
-
-sockaddr_in loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
 
 bool wait_for_input(int socket) {
   pollfd readable{socket, POLLIN, 0};

@@ -33,6 +33,12 @@ int checked(int answer, const char* what) {
   return answer;
 }
 
+int new_socket() {
+  return checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "cannot make a socket");
+}
+
+}  // namespace
+
 sockaddr_in loopback(int port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -40,12 +46,6 @@ sockaddr_in loopback(int port) {
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   return address;
 }
-
-int new_socket() {
-  return checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "cannot make a socket");
-}
-
-}  // namespace
 
 Process::Process(std::vector<std::string> command, std::string files, const std::string& input)
     : files_(std::move(files)) {

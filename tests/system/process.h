@@ -1,6 +1,7 @@
 // The processes that a test starts, and what it may do to them.
 #pragma once
 
+#include <netinet/in.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -45,6 +46,9 @@ class Process {
   pid_t pid_ = -1;
   std::optional<int> status_;
 };
+
+/// The address of a TCP port of the loopback.
+sockaddr_in loopback(int port);
 
 /// A TCP port of the loopback that nobody uses, below those that systems give to outgoing
 /// connections: it stays free while its server is down.
