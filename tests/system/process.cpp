@@ -74,7 +74,11 @@ Process::Process(std::vector<std::string> command, std::string files, const std:
 Process::~Process() { kill(); }
 
 void Process::signal(int number) const {
-  if (!status_) ::kill(pid_, number);
+  if (status_ || ::kill(pid_, number) != 0 || number != SIGSTOP) return;
+  // Its threads stop one after the other, and on a busy machine one may still serve a call.
+  siginfo_t stopped;
+  checked(::waitid(P_PID, static_cast<id_t>(pid_), &stopped, WSTOPPED | WEXITED | WNOWAIT),
+          "cannot wait for a process to stop");
 }
 
 void Process::kill() {

@@ -25,6 +25,7 @@ class Process {
   Process& operator=(const Process&) = delete;
 
   pid_t pid() const { return pid_; }
+  /// After SIGSTOP it stands still when this returns.
   void signal(int number) const;
   /// SIGKILL, and waits until the process is gone.
   void kill();
