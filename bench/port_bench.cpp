@@ -63,6 +63,7 @@ constexpr Section sections[] = {
     {"growth", measure_growth},
     {"blocked", measure_blocked_callers},
     {"exchange", measure_exchanges},
+    {"hand-over", measure_hand_overs},
     {"subs", measure_sub_servers},
 };
 

@@ -17,6 +17,7 @@ void measure_growth(const Bench& bench);
 void measure_blocked_callers(const Bench& bench);
 /// Requests and replies, and events handed to a waiting consumer, beside other ways to wait.
 void measure_exchanges(const Bench& bench);
+void measure_hand_overs(const Bench& bench);
 /// Cloning, and copies of events to sub servers.
 void measure_sub_servers(const Bench& bench);
 

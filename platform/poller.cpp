@@ -11,6 +11,23 @@ const std::chrono::microseconds period(polling_pause.sec() * 1000000 + polling_p
 // different moments do not keep the thread busy with waking up.
 constexpr std::chrono::microseconds tolerance(500);
 
+/// Offers a sleeping thread's test to others as long as it waits.
+class Offer {
+ public:
+  Offer(Sleeper& sleeper, Sleeper::Test* test) : sleeper_(sleeper) { set(test); }
+  ~Offer() { set(nullptr); }
+  Offer(const Offer&) = delete;
+  Offer& operator=(const Offer&) = delete;
+
+ private:
+  void set(Sleeper::Test* test) {
+    const std::lock_guard<std::mutex> guard(sleeper_.lock());
+    sleeper_.offer(test);
+  }
+
+  Sleeper& sleeper_;
+};
+
 }  // namespace
 
 Poller& Poller::instance() {
@@ -22,26 +39,49 @@ Poller::Poller() {
   std::thread([this] { run(); }).detach();
 }
 
+bool Poller::Wait::take_turn(Turn turn) {
+  if (over) return true;
+  try {
+    if (turn == Turn::woken) places.take_again();
+    over = step(turn);
+  } catch (...) {
+    failure = std::current_exception();
+    over = true;
+  }
+  return over;
+}
+
+bool Poller::Wait::ended() const {
+  if (failure) std::rethrow_exception(failure);
+  return over;
+}
+
 void Poller::wait(const Waited_On& what, const Step& step) {
   const bool early = waits_end_early() && what.topic_count > 0;
   Places places(what.topics, early ? what.topic_count : 0);
   if (early && step(Turn::woken)) return;  // what came before this wait stood in its queues
+
+  const auto wait = std::make_shared<Wait>(step, places);
+  Sleeper& sleeper = *wait->sleeper;
+  const auto turn = [&](Turn why) {
+    const std::lock_guard<std::mutex> guard(sleeper.lock());
+    wait->take_turn(why);
+    return wait->ended();
+  };
+  const Offer offer(sleeper, early && !what.long_test ? wait.get() : nullptr);
   if (early || what.long_test) {
-    Sleeper& sleeper = *Sleeper::of_this_thread();
     do {
       const Time::time_point due = Time::now() + period;
       while (sleeper.sleep_until(due)) {
-        places.take_again();
-        if (step(Turn::woken)) return;
+        if (turn(Turn::woken)) return;
       }
-      if (step(Turn::pause_over)) return;
+      if (turn(Turn::pause_over)) return;
     } while (what.long_test);
   }
-  wait_long(places, step);
+  wait_long(wait);
 }
 
-void Poller::wait_long(Places& places, const Step& step) {
-  const auto wait = std::make_shared<Long_Wait>(step);
+void Poller::wait_long(const std::shared_ptr<Wait>& wait) {
   {
     const std::lock_guard<std::mutex> guard(lock_);
     turns_.push_back({Time::now() + period, wait});
@@ -49,13 +89,9 @@ void Poller::wait_long(Places& places, const Step& step) {
   }
   for (;;) {
     wait->sleeper->sleep();
-    const std::lock_guard<std::mutex> guard(wait->lock);
-    if (wait->failure) std::rethrow_exception(wait->failure);
-    if (wait->over) return;
-    places.take_again();
-    wait->over = true;  // also when the step throws
-    if (step(Turn::woken)) return;
-    wait->over = false;
+    const std::lock_guard<std::mutex> guard(wait->sleeper->lock());
+    wait->take_turn(Turn::woken);
+    if (wait->ended()) return;
   }
 }
 
@@ -88,18 +124,13 @@ void Poller::run() {
 }
 
 // Tests for a wait whose pause is over; true when it is not to be tested again.
-bool Poller::end_of(Long_Wait& wait) {
-  const std::unique_lock<std::mutex> guard(wait.lock, std::try_to_lock);
-  if (!guard.owns_lock()) return false;  // its own thread is testing
-  if (wait.over) return true;
-  try {
-    wait.over = wait.step(Turn::pause_over);
-  } catch (...) {
-    wait.failure = std::current_exception();
-    wait.over = true;
-  }
-  if (wait.over) wait.sleeper->wake();
-  return wait.over;
+bool Poller::end_of(Wait& wait) {
+  const std::unique_lock<std::mutex> guard(wait.sleeper->lock(), std::try_to_lock);
+  if (!guard.owns_lock()) return false;  // it is being tested
+  const bool was_over = wait.over;
+  if (!wait.take_turn(Turn::pause_over)) return false;
+  if (!was_over) wait.sleeper->wake();
+  return true;
 }
 
 }  // namespace portsvc

@@ -21,7 +21,8 @@ namespace portsvc {
 /// per pause by one thread for all of them: a thousand waiting calls that sleep and test by
 /// themselves wake a hundred thousand times a second, which costs most of a processor and delays
 /// everybody else's calls; their tests alone cost next to nothing. A wake-up runs the test on the
-/// caller's own thread, which it has woken anyway. A test that takes long always runs there.
+/// caller's own thread, which it has woken anyway, or on that of who wakes it
+/// (something_changed_for_me). A test that takes long always runs on the caller's own.
 ///
 /// The test of another wait may take locks that are held for a moment, never one that is held
 /// across a call or a pause: it would hold up all others.
@@ -39,26 +40,34 @@ class Poller {
  private:
   using Time = std::chrono::steady_clock;
 
-  /// A wait that has outlasted its first pause. Shared by the thread that waits and the one that
-  /// tests; the step, on the former's stack, is not called once the wait is over.
-  struct Long_Wait {
-    explicit Long_Wait(const Step& its_step) : step(its_step) {}
+  /// A wait. Shared by the thread that waits and those that test in its place; the step and the
+  /// places, on the former's stack, are not used once the wait is over. All under the sleeper's
+  /// lock.
+  struct Wait final : Sleeper::Test {
+    Wait(const Step& its_step, Places& its_places) : step(its_step), places(its_places) {}
 
-    std::mutex lock;  // guards the fields; held while the step runs, which may take ports' locks
+    /// Tests, unless it is over; true when it is over now. What the step throws is kept.
+    bool take_turn(Turn turn);
+    /// After a wake-up.
+    bool run() override { return take_turn(Turn::woken); }
+    /// Passes on what the step has thrown; true when it is over.
+    bool ended() const;
+
     const Step& step;
+    Places& places;
     bool over = false;
     std::exception_ptr failure;
-    std::shared_ptr<Sleeper> sleeper = Sleeper::of_this_thread();
+    const std::shared_ptr<Sleeper> sleeper = Sleeper::of_this_thread();
   };
   struct Turn_At {
     Time::time_point due;
-    std::shared_ptr<Long_Wait> wait;
+    std::shared_ptr<Wait> wait;
   };
 
   Poller();
   void run();
-  void wait_long(Places& places, const Step& step);
-  static bool end_of(Long_Wait& wait);
+  void wait_long(const std::shared_ptr<Wait>& wait);
+  static bool end_of(Wait& wait);
 
   std::mutex lock_;  // guards turns_; no test runs under it
   std::condition_variable arrived_;

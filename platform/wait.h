@@ -16,12 +16,16 @@ namespace portsvc {
 /// A blocked call looks once a second whether its caller is still there.
 constexpr unsigned int pauses_between_looks = 100;
 
+/// Who has sent its call within this time is there: looking costs more than the rest of a short
+/// wait, and nobody can tell a caller that dies now from one that dies while it is answered.
+inline const ACE_Time_Value just_heard_from(0, 1000);
+
 inline bool gone(const Caller* caller) { return caller && caller->gone(); }
 
 /// Waits up to `timeout` seconds; 0 means no limit.
 ///   test(caller)  std::optional<unsigned int>: the wait's result when it is over, else nothing.
-///                 `caller` is null at the first test, when the call has only just come, and in
-///                 calls within the process; a test that is about to take something first asks
+///                 `caller` is null as long as the call has only just come, and in calls within
+///                 the process; a test that is about to take something first asks
 ///                 gone(caller), and does not take it for a caller that has gone.
 ///   again()       std::optional<unsigned int>: asked after each pause; a result ends the wait
 /// Answers `timed_out` when the time is used up, and when the caller has gone; the test comes
@@ -43,9 +47,14 @@ unsigned int wait(unsigned int timeout, unsigned int timed_out, Waited_On what, 
   };
   if (is_over()) return *answer;
 
-  caller = Caller::of_this_thread();
+  const Caller* const here = Caller::of_this_thread();
+  const ACE_Time_Value begun = clock().now();
   unsigned int pauses = 0;
   const auto step = [&](Turn turn) {
+    if (!caller && here) {
+      const ACE_Time_Value since = clock().now() - begun;
+      if (since < ACE_Time_Value::zero || since >= just_heard_from) caller = here;
+    }
     answer = again();
     if (answer && turn == Turn::woken) {  // the mode has changed: the pause is kept
       answer.reset();

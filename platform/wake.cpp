@@ -56,7 +56,7 @@ constexpr std::size_t queue_count = 1024;
 std::atomic<bool> early{false};
 std::atomic<std::uint64_t> waits_begun{0};
 
-void wake(const Topic& topic, unsigned int things) {
+void wake(const Topic& topic, unsigned int things, void (Sleeper::*how)() = &Sleeper::wake) {
   Queue& queue = Queue::of(topic);
   if (queue.length.load(std::memory_order_relaxed) == 0) return;
   boost::container::small_vector<std::shared_ptr<Sleeper>, 4> sleepers;  // woken after the lock
@@ -70,7 +70,7 @@ void wake(const Topic& topic, unsigned int things) {
       --things;
     }
   }
-  for (const auto& sleeper : sleepers) sleeper->wake();
+  for (const auto& sleeper : sleepers) ((*sleeper).*how)();
 }
 
 }  // namespace
@@ -92,6 +92,8 @@ void something_changed(const Topic& topic, unsigned int things) { wake(topic, th
 void everything_changed(const Topic& topic) {
   wake(topic, std::numeric_limits<unsigned int>::max());
 }
+
+void something_changed_for_me(const Topic& topic) { wake(topic, 1, &Sleeper::test_or_wake); }
 
 Sleeper::Sleeper() { ::sem_init(&wakes_, 0, 0); }
 
@@ -123,6 +125,14 @@ bool Sleeper::sleep_until(Time::time_point due) {
 void Sleeper::forget() {
   while (::sem_trywait(&wakes_) == 0) {
   }
+}
+
+void Sleeper::test_or_wake() {
+  {
+    const std::unique_lock<std::mutex> guard(lock_, std::try_to_lock);
+    if (guard.owns_lock() && test_ && !test_->run()) return;
+  }
+  wake();
 }
 
 Places::Places(const Topic* topics, std::size_t count) : more_(count > 1 ? count - 1 : 0) {

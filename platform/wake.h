@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 namespace portsvc {
@@ -36,6 +37,11 @@ void something_changed(const Topic& topic, unsigned int things = 1);
 /// As something_changed, for a change that concerns every wait on the topic.
 void everything_changed(const Topic& topic);
 
+/// As something_changed for one wait, whose test runs on the calling thread if it can: what that
+/// test does is done when this returns. For one who needs it done and would only wait for it, which
+/// takes two switches of threads. The caller holds no lock.
+void something_changed_for_me(const Topic& topic);
+
 /// Where a thread sleeps. Each thread has one for its life; whoever wakes it shares it, so a
 /// wake-up that comes too late meets no dead object. A thread may wake without a cause and tests
 /// again.
@@ -58,12 +64,31 @@ class Sleeper {
   /// Forgets the wake-ups of an earlier wait.
   void forget();
 
+  /// What the thread tests while it sleeps, for others to run in its place.
+  class Test {
+   public:
+    /// Runs the test unless the wait is over; true when it is over now. Under lock().
+    virtual bool run() = 0;
+
+   protected:
+    ~Test() = default;
+  };
+  /// Guards the test and what it uses; held while a test runs, which takes ports' locks.
+  std::mutex& lock() { return lock_; }
+  /// Offers a test, or none. Under lock().
+  void offer(Test* test) { test_ = test; }
+  /// Runs the test, and wakes the thread if that ends its wait; only wakes it if it has no test to
+  /// offer or is being tested.
+  void test_or_wake();
+
  private:
   sem_t wakes_;
+  std::mutex lock_;
+  Test* test_ = nullptr;
 };
 
-/// One wait's places in the queues of its topics, from its construction to its end. Belongs to one
-/// thread, the one that sleeps.
+/// One wait's places in the queues of its topics, from its construction to its end. Belongs to the
+/// thread that sleeps, or to whoever tests in its place.
 class Places {
  public:
   Places(const Topic* topics, std::size_t count);

@@ -16,11 +16,10 @@ vrMaster_Port::vrMaster_Port(const char* name, unsigned int port_id, unsigned in
 }
 
 unsigned int vrMaster_Port::forward(unsigned int handle, vrBuffer data, unsigned int timeout) {
-  const unsigned int admitted = wait_receiver(handle, timeout);
-  if (admitted != result::ok) return admitted;
-  packet_queue_.push(handle, std::move(data));
-  something_changed(packets());
-  return result::ok;
+  return admit(handle, timeout, [&] {
+    packet_queue_.push(handle, std::move(data));
+    something_changed(packets());
+  });
 }
 
 unsigned int vrMaster_Port::forward_front(unsigned int, vrBuffer, unsigned int) {
@@ -63,12 +62,18 @@ unsigned int vrMaster_Port::replay_wait(unsigned int handle, vrBuffer& data, uns
 }
 
 unsigned int vrMaster_Port::take_packet(vrPort_Buffer& out, unsigned int timeout) {
+  bool waits = false;
   {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
     receiver_waiting_ = true;
     ++takers_;
+    waits = owner_access_ == ACCESS_WAIT;
   }
-  something_changed(admission());
+  if (waits) {
+    something_changed_for_me(admission());
+  } else {  // a take that gives up after its pause finds what was there before it
+    something_changed(admission());
+  }
   const Topic topic = packets();
   const unsigned int taken = wait(
       timeout, result::timed_out, {this, &topic, 1},
@@ -98,23 +103,36 @@ unsigned int vrMaster_Port::end_take(unsigned int result, bool caller_gone) {
 }
 
 unsigned int vrMaster_Port::wait_receiver(unsigned int handle, unsigned int timeout) {
+  return admit(handle, timeout, [] {});
+}
+
+unsigned int vrMaster_Port::admit(unsigned int handle, unsigned int timeout,
+                                  const std::function<void()>& enter) {
   unsigned int sender_access = 0;
+  bool selected = false;
   {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
     sender_access = client_access(handle);
   }
   {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
-    if (owner_access_ == ACCESS_SELECT && has_selectors() && owner_connected_) return result::ok;
+    selected = owner_access_ == ACCESS_SELECT && has_selectors() && owner_connected_;
+  }
+  if (selected) {
+    enter();
+    return result::ok;
   }
   const Topic topic = admission();
   return wait(
       timeout, result::send_timed_out, {this, &topic, 1},
       [&](const Caller* caller) -> std::optional<unsigned int> {
-        ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
-        if (!receiver_waiting_) return std::nullopt;
-        if (gone(caller)) return result::send_timed_out;
-        receiver_waiting_ = false;  // this take has got its packet
+        {
+          ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
+          if (!receiver_waiting_) return std::nullopt;
+          if (gone(caller)) return result::send_timed_out;
+          receiver_waiting_ = false;  // this take has got its packet
+        }
+        enter();
         return result::ok;
       },
       [&]() -> std::optional<unsigned int> {

@@ -1,6 +1,8 @@
 // The packet port whose owner this server serves.
 #pragma once
 
+#include <functional>
+
 #include "ports/port_impl.h"
 
 class Port_Factory_i;
@@ -37,5 +39,7 @@ class vrMaster_Port : public Port_impl {
   unsigned int take_reply(unsigned int handle, unsigned int timeout, vrPort_Buffer& out) override;
 
  private:
+  /// As wait_receiver; an admitted sender enters, maybe on the thread of the take that admits it.
+  unsigned int admit(unsigned int handle, unsigned int timeout, const std::function<void()>& enter);
   unsigned int end_take(unsigned int result, bool caller_gone);
 };

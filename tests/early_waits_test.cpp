@@ -127,6 +127,29 @@ TEST_F(EarlyWaits, EndByAWakeUpAtAnyTimeAndByThePauseWithoutOne) {
   Poller::instance().wait(what, end_by(false));
   Poller::instance().wait({&object, &topic, 1, true}, end_by(false));
 
+  // On the thread of who needs it done; what it throws comes back to its own.
+  for (const bool throws : {false, true}) {
+    std::atomic<bool> give_up{false};
+    auto tested_here = std::async(std::launch::async, [&] {
+      Poller::instance().wait(what, [&](Turn) {
+        if (std::this_thread::get_id() != own) return give_up.load();
+        if (throws) throw std::bad_alloc();
+        return true;
+      });
+    });
+    const auto ended = [&] { return tested_here.wait_for(0s) == std::future_status::ready; };
+    EXPECT_TRUE(eventually([&] {
+      something_changed_for_me(topic);
+      return ended();
+    }));
+    give_up = true;
+    if (throws) {
+      EXPECT_THROW(tested_here.get(), std::bad_alloc);
+    } else {
+      tested_here.get();
+    }
+  }
+
   // One that gives up after its pause, and every one where waits are paused, is not woken.
   const auto never_woken = [&](const Waited_On& on) {
     int turns = 0;
