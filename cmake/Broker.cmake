@@ -23,7 +23,9 @@ elseif(PORTSVC_ORB STREQUAL "TAO")
   target_link_directories(portsvc_broker INTERFACE ${ACE_ROOT}/lib ${TAO_ROOT}/lib)
   target_link_libraries(
     portsvc_broker INTERFACE TAO_CosNaming_Skel TAO_CosNaming TAO_IORTable TAO_Messaging
-                             TAO_PortableServer TAO_AnyTypeCode TAO ACE Threads::Threads)
+                             TAO_Dynamic_TP TAO_CSD_ThreadPool TAO_CSD_Framework
+                             TAO_PortableServer TAO_Valuetype TAO_AnyTypeCode TAO ACE
+                             Threads::Threads)
   target_compile_definitions(portsvc_broker INTERFACE PORTSVC_ORB_TAO=1)
 else()
   message(FATAL_ERROR "PORTSVC_ORB is '${PORTSVC_ORB}', wanted: OMNIORB or TAO")

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "middleware/reference_container.h"
+#include "platform/time_value.h"
 
 using Varo::DT_PORT_SVC::Port_Factory;
 using Varo::DT_PORT_SVC::Port_Factory_ptr;
@@ -46,9 +47,7 @@ int vrConnect_Manager::Timer::handle_timeout(const ACE_Time_Value&, const void*)
 }
 
 void vrConnect_Manager::schedule(std::chrono::milliseconds delay) {
-  reactor_->schedule_timer(
-      &timer_, nullptr,
-      ACE_Time_Value(std::chrono::duration_cast<std::chrono::microseconds>(delay)));
+  reactor_->schedule_timer(&timer_, nullptr, time_value(delay));
 }
 
 void vrConnect_Manager::run_beat() {

@@ -10,6 +10,7 @@
 
 #include "core/out_values.h"
 #include "middleware/reference_container.h"
+#include "platform/time_value.h"
 #include "ports/event_box.h"
 #include "ports/slave_port.h"
 #include "ports/wire.h"
@@ -62,9 +63,7 @@ class Port_Factory_Sub::Exchange {
  public:
   explicit Exchange(ACE_Recursive_Thread_Mutex& lock) : lock_(lock) {
     if (under_way) return;
-    ACE_Time_Value until = ACE_OS::gettimeofday() +
-                           ACE_Time_Value(std::chrono::duration_cast<std::chrono::microseconds>(
-                               orb::peer_call_timeout()));
+    ACE_Time_Value until = ACE_OS::gettimeofday() + time_value(orb::peer_call_timeout());
     begun_ = under_way = lock_.acquire(until) == 0;
   }
   ~Exchange() {

@@ -1,6 +1,13 @@
 // The broker for sites that run TAO: the parts of orb.h that differ from other brokers.
 #include <fmt/format.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <tao/AnyTypeCode/Any.h>
+#include <tao/CSD_Framework/CSD_Strategy_Base.h>
+#include <tao/Dynamic_TP/DTP_Config.h>
+#include <tao/Dynamic_TP/DTP_POA_Strategy.h>
 #include <tao/Endpoint.h>
 #include <tao/IORTable/IORTable.h>
 #include <tao/MProfile.h>
@@ -14,6 +21,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -22,18 +30,67 @@
 #include "idl/port_codes.h"
 #include "middleware/orb/broker_parts.h"
 #include "middleware/orb/orb.h"
+#include "middleware/orb/wire_bytes.h"
 
 namespace portsvc::orb {
 namespace {
 
-// A blocked call holds a connection and a thread on both sides: the client opens a connection per
-// concurrent call, the server gives each connection a thread.
+// A blocked call holds a connection: a client opens one per concurrent call.
 constexpr const char* client_strategy =
     "static Client_Strategy_Factory \"-ORBTransportMuxStrategy EXCLUSIVE\"";
+// In a server the thread that calls a peer reads the answer itself: waiting in the broker's event
+// loop, beside the threads that serve, costs milliseconds a call. Not in a pure client, where an
+// interruption would look like a lost connection.
+constexpr const char* client_strategy_in_server =
+    "static Client_Strategy_Factory \"-ORBTransportMuxStrategy EXCLUSIVE "
+    "-ORBClientConnectionHandler RW\"";
 constexpr const char* server_strategy =
     "static Server_Strategy_Factory \"-ORBConcurrency thread-per-connection\"";
 // Every caller may be waiting at the same time.
 constexpr const char* resource_limits = "static Resource_Factory \"-ORBConnectionCacheMax 16000\"";
+
+// Calls are carried out by threads of their own, apart from those that read the connections: a
+// blocked call would hold up all others of its connection, and a client of this broker shares one.
+constexpr int idle_call_threads = 4;
+constexpr int most_call_threads = 16000;
+constexpr std::size_t call_stack_bytes = 512UL << 10;
+constexpr int idle_seconds = 10;
+
+using Call_Threads = TAO_Intrusive_Ref_Count_Handle<TAO::CSD::Strategy_Base>;
+
+Call_Threads call_threads() {
+  TAO_DTP_Definition definition;
+  definition.min_threads_ = idle_call_threads;
+  definition.init_threads_ = idle_call_threads;
+  definition.max_threads_ = most_call_threads;
+  definition.stack_size_ = call_stack_bytes;
+  definition.timeout_ = ACE_Time_Value(idle_seconds, 0);
+  definition.queue_depth_ = 0;  // no limit
+  return Call_Threads(new TAO_DTP_POA_Strategy(&definition, false));
+}
+
+void give_threads(const Call_Threads& threads, PortableServer::POA_ptr adapter) {
+  if (!threads->apply_to(adapter)) throw Error("the adapter takes no threads for its calls");
+}
+
+/// The broker listens with room for five connections that have not been accepted yet, and never
+/// gives up one whose other end has vanished. Both can be set on a socket that listens already;
+/// accepted ones inherit the time-out. In `taken` milliseconds something sent must have been taken.
+void adjust_listening_sockets(std::chrono::milliseconds taken) {
+  rlimit files{};
+  ::getrlimit(RLIMIT_NOFILE, &files);
+  const int end = static_cast<int>(std::min<rlim_t>(files.rlim_cur, 4096));
+  for (int file = 0; file < end; ++file) {
+    int listens = 0;
+    socklen_t size = sizeof(listens);
+    if (::getsockopt(file, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) != 0 || !listens) continue;
+    const auto limit = static_cast<unsigned int>(taken.count());
+    ::setsockopt(file, IPPROTO_TCP, TCP_USER_TIMEOUT, &limit, sizeof(limit));
+    ::listen(file, SOMAXCONN);
+  }
+}
+
+std::atomic<std::uint64_t> largest_request{0};
 
 std::mutex running_lock;  // guards running; nothing is called under it
 CORBA::ORB_var running;   // the process's broker, nil without one
@@ -88,10 +145,24 @@ void apply_thread_timeout(std::chrono::milliseconds timeout) {
 
 }  // namespace
 
+// The generated code throws on arguments that it cannot read only if errno says why, and hands
+// the servant null strings otherwise.
+void Port_Factory_Skeleton::_dispatch(TAO_ServerRequest& request,
+                                      TAO::Portable_Server::Servant_Upcall* upcall) {
+  const TAO_InputCDR* const message = request.incoming();  // none in a call within the process
+  if (message && message->length() > largest_request) {
+    throw CORBA::MARSHAL(0, CORBA::COMPLETED_NO);
+  }
+  const Blocked_Call counted(request.operation());
+  errno = EINVAL;
+  POA_Varo::DT_PORT_SVC::Port_Factory::_dispatch(request, upcall);
+}
+
 struct Broker::Impl {
   CORBA::ORB_var orb;
   PortableServer::POA_var root_poa;  ///< nil in a pure client
-  std::thread events;                ///< accepts connections
+  Call_Threads call_threads;
+  std::thread events;  ///< accepts connections
   PatientShutdown shutdown;
 };
 
@@ -100,16 +171,18 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
   if (!options.endpoint.empty()) endpoint = parse_endpoint(options.endpoint);
   if (endpoint.tls || options.tls.in_use()) throw Error("there is no TLS in this build");
 
-  // There is no limit on the size of a message to set: this broker takes what memory allows.
-  std::vector<std::string> words = {"portsvc",
-                                    "-ORBDebugLevel",
-                                    std::to_string(options.trace),
-                                    "-ORBSvcConfDirective",
-                                    client_strategy,
-                                    "-ORBSvcConfDirective",
-                                    server_strategy,
-                                    "-ORBSvcConfDirective",
-                                    resource_limits};
+  // Replies have no limit: this broker takes what memory allows.
+  largest_request = options.max_message;
+  std::vector<std::string> words = {
+      "portsvc",
+      "-ORBDebugLevel",
+      std::to_string(options.trace),
+      "-ORBSvcConfDirective",
+      options.endpoint.empty() ? client_strategy : client_strategy_in_server,
+      "-ORBSvcConfDirective",
+      server_strategy,
+      "-ORBSvcConfDirective",
+      resource_limits};
   if (!options.endpoint.empty()) {
     words.push_back("-ORBListenEndpoints");
     words.push_back(listen_address(endpoint));
@@ -130,6 +203,7 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
     // The first use of the adapter opens the endpoint; calls are held back until serve().
     const CORBA::Object_var object = impl_->orb->resolve_initial_references("RootPOA");
     impl_->root_poa = PortableServer::POA::_narrow(object.in());
+    adjust_listening_sockets(options.message_timeout);
   } catch (const CORBA::Exception&) {
     set_running(CORBA::ORB::_nil());
     impl_->orb->destroy();
@@ -155,6 +229,8 @@ CORBA::ORB_ptr Broker::orb() const { return impl_->orb.in(); }
 
 Varo::DT_PORT_SVC::Port_Factory_var Broker::serve(POA_Varo::DT_PORT_SVC::Port_Factory* servant) {
   try {
+    impl_->call_threads = call_threads();
+    give_threads(impl_->call_threads, impl_->root_poa.in());
     // Default activation: the servant hands out references to itself and finds its adapter.
     const Varo::DT_PORT_SVC::Port_Factory_var activated = servant->_this();
 
@@ -167,6 +243,7 @@ Varo::DT_PORT_SVC::Port_Factory_var Broker::serve(POA_Varo::DT_PORT_SVC::Port_Fa
     policies[1] = root->create_id_assignment_policy(PortableServer::USER_ID);
     const PortableServer::POA_var named_poa = root->create_POA(object_key, manager.in(), policies);
     for (CORBA::ULong i = 0; i < policies.length(); ++i) policies[i]->destroy();
+    give_threads(impl_->call_threads, named_poa.in());
     const PortableServer::ObjectId_var id = PortableServer::string_to_ObjectId(object_key);
     named_poa->activate_object_with_id(id.in(), servant);
     const CORBA::Object_var object = named_poa->id_to_reference(id.in());

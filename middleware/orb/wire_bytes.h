@@ -81,21 +81,6 @@ inline Varo::DATA_BUFFER* give(std::unique_ptr<unsigned char[]> bytes, unsigned 
   return data;
 }
 
-#if defined(PORTSVC_ORB_TAO)
-using Port_Factory_Skeleton = POA_Varo::DT_PORT_SVC::Port_Factory;
-#else
-/// The other end of the connection over which a call has come.
-class Remote_Caller final : public Caller {
- public:
-  explicit Remote_Caller(const omniCallHandle& call) : call_(call) {}
-
-  /// True once the other end has closed the connection or the kernel has given it up.
-  bool gone() const override;
-
- private:
-  const omniCallHandle& call_;
-};
-
 /// A remote call's share of the blocked calls, while it lives. Only operations that may wait have
 /// one: the others stay open to who wants to see what all the calls wait for.
 class Blocked_Call {
@@ -113,6 +98,25 @@ class Blocked_Call {
 
  private:
   const bool counted_;
+};
+
+#if defined(PORTSVC_ORB_TAO)
+/// The skeleton; it refuses requests that are too large or cannot be read.
+class Port_Factory_Skeleton : public virtual POA_Varo::DT_PORT_SVC::Port_Factory {
+ public:
+  void _dispatch(TAO_ServerRequest& request, TAO::Portable_Server::Servant_Upcall* upcall) override;
+};
+#else
+/// The other end of the connection over which a call has come.
+class Remote_Caller final : public Caller {
+ public:
+  explicit Remote_Caller(const omniCallHandle& call) : call_(call) {}
+
+  /// True once the other end has closed the connection or the kernel has given it up.
+  bool gone() const override;
+
+ private:
+  const omniCallHandle& call_;
 };
 
 /// The skeleton; it notes that the in arguments of a remote call may be taken over, and whose call
