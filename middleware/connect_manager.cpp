@@ -47,7 +47,7 @@ int vrConnect_Manager::Timer::handle_timeout(const ACE_Time_Value&, const void*)
 }
 
 void vrConnect_Manager::schedule(std::chrono::milliseconds delay) {
-  reactor_->schedule_timer(&timer_, nullptr, time_value(delay));
+  reactor_->schedule_timer(&timer_, nullptr, portsvc::time_value(delay));
 }
 
 void vrConnect_Manager::run_beat() {

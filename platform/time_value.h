@@ -9,8 +9,8 @@ namespace portsvc {
 
 /// Older releases of ACE have no constructor for it.
 inline ACE_Time_Value time_value(std::chrono::milliseconds length) {
-  return {static_cast<time_t>(length.count() / 1000),
-          static_cast<suseconds_t>(length.count() % 1000 * 1000)};
+  return ACE_Time_Value(static_cast<time_t>(length.count() / 1000),
+                        static_cast<suseconds_t>(length.count() % 1000 * 1000));
 }
 
 }  // namespace portsvc
