@@ -161,6 +161,24 @@ TEST_F(SubRole, TakesAPortOver) {
   EXPECT_EQ(sub.get_port(3000u), nullptr);
 }
 
+TEST_F(SubRole, AnswersACodeWhateverAllocationFails) {
+  const std::string name(40, 'n');
+  sub.create_port("p", PORT_SLAVE, 5);
+  sub.create_port("box", PORT_EVENTBOX, 5);
+  const unsigned int handle = client(sub, "p");
+  CORBA::String_var keeper;
+  const std::pair<unsigned int, std::function<unsigned int()>> operations[] = {
+      {result::ok, [&] { return sub.create_port(name.c_str(), PORT_SLAVE, 3); }},
+      {result::ok, [&] { return sub.packet_replay(handle, wire("answer"), 0); }},
+      {result::ok, [&] { return sub.update_port("box", 1, wire("event")); }},
+      {result::failed, [&] { return sub.inquire_master("p", keeper.out()); }}};
+  for (const auto& [good, operation] : operations) {
+    EXPECT_EQ(fail_each_allocation(
+                  operation, [](unsigned int code) { EXPECT_EQ(code, result::out_of_memory); }),
+              good);
+  }
+}
+
 TEST_F(SubRole, ListsTheNamesOfTheMainServer) {
   sub.create_port("mine", PORT_SLAVE, 5);
   reach();

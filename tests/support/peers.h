@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -89,6 +90,8 @@ class FakePeer : public EmptyServant {
     return threads_.size();
   }
 
+  /// Called during each call, before it is answered.
+  std::function<void(const std::string& operation)> during;
   unsigned int reported_owner = 0;  ///< owner of connect_port
   Names listed;                     ///< of patch_object_name
   std::atomic<int> delay_ms{0};     ///< how long every call takes
@@ -159,6 +162,7 @@ class FakePeer : public EmptyServant {
   template <class... Args>
   unsigned int note(const char* operation, CORBA::ULong* fresh_handle, const Args&... arguments) {
     std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
+    if (const auto call = during) call(operation);
     const std::lock_guard<std::mutex> guard(lock_);
     if (fresh_handle) *fresh_handle = ++last_handle_;
     threads_.insert(std::this_thread::get_id());
