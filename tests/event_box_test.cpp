@@ -54,6 +54,7 @@ TEST_F(EventBox, TakesABatchAtOnceAndLetsGoOfNothingUnderALock) {
   struct Last final : vrPort_Buffer {
     explicit Last(std::function<void()> its_end) : end(std::move(its_end)) {}
     ~Last() override { end(); }
+    using vrPort_Buffer::operator=;
     const std::function<void()> end;
   };
   std::vector<std::future<unsigned int>> answers;
