@@ -62,8 +62,8 @@ class Poller {
 
   std::mutex lock_;  // guards turns_; no test runs under it
   std::condition_variable arrived_;
-  // In order of time, since every turn is a pause away when it is added. The one thread of all waits
-  // allocates nothing: it moves the nodes.
+  // In order of time, since every turn is a pause away when it is added. The one thread of all
+  // waits allocates nothing: it moves the nodes.
   std::list<Turn_At> turns_;
 };
 

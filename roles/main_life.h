@@ -54,7 +54,7 @@ class Main_Life {
 
   const std::string self_;
   std::atomic<bool> first_{true};  ///< no main server has been met, and no mark is remembered
-  mutable std::mutex lock_;  ///< guards what follows; nothing is called or taken under it
+  mutable std::mutex lock_;        ///< guards what follows; nothing is called or taken under it
   std::uint64_t number_ = 1;
   std::string mark_;                          ///< empty before the first was seen
   Varo::DT_PORT_SVC::Port_Factory_var peer_;  ///< who was asked last...

@@ -194,9 +194,10 @@ void refuse_itself_as_main(const Options& options, const UseOfDirectory& use,
 
 void end_silent_sub_servers(Port_Factory_Main& main, unsigned int seconds) {
   for (const std::string& name : main.end_silent_sub_servers(seconds)) {
-    tell(fmt::format("the sub server {} has been silent for {} s: its clients and owners here are "
-                     "disconnected",
-                     name, seconds));
+    tell(
+        fmt::format("the sub server {} has been silent for {} s: its clients and owners here are "
+                    "disconnected",
+                    name, seconds));
   }
 }
 

@@ -115,9 +115,9 @@ State_Folder::State_Folder(const std::string& folder) {
     tell(fmt::format("cannot lock {}: {}; nothing keeps another server out of it", snapshots,
                      failure.message()));
   }
-  for (const std::string& name : {std::string(snapshot::file_name),
-                                  std::string(snapshot::file_name) + unfinished,
-                                  std::string(previous_name), std::string(damaged_name)}) {
+  for (const std::string& name :
+       {std::string(snapshot::file_name), std::string(snapshot::file_name) + unfinished,
+        std::string(previous_name), std::string(damaged_name)}) {
     refuse_odd_file(snapshot_folder() / name);
   }
 }

@@ -17,11 +17,15 @@ class Host : public MainServer {
   void note_peer_handle(unsigned int handle, std::uint64_t of, PeerHandle now) override {
     if (of == life) handles[handle] = now;
   }
+  void note_peer_owner(Port_impl*, Varo::DT_PORT_SVC::Port_Factory_ptr at) override {
+    if (CORBA::is_nil(at)) ++unsettled;
+  }
 
   Varo::DT_PORT_SVC::Port_Factory_var peer;
   std::atomic<int> released{0};
   std::uint64_t life = 1;
   std::map<unsigned int, PeerHandle> handles;
+  int unsettled = 0;
 };
 
 class SlavePort : public WithPeers {
@@ -153,17 +157,18 @@ TEST_F(SlavePort, LeavesNoConnectionOpenAtThePeer) {
   port.disconnect(758);
   // One that leaves, and one that sends twice, while the connection is made.
   for (const bool leaves : {true, false}) {
-    connect(758, CONNECT_CLIENT);
+    const unsigned int handle = leaves ? 760 : 758;
+    connect(handle, CONNECT_CLIENT);
     peer->during = [&](const std::string& operation) {
       if (operation != "connect_port") return;
       peer->during = nullptr;
       if (leaves) {
-        port.disconnect(758);
+        port.disconnect(handle);
       } else {
-        send(758);
+        send(handle);
       }
     };
-    send(758);
+    send(handle);
   }
   EXPECT_EQ(reply(758), Reply(result::ok, "reply"));
   std::set<std::string> open;
@@ -187,6 +192,9 @@ TEST_F(SlavePort, ForgetsInAnotherLifeOfThePeerWhatItWasGivenBefore) {
   EXPECT_EQ(std::get<1>(receive()), remote_client_offset + 42);
   EXPECT_EQ(port.disconnect(remote_client_offset + 42), result::ok);
   EXPECT_EQ(std::get<1>(receive()), remote_client_offset + 42) << "it is back";
+  peer->answer("packet_receive", {result::unknown_handle, result::ok});
+  receive();
+  EXPECT_EQ(host.unsettled, 1) << "its id may have changed there";
   ++host.life;
   peer->calls();
   EXPECT_EQ(port.replay(42, buffer("stale"), 5), result::unknown_handle);
@@ -244,8 +252,10 @@ TEST_F(SlavePort, AnswersACodeForEveryBrokerException) {
   EXPECT_EQ(port.replay(42, buffer("x"), 5), result::peer_receive);
   EXPECT_EQ(send(758), result::peer_forward);
   EXPECT_EQ(host.released, 5);
+  EXPECT_EQ(host.handles.rbegin()->second, PeerHandle::left_open) << "it is closed one day";
   EXPECT_EQ(reply(758), Reply(result::failed, "untouched"));
   EXPECT_EQ(port.disconnect(77), result::peer_disconnect);
+  EXPECT_FALSE(port.has_owner_here());
   EXPECT_TRUE(owner_connected());
   EXPECT_EQ(host.released, 5) << "these two keep the reference";
 

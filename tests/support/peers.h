@@ -94,6 +94,7 @@ class FakePeer : public EmptyServant {
   std::function<void(const std::string& operation)> during;
   unsigned int reported_owner = 0;  ///< owner of connect_port
   Names listed;                     ///< of patch_object_name
+  std::string keeper = "keeper";    ///< of inquire_master
   std::atomic<int> delay_ms{0};     ///< how long every call takes
 
   CORBA::ULong connect_port(const char* name, CORBA::ULong& handle, CORBA::ULong mode,
@@ -147,7 +148,7 @@ class FakePeer : public EmptyServant {
     return note("force_toslave", nullptr, server, name);
   }
   CORBA::ULong inquire_master(const char* name, CORBA::String_out master) override {
-    master = CORBA::string_dup("keeper");
+    master = CORBA::string_dup(keeper.c_str());
     return note("inquire_master", nullptr, name);
   }
 

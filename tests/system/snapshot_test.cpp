@@ -233,7 +233,9 @@ TEST_F(Snapshots, AFullDiskFailsTheSnapshotAndNothingElse) {
   done("main", {"exists", "p999"});
   ASSERT_TRUE(eventually([&] { return times_said("main", "no snapshot: cannot write") > 0; }));
   // Another round that fails leaves its trace in the folder's time alone.
-  const auto touched = [&] { return std::filesystem::last_write_time(folder.path("main/SnapShot")); };
+  const auto touched = [&] {
+    return std::filesystem::last_write_time(folder.path("main/SnapShot"));
+  };
   ASSERT_TRUE(eventually([&, before = touched()] { return touched() != before; }));
   EXPECT_EQ(times_said("main", "no snapshot:"), 1) << process("main").err();
   const Port_Factory_var main = server("main");
