@@ -57,8 +57,6 @@ class Port_Registry {
   void remove(const Port_impl& port);
   /// Enters the id that a port in the table carries now, beside its earlier ones.
   void add_id(const Port_impl& port) { ids_.emplace(port.port_id(), port.name()); }
-  /// Takes the id a port carries now out of the id table.
-  void remove_id(unsigned int id) { ids_.erase(id); }
   /// Takes all ports out and answers them; the id table stays. Let them go without the lock: what
   /// they hold may take a while to free.
   [[nodiscard]] Ports take_all();

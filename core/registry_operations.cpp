@@ -64,10 +64,12 @@ CORBA::ULong Port_Factory_i::set_connected_host(const char* name, const char* ho
   return no_memory(result::out_of_memory);
 }
 
-CORBA::ULong Port_Factory_i::disconnect_port(CORBA::ULong handle) {
+CORBA::ULong Port_Factory_i::disconnect_port(CORBA::ULong handle) try {
   auto port = get_port(handle);
   if (!port) port = find_port(handle);
   return port ? port->disconnect(handle) : result::unknown_handle;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::Long Port_Factory_i::exist(const char* name) {
@@ -81,7 +83,6 @@ CORBA::ULong Port_Factory_i::delete_port(const char* name) try {
     port = registry_.find(name);
     if (!port) return result::ok;
     if (port->kind() == PORT_EVENTBOX) {
-      registry_.remove_id(port->port_id());
       ACE_WRITE_GUARD_RETURN(ACE_RW_Thread_Mutex, event_guard, event_lock_, result::servant_lock);
       events_.remove(name);
     }

@@ -5,6 +5,7 @@
 #include <optional>
 #include <unordered_set>
 
+#include "core/out_values.h"
 #include "core/port_factory_i.h"
 #include "platform/wait.h"
 
@@ -114,20 +115,27 @@ void Port_Factory_i::signal_off(Owner_Set& set) {
 void Port_Factory_i::signal_off_replay(Client_Set&) {}
 
 CORBA::ULong Port_Factory_i::select_event_port(const Varo::PORT_HANDLE_SET& handles,
-                                               CORBA::ULong_out ready, CORBA::ULong timeout) {
+                                               CORBA::ULong_out ready, CORBA::ULong timeout) try {
   Owner_Set set;
-  for (CORBA::ULong i = 0; i < handles.length(); ++i) {
-    auto port = get_port(static_cast<unsigned int>(handles[i]));
-    if (!port) return result::unknown_handle;
-    // The ports counted so far keep their count on an early end.
-    if (const unsigned int refused = port->select(true)) return refused;
-    set.push_back(std::move(port));
+  try {
+    for (CORBA::ULong i = 0; i < handles.length(); ++i) {
+      const auto port = get_port(static_cast<unsigned int>(handles[i]));
+      if (!port) return result::unknown_handle;
+      set.push_back(port);
+      // The ports counted so far keep their count on an early end.
+      if (const unsigned int refused = port->select(true)) return refused;
+    }
+    return wait_for_signal(set, ready, timeout);
+  } catch (const std::bad_alloc&) {
+    signal_off(set);
+    throw;
   }
-  return wait_for_signal(set, ready, timeout);
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_i::select_replay_port(const Varo::PORT_HANDLE_SET& handles,
-                                                CORBA::ULong_out ready, CORBA::ULong timeout) {
+                                                CORBA::ULong_out ready, CORBA::ULong timeout) try {
   std::map<unsigned int, boost::shared_ptr<Port_impl>> clients;
   for (CORBA::ULong i = 0; i < handles.length(); ++i) {
     const unsigned int handle = handles[i];
@@ -139,4 +147,6 @@ CORBA::ULong Port_Factory_i::select_replay_port(const Varo::PORT_HANDLE_SET& han
   Client_Set set;
   for (const auto& client : clients) set.insert(client);  // in order: each goes to the end
   return wait_for_replay_signal(set, ready, timeout);
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }

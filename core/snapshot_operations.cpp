@@ -29,11 +29,11 @@ ACE_Thread_Mutex& file_lock() {
 
 const char* Port_Factory_i::get_snap_path() {
   if (snapshot_path_.empty()) {
-    std::string path = state_folder() + "/SnapShot/";
+    std::string path = state_folder() + "/" + snapshot::folder_name + "/";
     make_folder(path);
     if (!realm_.empty()) path += realm_ + "/";
     make_folder(path);
-    snapshot_path_ = path + "portsnap.snp";
+    snapshot_path_ = path + snapshot::file_name;
   }
   return snapshot_path_.c_str();
 }
@@ -141,7 +141,7 @@ Varo::FileHandle_ptr Port_Factory_i::openSnapShot() {
   }
 }
 
-void Port_Factory_i::checkNoTransition() {
+void Port_Factory_i::checkNoTransition() try {
   std::vector<std::string> expired;
   {
     ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, registry_lock_);
@@ -151,4 +151,6 @@ void Port_Factory_i::checkNoTransition() {
     }
   }
   for (const std::string& name : expired) delete_port(name.c_str());
+} catch (const std::bad_alloc&) {
+  errno = ENOMEM;  // the next pass
 }

@@ -1,5 +1,6 @@
 #include "middleware/connect_manager.h"
 
+#include <new>
 #include <utility>
 
 #include "middleware/reference_container.h"
@@ -56,7 +57,11 @@ void vrConnect_Manager::run_beat() {
     if (!running_) return;
     beating_ = std::this_thread::get_id();
   }
-  beat();
+  try {
+    beat();
+  } catch (const std::bad_alloc&) {
+    reached_ = false;  // what was not done is done at the next
+  }
   // Under the lock, so that stop() cancels what is scheduled here.
   const std::lock_guard<std::mutex> guard(lock_);
   if (running_) schedule(period_);

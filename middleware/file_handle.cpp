@@ -193,7 +193,12 @@ class FileHandleImpl::Sweeper {
       wake_.wait(guard, [this] { return stop_ || !watched_.empty(); });
       wake_.wait_for(guard, std::chrono::seconds(1), [this] { return stop_; });
       if (stop_) return;
-      const std::vector<std::shared_ptr<Content>> looked_at = watched_;
+      std::vector<std::shared_ptr<Content>> looked_at;
+      try {
+        looked_at = watched_;
+      } catch (const std::bad_alloc&) {
+        continue;
+      }
       guard.unlock();
       const ACE_Time_Value now = portsvc::clock().now();
       for (const auto& content : looked_at) {
@@ -237,8 +242,16 @@ bool FileHandleImpl::open() {
 
 CORBA::Long FileHandleImpl::read(CORBA::Long offset, CORBA::Long& length,
                                  Varo::DATA_BUFFER_out data) {
-  data = new Varo::DATA_BUFFER;
-  return content_->read(offset, length, *data);
+  try {
+    auto bytes = std::make_unique<Varo::DATA_BUFFER>();
+    const CORBA::Long answer = content_->read(offset, length, *bytes);
+    data = bytes.release();
+    return answer;
+  } catch (const std::bad_alloc&) {
+    data = new Varo::DATA_BUFFER;
+    length = 0;
+    return -1;
+  }
 }
 
 CORBA::Long FileHandleImpl::size(CORBA::Long_out bytes) { return content_->size(bytes); }

@@ -34,7 +34,7 @@ class FileHandleImpl : public virtual POA_Varo::FileHandle,
 
   /// Up to `length` bytes from `offset`, at most largest_read. `length` becomes the number
   /// delivered: 0 at and beyond the end. Answers 0; or -1 with nothing delivered when an argument
-  /// is negative or the handle is closed. `data` is always a fresh value.
+  /// is negative, the handle is closed or memory is short. `data` is always a fresh value.
   CORBA::Long read(CORBA::Long offset, CORBA::Long& length, Varo::DATA_BUFFER_out data) override;
 
   /// Answers 0 and the length of the file, or -1 and 0 when the handle is closed.

@@ -55,6 +55,7 @@ std::string Handle_File::open(const std::string& path) {
 void Handle_File::find_places() {
   places_.clear();
   free_.clear();
+  free_.reserve(capacity);
   for (std::uint32_t place = capacity; place-- > 0;) {
     const unsigned int handle = image_->handles[place];
     if (handle == 0 || !places_.emplace(handle, place).second) {
@@ -81,8 +82,8 @@ void Handle_File::begin(const std::string& text) {
 void Handle_File::add(unsigned int handle) {
   if (!image_ || free_.empty()) return;
   const std::uint32_t place = free_.back();
-  free_.pop_back();
   places_[handle] = place;
+  free_.pop_back();
   image_->handles[place] = handle;
 }
 

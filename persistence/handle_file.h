@@ -31,7 +31,7 @@ class Handle_File {
   std::vector<unsigned int> handles() const;
   /// Drops all handles; the next belong to `text`, of which 247 octets are kept.
   void begin(const std::string& text);
-  /// `handle` is not 0 and not in it.
+  /// `handle` is not 0 and not in it. Throws std::bad_alloc, then it is not in it.
   void add(unsigned int handle);
   void remove(unsigned int handle);
 

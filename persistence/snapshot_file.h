@@ -33,6 +33,10 @@ constexpr std::size_t name_size = 256;
 constexpr std::size_t port_record_size = 268;
 constexpr std::size_t subscription_record_size = 260;
 
+/// Where a server keeps its snapshot: this folder of its state folder, and the file's name.
+constexpr const char* folder_name = "SnapShot";
+constexpr const char* file_name = "portsnap.snp";
+
 /// True when a name fits a record.
 constexpr bool fits(std::string_view name) { return name.size() < name_size; }
 

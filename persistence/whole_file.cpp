@@ -60,18 +60,18 @@ std::string write_whole_file(const std::string& path, std::string_view bytes) {
   std::string odd = not_a_plain_file(path);
   if (!odd.empty()) return odd;
   constexpr int mode = 0666;
-  const std::string unfinished = path + ".new";
-  remove_file(unfinished);  // left by a process that died
-  int file = ::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  const std::string fresh = path + unfinished;
+  remove_file(fresh);  // left by a process that died
+  int file = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (file < 0 && (errno == EACCES || errno == EPERM || errno == EROFS)) {
     file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, mode);
     if (file < 0 || !fill_and_close(file, bytes)) return failed("write", path);
     return {};
   }
-  if (file < 0) return failed("write", unfinished);
-  if (!fill_and_close(file, bytes) || ::rename(unfinished.c_str(), path.c_str()) != 0) {
+  if (file < 0) return failed("write", fresh);
+  if (!fill_and_close(file, bytes) || ::rename(fresh.c_str(), path.c_str()) != 0) {
     odd = failed("write", path);
-    remove_file(unfinished);
+    remove_file(fresh);
     return odd;
   }
   flush_folder_of(path);

@@ -1,6 +1,7 @@
 // Whether the caller of the operation that a thread carries out is still there.
 #pragma once
 
+#include <string>
 #include <utility>
 
 namespace portsvc {
@@ -15,6 +16,9 @@ class Caller {
   /// True once nobody can receive the call's answer any more. Any thread may ask while the call is
   /// under way. Costs a system call.
   virtual bool gone() const = 0;
+
+  /// The name of the server that calls on behalf of its own callers, if it is one and says so.
+  virtual std::string server() const { return {}; }
 
   /// The caller of the call this thread is carrying out; null when it was made within the process.
   static const Caller* of_this_thread() { return current(); }

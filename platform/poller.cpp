@@ -82,9 +82,10 @@ void Poller::wait(const Waited_On& what, const Step& step) {
 }
 
 void Poller::wait_long(const std::shared_ptr<Wait>& wait) {
+  std::list<Turn_At> turn{{Time::now() + period, wait}};
   {
     const std::lock_guard<std::mutex> guard(lock_);
-    turns_.push_back({Time::now() + period, wait});
+    turns_.splice(turns_.end(), turn);
     if (turns_.size() == 1) arrived_.notify_one();
   }
   for (;;) {
@@ -96,7 +97,7 @@ void Poller::wait_long(const std::shared_ptr<Wait>& wait) {
 }
 
 void Poller::run() {
-  std::vector<Turn_At> batch;
+  std::list<Turn_At> batch;
   std::unique_lock<std::mutex> guard(lock_);
   for (;;) {
     arrived_.wait(guard, [this] { return !turns_.empty(); });
@@ -107,19 +108,14 @@ void Poller::run() {
 
     const Time::time_point until = Time::now() + tolerance;
     while (!turns_.empty() && turns_.front().due <= until) {
-      batch.push_back(std::move(turns_.front()));
-      turns_.pop_front();
+      batch.splice(batch.end(), turns_, turns_.begin());
     }
     guard.unlock();
-    for (Turn_At& turn : batch) {
-      if (end_of(*turn.wait)) turn.wait.reset();
-    }
+    batch.remove_if([](const Turn_At& turn) { return end_of(*turn.wait); });
     guard.lock();
     const Time::time_point next = Time::now() + period;
-    for (Turn_At& turn : batch) {
-      if (turn.wait) turns_.push_back({next, std::move(turn.wait)});
-    }
-    batch.clear();
+    for (Turn_At& turn : batch) turn.due = next;
+    turns_.splice(turns_.end(), batch);
   }
 }
 

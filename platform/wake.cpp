@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <limits>
 #include <mutex>
+#include <new>
 
 namespace portsvc {
 
@@ -65,7 +66,12 @@ void wake(const Topic& topic, unsigned int things, void (Sleeper::*how)() = &Sle
     for (auto next = queue.places.begin(); next != queue.places.end() && things > 0;) {
       auto& place = *next++;
       if (!(place.topic == topic)) continue;
-      sleepers.push_back(place.sleeper);
+      try {
+        sleepers.push_back(place.sleeper);
+      } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        break;  // the others look when their pauses are over
+      }
       queue.leave(place);
       --things;
     }

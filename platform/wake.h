@@ -31,7 +31,8 @@ bool waits_end_early();
 
 /// There is something new for `things` waits on `topic`: wakes so many, those first that have
 /// waited longest. Costs one relaxed load when nobody waits. Whoever calls it has made the change
-/// under the lock under which the waits test for it, and has given that lock back.
+/// under the lock under which the waits test for it, and has given that lock back. Never throws: a
+/// wake-up missed for lack of memory costs a pause.
 void something_changed(const Topic& topic, unsigned int things = 1);
 
 /// As something_changed, for a change that concerns every wait on the topic.

@@ -21,7 +21,8 @@ class vrPort_Buffer_Queue {
 
   /// Drops all entries.
   void clear();
-  /// Changes the limit; entries above it leave with the next pushes.
+  /// Changes the limit and drops nothing: a push drops one entry at most, so a queue that holds
+  /// more than a lowered limit stays as long as it is until entries are taken.
   void set_limit(unsigned int limit);
   /// Reads the limit without the lock.
   unsigned int limit() const { return limit_.load(std::memory_order_relaxed); }

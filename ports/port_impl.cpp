@@ -139,7 +139,14 @@ unsigned int Port_impl::client_access(unsigned int handle) {
 }
 
 void Port_impl::enter_client(unsigned int handle, unsigned int access) {
-  if (clients_.emplace(handle, access).second && index_) index_->add(handle, this);
+  const auto [entry, added] = clients_.emplace(handle, access);
+  if (!added || !index_) return;
+  try {
+    index_->add(handle, this);
+  } catch (...) {
+    clients_.erase(entry);
+    throw;
+  }
 }
 
 void Port_impl::set_client(unsigned int handle, unsigned int access) {
@@ -158,8 +165,13 @@ unsigned int Port_impl::connect_client(unsigned int handle, unsigned int access,
                                        unsigned int& owner) {
   owner = 0;
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
-  enter_client(handle, access);
-  reply_registrations_.emplace(handle, false);
+  const auto [registration, added] = reply_registrations_.emplace(handle, false);
+  try {
+    enter_client(handle, access);
+  } catch (...) {
+    if (added) reply_registrations_.erase(registration);
+    throw;
+  }
   return result::ok;
 }
 

@@ -126,7 +126,7 @@ class Port_impl : public boost::enable_shared_from_this<Port_impl> {
   void leave_index();
 
  protected:
-  // All callers hold connection_lock_.
+  // All callers hold connection_lock_. What throws std::bad_alloc has changed nothing.
   unsigned int client_access(unsigned int handle);  // enters a missing handle with access 0
   void enter_client(unsigned int handle, unsigned int access);  // an existing entry keeps its value
   void set_client(unsigned int handle, unsigned int access);    // overwrites

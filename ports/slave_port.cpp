@@ -2,6 +2,7 @@
 
 #include <ace/Guard_T.h>
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -187,6 +188,8 @@ unsigned int vrSlave_Port::disconnect(unsigned int handle) {
   {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
     if (!remove_client(handle)) return result::unknown_handle;
+    const auto entered = std::find(remote_clients_.begin(), remote_clients_.end(), handle);
+    if (entered != remote_clients_.end()) remote_clients_.erase(entered);
     remote = take_remote_handle(handle);
     life = life_;
   }
@@ -310,14 +313,13 @@ unsigned int vrSlave_Port::forward(unsigned int handle, vrBuffer data, unsigned 
         connect_at_peer(peer.in(), CONNECT_CLIENT, access, remote, scratch, life);
     if (connected != result::ok) return connected;
     servant::note_peer_handle(owner_, remote, life, PeerHandle::opened);
-    {
-      ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
-      if (life != life_) throw AnotherLife();
-      // A forward of the same client that ran at the same time may have kept one meanwhile.
-      earlier = take_remote_handle(handle);
-      remote_handles_[handle] = remote;
-    }
     try {
+      {
+        ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
+        if (life != life_) throw AnotherLife();
+        // A forward of the same client that ran at the same time may have kept one meanwhile.
+        earlier = std::exchange(remote_handles_[handle], remote);
+      }
       close_remote(peer.in(), life, earlier);
       const unsigned int answer =
           wait_on_peer(timeout, result::send_timed_out, [&](unsigned int seconds) {
@@ -326,7 +328,7 @@ unsigned int vrSlave_Port::forward(unsigned int handle, vrBuffer data, unsigned 
           });
       close_if_abandoned(peer.in(), handle);
       return answer;
-    } catch (const CORBA::Exception&) {
+    } catch (...) {
       give_up(handle, remote, life);
       throw;
     }

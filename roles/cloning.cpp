@@ -2,6 +2,10 @@
 
 #include <ace/Guard_T.h>
 
+#include <cerrno>
+#include <new>
+
+#include "core/out_values.h"
 #include "platform/limits.h"
 #include "ports/port_creator.h"
 #include "roles/port_factory_sub.h"
@@ -51,16 +55,19 @@ boost::shared_ptr<Port_impl> Port_Factory_Sub::create_clon(const char* name,
   return port;
 }
 
-boost::shared_ptr<Port_impl> Port_Factory_Sub::create_clon_port(const char* name) {
+boost::shared_ptr<Port_impl> Port_Factory_Sub::create_clon_port(const char* name) try {
   PORT_INFO info{};
   if (!ask_for(name, info)) return {};
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, {});
   if (auto port = registry_.find(name)) return port;  // somebody else was first
   return create_clon(name, info);
+} catch (const std::bad_alloc&) {
+  errno = ENOMEM;  // it is not here yet
+  return {};
 }
 
 CORBA::ULong Port_Factory_Sub::create_port(const char* name, CORBA::ULong kind,
-                                           CORBA::ULong limit) {
+                                           CORBA::ULong limit) try {
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
   if (registry_.find(name)) return result::already_exists;
   while (registry_.in_use(next_handle_)) ++next_handle_;
@@ -70,4 +77,6 @@ CORBA::ULong Port_Factory_Sub::create_port(const char* name, CORBA::ULong kind,
   registry_.add(port, kind == PORT_EVENTBOX);
   ++next_handle_;
   return result::ok;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }

@@ -2,6 +2,7 @@
 
 #include <ace/Guard_T.h>
 
+#include <new>
 #include <utility>
 
 #include "idl/port_codes.h"
@@ -48,6 +49,8 @@ unsigned int SendEventRequest::execute() {
   } catch (const CORBA::Exception&) {
     container->ReleasePortReference(server_.c_str(), realm);
     return result::peer_forward;
+  } catch (const std::bad_alloc&) {
+    return result::out_of_memory;  // this copy is lost
   }
 }
 

@@ -25,7 +25,7 @@ class SendEventRequest {
 
   /// Delivers the copy with update_port, or update_port_front. The sub server's own answer; 99
   /// when there is no reference to it; 112 on a broker exception, after which the reference is
-  /// looked up afresh. Takes at most the peer call time-out.
+  /// looked up afresh; 5. Takes at most the peer call time-out.
   virtual unsigned int execute();
 
  private:

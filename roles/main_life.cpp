@@ -2,10 +2,13 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
+#include <new>
 #include <random>
 #include <utility>
 
 #include "idl/port_codes.h"
+#include "roles/sub_servers.h"
 
 using Varo::DT_PORT_SVC::Port_Factory;
 using Varo::DT_PORT_SVC::Port_Factory_ptr;
@@ -13,22 +16,24 @@ using Varo::DT_PORT_SVC::Port_Factory_ptr;
 namespace portsvc {
 namespace {
 
-/// No port is called that: the name is not empty, and no text anybody types.
-constexpr const char* mark_name = "\x01life";
-
 std::string new_mark(const std::string& self) {
   std::random_device random;
   return fmt::format("{} {:08x}{:08x}", self, random(), random());
 }
 
-/// The mark of the life `peer` is in; empty when it keeps none.
-std::string ask(Port_Factory_ptr peer, const std::string& self) {
+/// The mark of the life `peer` is in; empty when it keeps none. With `first` it is made anew, which
+/// ends what an earlier run of this server has left there.
+std::string ask(Port_Factory_ptr peer, const std::string& self, bool first) {
   const orb::CallTimeout limit;
+  const std::string name = std::string(mark_name) + self;
+  if (first) {
+    peer->force_toslave(new_mark(self).c_str(), (std::string(first_mark_name) + self).c_str());
+  }
   CORBA::String_var mark;
-  unsigned int answer = peer->inquire_master(mark_name, mark.out());
+  unsigned int answer = peer->inquire_master(name.c_str(), mark.out());
   if (answer == result::unknown_name) {
-    peer->force_toslave(new_mark(self).c_str(), mark_name);
-    answer = peer->inquire_master(mark_name, mark.out());
+    peer->force_toslave(new_mark(self).c_str(), name.c_str());
+    answer = peer->inquire_master(name.c_str(), mark.out());
   }
   return answer == result::ok ? mark.in() : "";
 }
@@ -41,6 +46,7 @@ void Main_Life::keep_in(const std::string& path) {
   const std::lock_guard<std::mutex> guard(lock_);
   mark_ = file_.open(path);
   for (const unsigned int handle : file_.handles()) open_[handle] = true;
+  first_ = mark_.empty();
 }
 
 std::uint64_t Main_Life::of(Port_Factory_ptr peer, bool certainly) {
@@ -53,7 +59,7 @@ std::uint64_t Main_Life::of(Port_Factory_ptr peer, bool certainly) {
                            : connections == connections_ && peer->_is_equivalent(peer_.in());
     if (asked && !certainly) return number_;
   }
-  const std::string mark = ask(peer, self_);
+  const std::string mark = ask(peer, self_, first_.exchange(false));
   const std::lock_guard<std::mutex> guard(lock_);
   begin(mark, peer, connections);
   return number_;
@@ -79,8 +85,12 @@ void Main_Life::note(unsigned int handle, std::uint64_t life, PeerHandle now) {
   if (life != number_) return;
   switch (now) {
     case PeerHandle::opened:
-      if (open_.size() < Handle_File::capacity && open_.emplace(handle, false).second) {
-        file_.add(handle);
+      try {
+        if (open_.size() < Handle_File::capacity && open_.emplace(handle, false).second) {
+          file_.add(handle);
+        }
+      } catch (const std::bad_alloc&) {
+        errno = ENOMEM;  // it is not remembered
       }
       break;
     case PeerHandle::closed:

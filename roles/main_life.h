@@ -1,6 +1,7 @@
 // What a sub server knows of the life its main server is in.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -18,9 +19,10 @@ namespace portsvc {
 ///
 /// A main server that has been restarted knows nothing of what it has handed out, and hands the
 /// same numbers out again. Its life shows in its table of who keeps which port, which ends with it:
-/// the first sub server that meets it enters a mark there, a name that no port has with a text that
-/// nobody else makes up, and the first entry of a name stays. A server that keeps no such mark is
-/// taken for the same until it has been lost and reached anew.
+/// a sub server that meets it enters a mark there, a name that no port has with a text that nobody
+/// else makes up. The main server takes the mark away when it gives the sub server up for dead, so
+/// that its life is another then, too (Sub_Servers). A server that keeps no such mark is taken for
+/// the same until it has been lost and reached anew.
 ///
 /// Every operation may be called from any thread.
 class Main_Life {
@@ -34,7 +36,7 @@ class Main_Life {
   void keep_in(const std::string& path);
 
   /// The number of the life `peer` is in. Asks it if a connection to it has been opened since it
-  /// was asked last, or if `certainly`; that takes up to three calls and throws what they throw.
+  /// was asked last, or if `certainly`; that takes up to four calls and throws what they throw.
   std::uint64_t of(Varo::DT_PORT_SVC::Port_Factory_ptr peer, bool certainly);
   /// The main server has been reached anew after it was lost.
   void reached_anew();
@@ -51,7 +53,8 @@ class Main_Life {
              std::uint64_t connections);
 
   const std::string self_;
-  mutable std::mutex lock_;  ///< guards what follows; nothing is called or taken under it
+  std::atomic<bool> first_{true};  ///< no main server has been met, and no mark is remembered
+  mutable std::mutex lock_;        ///< guards what follows; nothing is called or taken under it
   std::uint64_t number_ = 1;
   std::string mark_;                          ///< empty before the first was seen
   Varo::DT_PORT_SVC::Port_Factory_var peer_;  ///< who was asked last...

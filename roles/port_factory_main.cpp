@@ -28,6 +28,33 @@ Varo::DT_PORT_SVC::Port_Factory_var Port_Factory_Main::get_remote_point() {
   return Varo::DT_PORT_SVC::Port_Factory::_nil();
 }
 
+CORBA::ULong Port_Factory_Main::connect_port(const char* name, CORBA::ULong_out handle,
+                                             CORBA::ULong mode, CORBA::ULong access,
+                                             CORBA::ULong_out owner) {
+  const CORBA::ULong answer = Port_Factory_i::connect_port(name, handle, mode, access, owner);
+  const Caller* const caller = Caller::of_this_thread();
+  if (answer == result::ok && caller) known_subs_.opened(caller->server(), handle);
+  return answer;
+}
+
+CORBA::ULong Port_Factory_Main::disconnect_port(CORBA::ULong handle) {
+  known_subs_.closed(handle);
+  return Port_Factory_i::disconnect_port(handle);
+}
+
+std::vector<std::string> Port_Factory_Main::end_silent_sub_servers(unsigned int rounds) {
+  std::vector<std::string> names;
+  for (const auto& [server, left_open] : known_subs_.next_round(rounds)) {
+    disconnect_all(left_open);
+    names.push_back(server);
+  }
+  return names;
+}
+
+void Port_Factory_Main::disconnect_all(const Sub_Servers::Handles& handles) {
+  for (const unsigned int handle : handles) Port_Factory_i::disconnect_port(handle);
+}
+
 CORBA::ULong Port_Factory_Main::create_port(const char* name, CORBA::ULong kind,
                                             CORBA::ULong limit) try {
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, result::servant_lock);
@@ -136,7 +163,11 @@ bool Port_Factory_Main::add_master(const char* name, const char* server) {
 }
 
 CORBA::ULong Port_Factory_Main::force_toslave(const char* server, const char* name) try {
-  enter_master(name, server);
+  if (Sub_Servers::is_mark(name)) {
+    disconnect_all(known_subs_.enter(name, server));
+  } else {
+    enter_master(name, server);
+  }
   return result::ok;
 } catch (const std::bad_alloc&) {
   return no_memory(result::out_of_memory);
@@ -146,10 +177,13 @@ void Port_Factory_Main::set_notify_port(const char* name) {
   enter_master(name, interface_name_.c_str());
 }
 
-CORBA::ULong Port_Factory_Main::inquire_master(const char* name, CORBA::String_out master) {
+CORBA::ULong Port_Factory_Main::inquire_master(const char* name, CORBA::String_out master) try {
   std::string server;
   bool known = false;
-  {
+  if (Sub_Servers::is_mark(name)) {
+    server = known_subs_.ask(name);
+    known = !server.empty();
+  } else {
     ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, master_lock_, result::servant_lock);
     const auto found = masters_.find(std::string_view(name));
     known = found != masters_.end();
@@ -157,6 +191,9 @@ CORBA::ULong Port_Factory_Main::inquire_master(const char* name, CORBA::String_o
   }
   master = CORBA::string_dup(server.c_str());
   return known ? result::ok : result::unknown_name;
+} catch (const std::bad_alloc&) {
+  master = CORBA::string_dup("");
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_Main::get_remote_sub(Varo::STRING_LIST_out list) {

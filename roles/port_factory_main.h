@@ -11,6 +11,7 @@
 
 #include "core/port_factory_i.h"
 #include "roles/event_forwarding.h"
+#include "roles/sub_servers.h"
 
 /// Creates ports with random ids, copies what is forwarded into its event boxes to the sub servers,
 /// takes the changes that sub servers send, and knows which server keeps which port.
@@ -31,6 +32,14 @@ class Port_Factory_Main : public Port_Factory_i {
   int process_event_data(Port_impl* port, unsigned int handle, const vrBuffer& data,
                          bool front) override;
 
+  /// Closes what sub servers have open here, clients and owners, that have given no sign of life
+  /// during the last `rounds` calls of this; answers their names. They are as after a restart of
+  /// this server when they are back.
+  std::vector<std::string> end_silent_sub_servers(unsigned int rounds);
+
+  CORBA::ULong connect_port(const char* name, CORBA::ULong_out handle, CORBA::ULong mode,
+                            CORBA::ULong access, CORBA::ULong_out owner) override;
+  CORBA::ULong disconnect_port(CORBA::ULong handle) override;
   /// 0, also for a name that exists, which stays as it is; 4 unknown kind; 10.
   CORBA::ULong create_port(const char* name, CORBA::ULong kind, CORBA::ULong limit) override;
   /// As copy_enable.
@@ -42,9 +51,10 @@ class Port_Factory_Main : public Port_Factory_i {
                            const Varo::DATA_BUFFER& data) override;
   CORBA::ULong update_port_front(const char* name, CORBA::ULong handle,
                                  const Varo::DATA_BUFFER& data) override;
-  /// Records that `server` keeps the port; the first record of a name stays. 0; 5.
+  /// Records that `server` keeps the port; the first record of a name stays. 0; 5. The marks of sub
+  /// servers are kept apart (Sub_Servers).
   CORBA::ULong force_toslave(const char* server, const char* name) override;
-  /// The server that keeps the port. 0; 2001 with an empty text.
+  /// The server that keeps the port. 0; 2001 with an empty text; 5.
   CORBA::ULong inquire_master(const char* name, CORBA::String_out master) override;
   /// The consumers that the data sender knows. 0; 3009 none; 5.
   CORBA::ULong get_remote_sub(Varo::STRING_LIST_out list) override;
@@ -62,6 +72,7 @@ class Port_Factory_Main : public Port_Factory_i {
  private:
   CORBA::ULong update(const char* name, unsigned int handle, const Varo::DATA_BUFFER& data,
                       bool front);
+  void disconnect_all(const portsvc::Sub_Servers::Handles& handles);
   void enter_master(const char* name, const char* server);
   // Answers whether the table is too large now.
   bool add_master(const char* name, const char* server);
@@ -69,6 +80,7 @@ class Port_Factory_Main : public Port_Factory_i {
   std::vector<std::string> sub_servers_;  // never changed after construction
   ACE_Thread_Mutex task_table_lock_;      // guards tasks_; only a task's start happens under it
   std::map<std::string, std::unique_ptr<EventSendTask>> tasks_;  // by port name; only grows
+  portsvc::Sub_Servers known_subs_;
   using Masters = std::map<std::string, std::string, std::less<>>;
   ACE_Thread_Mutex master_lock_;  // guards what follows; a leaf
   Masters masters_;               // port name to server

@@ -189,7 +189,7 @@ int Port_Factory_Sub::process_event_data(Port_impl* port, unsigned int handle, c
 }
 
 CORBA::ULong Port_Factory_Sub::update(const char* name, unsigned int handle,
-                                      const Varo::DATA_BUFFER& data, bool front) {
+                                      const Varo::DATA_BUFFER& data, bool front) try {
   // Before the lookup: cloning may make calls of its own.
   const auto event = event_from_wire(handle, data, orb::may_take_arguments());
   auto port = get_port(name);
@@ -201,6 +201,8 @@ CORBA::ULong Port_Factory_Sub::update(const char* name, unsigned int handle,
     port->push_event(event);
   }
   return result::ok;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_Sub::update_port(const char* name, CORBA::ULong handle,
@@ -214,7 +216,7 @@ CORBA::ULong Port_Factory_Sub::update_port_front(const char* name, CORBA::ULong 
 }
 
 CORBA::ULong Port_Factory_Sub::packet_replay(CORBA::ULong handle, const Varo::DATA_BUFFER& data,
-                                             CORBA::ULong timeout) {
+                                             CORBA::ULong timeout) try {
   const auto port = find_port(handle);
   if (!port) return result::unknown_handle;
   // Only what reached an owner through a proxy carries the offset: the clients of a port that is
@@ -222,6 +224,8 @@ CORBA::ULong Port_Factory_Sub::packet_replay(CORBA::ULong handle, const Varo::DA
   const unsigned int client = port->kind() == PORT_SLAVE ? handle - remote_client_offset : handle;
   const Queued_Bytes counted = admit(data.length());
   return port->replay(client, from_wire(data), timeout);
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_Sub::sendEvcDatatoSlave(const char*, CORBA::Long) { return result::ok; }
@@ -240,7 +244,7 @@ CORBA::ULong Port_Factory_Sub::force_toslave(const char*, const char* name) {
   return create_port(name, PORT_SLAVE, limit);
 }
 
-CORBA::ULong Port_Factory_Sub::inquire_master(const char* name, CORBA::String_out master) {
+CORBA::ULong Port_Factory_Sub::inquire_master(const char* name, CORBA::String_out master) try {
   const auto not_asked = [&] {
     master = CORBA::string_dup(no_master);
     return result::failed;
@@ -268,6 +272,9 @@ CORBA::ULong Port_Factory_Sub::inquire_master(const char* name, CORBA::String_ou
     master_ = Peer::_nil();
     return not_asked();
   }
+} catch (const std::bad_alloc&) {
+  master = CORBA::string_dup("");
+  return no_memory(result::out_of_memory);
 }
 
 CORBA::ULong Port_Factory_Sub::patch_object_name(Varo::STRING_LIST_out ports,
@@ -319,9 +326,15 @@ void Port_Factory_Sub::note_peer_owner(Port_impl* port, Port_Factory_ptr peer) {
     }
   } catch (const CORBA::Exception&) {
     // The connection manager settles it.
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
   }
-  const std::lock_guard<std::mutex> guard(unsettled_lock_);
-  unsettled_.insert(port->name());
+  try {
+    const std::lock_guard<std::mutex> guard(unsettled_lock_);
+    unsettled_.insert(port->name());
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;  // it is settled when the main server is reached anew
+  }
 }
 
 bool Port_Factory_Sub::leads_back(Port_Factory_ptr peer) {

@@ -1,6 +1,7 @@
 #include "server/announcement.h"
 
 #include <chrono>
+#include <new>
 #include <utility>
 
 #include "server/messages.h"
@@ -48,9 +49,13 @@ void Announcement::keep_entered() {
   std::unique_lock<std::mutex> guard(lock_);
   while (!stopped_.wait_for(guard, time_between_looks, [this] { return stop_; })) {
     guard.unlock();
-    const CORBA::Object_var found = directory_->resolve(server_, realm_);
-    if (CORBA::is_nil(found.in()) && directory_->takes_entries() && enter(false)) {
-      tell("the naming service has entered '" + server_ + "'");
+    try {
+      const CORBA::Object_var found = directory_->resolve(server_, realm_);
+      if (CORBA::is_nil(found.in()) && directory_->takes_entries() && enter(false)) {
+        tell("the naming service has entered '" + server_ + "'");
+      }
+    } catch (const std::bad_alloc&) {
+      // The next look does it.
     }
     guard.lock();
   }

@@ -113,6 +113,12 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
 
   CLI::App* const main = app.add_subcommand("main", "Serve as a main server");
   add_options(*main, options);
+  main->add_option(
+          "--sub-timeout", options.sub_timeout,
+          "Seconds of silence after which what a sub server has open here is closed, 0 for "
+          "never")
+      ->capture_default_str()
+      ->check(CLI::Range(0U, 86400U));
   CLI::App* const sub = app.add_subcommand("sub", "Serve as a sub server of a main server");
   add_options(*sub, options);
   sub->add_option("--main", options.main_server, "The main server's name in the directory")

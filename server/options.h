@@ -25,6 +25,7 @@ struct Options {
   unsigned int snapshot_every = 0;  ///< seconds, 0 for never
   std::uint64_t max_message = 64ULL << 20;
   unsigned int call_timeout = 5;  ///< seconds a call to another server may take that is no wait
+  unsigned int sub_timeout = 60;  ///< main role: seconds of silence that end a sub server, 0 none
   unsigned int message_timeout = 120;  ///< seconds a message may take to arrive or to be taken
   std::string waits = "early";         ///< or "paused"
   // What there may be at a time, docs/operations.md.

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -35,7 +36,7 @@ namespace {
 constexpr std::chrono::seconds patience_with_calls(3);
 
 /// A server that has grown large gives back now and then what it has freed since.
-constexpr std::chrono::seconds time_between_sweeps(60);
+constexpr unsigned int seconds_between_sweeps = 60;
 constexpr unsigned long long large_memory = 256ULL << 20;
 
 template <typename Servant>
@@ -116,11 +117,13 @@ class PeriodicSnapshots {
   }
 
  private:
-  void report() {
+  void report() try {
     const Snapshot_State state = servant_->snapshot_state();
     if (state.problem == told_) return;
     told_ = state.problem;
     tell(told_.empty() ? "snapshots are written again" : "no snapshot: " + told_);
+  } catch (const std::bad_alloc&) {
+    // It is said after another attempt.
   }
 
   Port_Factory_i* const servant_;
@@ -162,12 +165,13 @@ void restore(Port_Factory_i* servant, const Found_Snapshot& found) {
 }
 
 Servant_var<Port_Factory_i> make_servant(const Options& options, const orb::Broker& broker,
-                                         Port_Factory_Sub*& sub) {
+                                         Port_Factory_Main*& main, Port_Factory_Sub*& sub) {
   if (options.role == Role::main) {
-    Servant_var<Port_Factory_i> servant(new Port_Factory_Main(options.interface_name.c_str()));
-    servant->SetReleam(options.realm.c_str());
-    return servant;
+    main = new Port_Factory_Main(options.interface_name.c_str());
+    main->SetReleam(options.realm.c_str());
+    return Servant_var<Port_Factory_i>(main);
   }
+  orb::tell_own_name(options.interface_name);
   sub = new Port_Factory_Sub(options.main_server.c_str(), options.interface_name.c_str(),
                              options.realm.empty() ? nullptr : options.realm.c_str(),
                              CORBA::ORB_var(CORBA::ORB::_duplicate(broker.orb())));
@@ -188,9 +192,18 @@ void refuse_itself_as_main(const Options& options, const UseOfDirectory& use,
                                        options.main_server));
 }
 
+void end_silent_sub_servers(Port_Factory_Main& main, unsigned int seconds) {
+  for (const std::string& name : main.end_silent_sub_servers(seconds)) {
+    tell(
+        fmt::format("the sub server {} has been silent for {} s: its clients and owners here are "
+                    "disconnected",
+                    name, seconds));
+  }
+}
+
 /// Everything from the first call taken to the stop.
 void serve(const Options& options, StopSignal& stop, orb::Broker& broker, const UseOfDirectory& use,
-           Port_Factory_i* servant, Port_Factory_Sub* sub) {
+           Port_Factory_i* servant, Port_Factory_Main* main, Port_Factory_Sub* sub) {
   const Varo::DT_PORT_SVC::Port_Factory_var reference = broker.serve(servant);
   if (sub) refuse_itself_as_main(options, use, reference.in());
   std::optional<ConnectionToMain> connection;
@@ -207,8 +220,11 @@ void serve(const Options& options, StopSignal& stop, orb::Broker& broker, const 
              broker.corbaloc(reference.in()));
   std::fflush(stdout);
 
-  while (!stop.wait_for(time_between_sweeps)) {
-    if (resident_memory() > large_memory) return_freed_memory();
+  for (unsigned int second = 1; !stop.wait_for(std::chrono::seconds(1)); ++second) {
+    if (main && options.sub_timeout != 0) end_silent_sub_servers(*main, options.sub_timeout);
+    if (second % seconds_between_sweeps == 0 && resident_memory() > large_memory) {
+      return_freed_memory();
+    }
   }
   announcement.reset();  // nobody new finds the way here
   connection.reset();
@@ -236,8 +252,9 @@ void run(const Options& options, StopSignal& stop) {
                                                   : options.restore       ? Restore::whole
                                                                           : Restore::no);
 
+  Port_Factory_Main* main = nullptr;
   Port_Factory_Sub* sub = nullptr;
-  const Servant_var<Port_Factory_i> servant = make_servant(options, broker, sub);
+  const Servant_var<Port_Factory_i> servant = make_servant(options, broker, main, sub);
   if (options.restore) restore(servant.in(), found);
   std::optional<PeriodicSnapshots> snapshots;
   if (options.snapshot_every > 0) snapshots.emplace(servant.in(), options.snapshot_every);
@@ -245,7 +262,7 @@ void run(const Options& options, StopSignal& stop) {
   // Callers may wait for as long as they like. What a blocked call still uses must not be
   // destroyed, so with one under way the process ends without destroying anything.
   try {
-    serve(options, stop, broker, use, servant.in(), sub);
+    serve(options, stop, broker, use, servant.in(), main, sub);
   } catch (const std::exception& error) {
     if (broker.shutdown(patience_with_calls)) throw;
     tell(error.what());

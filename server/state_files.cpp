@@ -15,6 +15,7 @@
 #include "persistence/whole_file.h"
 #include "platform/output_file.h"
 #include "platform/process.h"
+#include "server/messages.h"
 
 namespace fs = std::filesystem;
 
@@ -30,7 +31,10 @@ void refuse_odd_file(const std::string& path) {
   if (!odd.empty()) throw std::runtime_error(odd);
 }
 
-fs::path snapshot_folder() { return fs::path(state_folder()) / "SnapShot"; }
+constexpr const char* previous_name = "portsnap.previous";
+constexpr const char* damaged_name = "portsnap.damaged";
+
+fs::path snapshot_folder() { return fs::path(state_folder()) / snapshot::folder_name; }
 
 struct Candidate {
   explicit Candidate(const char* name) : path(snapshot_folder() / name) {
@@ -83,7 +87,7 @@ void keep(Candidate& last, const Candidate& previous) {
     const bool nothing_beside_something = last.records() == 0 && previous.records() != 0;
     if (!nothing_beside_something) last.move_to(previous.path);
   } else {
-    last.move_to(snapshot_folder() / "portsnap.damaged");
+    last.move_to(snapshot_folder() / damaged_name);
   }
 }
 
@@ -100,13 +104,20 @@ State_Folder::State_Folder(const std::string& folder) {
   make_folder(snapshots);
   // The folder itself is locked: that needs no further file, and ends with the process.
   locked_ = ::open(snapshots.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (locked_ >= 0 && ::flock(locked_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+  const bool locked = locked_ >= 0 && ::flock(locked_, LOCK_EX | LOCK_NB) == 0;
+  const std::error_code failure(errno, std::generic_category());
+  if (locked_ >= 0 && !locked && failure == std::errc::operation_would_block) {
     ::close(locked_);
     throw std::runtime_error(
         fmt::format("another server works in the state folder {}", state_folder()));
   }
-  for (const char* name :
-       {"portsnap.snp", "portsnap.snp.new", "portsnap.previous", "portsnap.damaged"}) {
+  if (!locked) {
+    tell(fmt::format("cannot lock {}: {}; nothing keeps another server out of it", snapshots,
+                     failure.message()));
+  }
+  for (const std::string& name :
+       {std::string(snapshot::file_name), std::string(snapshot::file_name) + unfinished,
+        std::string(previous_name), std::string(damaged_name)}) {
     refuse_odd_file(snapshot_folder() / name);
   }
 }
@@ -116,8 +127,8 @@ State_Folder::~State_Folder() {
 }
 
 Found_Snapshot set_aside_snapshot(Restore restore) {
-  Candidate last("portsnap.snp");
-  Candidate previous("portsnap.previous");
+  Candidate last(snapshot::file_name);
+  Candidate previous(previous_name);
   if (restore == Restore::no) {
     keep(last, previous);
     return {};
@@ -147,7 +158,7 @@ Found_Snapshot set_aside_snapshot(Restore restore) {
     // What is chosen takes the place of the previous one, unless it holds nothing and that does.
     if (last.records() != 0 || previous.records() == 0) last.move_to(previous.path);
   } else if (last.exists && !last.whole()) {
-    last.move_to(snapshot_folder() / "portsnap.damaged");
+    last.move_to(snapshot_folder() / damaged_name);
   }
   Found_Snapshot found{std::nullopt, restored(*chosen) + skipped};
   if (chosen->records() != 0) found.to_load = chosen->path;

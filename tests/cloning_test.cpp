@@ -105,6 +105,9 @@ TEST_F(Cloning, NumbersItsOwnPortsAboveTheCopies) {
   peer->has("later", PORT_MASTER, 4500);
   sub->exist("later");
   EXPECT_EQ(sub->next_handle_, 5001u) << "also when that is lower than before";
+  sub->next_handle_ = 758;
+  sub->create_port("w", PORT_SLAVE, 5);
+  EXPECT_EQ(id_of(*sub, "w"), 761u) << "what ports and clients have is nobody else's";
 }
 
 TEST_F(Cloning, SkipsWhatItCannotCopy) {
@@ -123,6 +126,9 @@ TEST_F(Cloning, SkipsWhatItCannotCopy) {
     EXPECT_EQ(sub->update_port(name, 1, wire("x")), result::failed) << name;
   }
   EXPECT_FALSE(sub->find_port(758));
+  use_directory(nullptr, "");
+  EXPECT_EQ(names(*sub), Names({"30005"}, {}));
+  use_directory(directory, "");
   peer->answer("patch_object_name", {result::servant_lock});
   start();
   EXPECT_FALSE(sub->get_port(3000u));

@@ -96,10 +96,10 @@ TEST_F(EarlyWaits, PassOnAWakeUpThatTheyDoNotUse) {
 TEST_F(EarlyWaits, EndByAWakeUpAtAnyTimeAndByThePauseWithoutOne) {
   const auto own = std::this_thread::get_id();
   std::atomic<bool> there{false};
-  std::atomic<int> pauses{0};
+  std::atomic<int> pauses{0}, woken{0};
   const auto end_by = [&](bool wanted_woken) {
     return [&, wanted_woken](Turn turn) {
-      if (turn == Turn::pause_over) ++pauses;
+      ++(turn == Turn::pause_over ? pauses : woken);
       return there && (turn == Turn::woken) == wanted_woken;
     };
   };
@@ -108,6 +108,11 @@ TEST_F(EarlyWaits, EndByAWakeUpAtAnyTimeAndByThePauseWithoutOne) {
     pauses = 0;
     std::thread changer([&] {
       EXPECT_TRUE(eventually([&] { return pauses >= pauses_before; }));
+      // In vain at first: it keeps its place.
+      EXPECT_TRUE(eventually([&, before = woken.load()] {
+        something_changed(topic);
+        return woken >= before + 3;
+      }));
       there = true;
       while (there) {
         something_changed(topic);
@@ -123,9 +128,22 @@ TEST_F(EarlyWaits, EndByAWakeUpAtAnyTimeAndByThePauseWithoutOne) {
     changer.join();
     EXPECT_EQ(tester, own);
   }
+  Turn first = Turn::pause_over;
+  Poller::instance().wait(what, [&](Turn turn) {
+    first = turn;
+    return true;
+  });
+  EXPECT_EQ(first, Turn::woken) << "what came before it stood in its queues";
   there = true;  // and nobody says so
-  Poller::instance().wait(what, end_by(false));
-  Poller::instance().wait({&object, &topic, 1, true}, end_by(false));
+  for (const bool long_test : {false, true}) {
+    Steady::duration fastest = 1h;
+    for (int i = 0; i < 10; ++i) {
+      const auto start = Steady::now();
+      Poller::instance().wait({&object, &topic, 1, long_test}, end_by(false));
+      fastest = std::min(fastest, Steady::now() - start);
+    }
+    EXPECT_LT(fastest, 100ms);
+  }
 
   // On the thread of who needs it done; what it throws comes back to its own.
   for (const bool throws : {false, true}) {

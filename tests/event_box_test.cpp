@@ -36,6 +36,48 @@ class EventBox : public ::testing::Test {
   vrEventBox box{"b", 7, 9, nullptr};
 };
 
+TEST_F(EventBox, TakesABatchAtOnceAndLetsGoOfNothingUnderALock) {
+  constexpr std::size_t batches = 5000, size = 20;
+  boxes({"many"}, batches * size);
+  subscribe({"many"}, 7);
+  std::thread declaring([&] {
+    for (std::size_t i = 0; i < batches; ++i) declare_n(7, Texts(size, "e"));
+  });
+  bool whole = true;
+  for (std::size_t taken = 0; taken < batches * size;) {
+    const std::size_t now = drain(server, "many").size();
+    whole = whole && now % size == 0;
+    taken += now;
+  }
+  declaring.join();
+  EXPECT_TRUE(whole);
+
+  // An event that asks the server something from another thread when it goes.
+  struct Last final : vrPort_Buffer {
+    explicit Last(std::function<void()> its_end) : end(std::move(its_end)) {}
+    ~Last() override { end(); }
+    using vrPort_Buffer::operator=;
+    const std::function<void()> end;
+  };
+  std::vector<std::future<unsigned int>> answers;
+  const auto ask = [&] {
+    answers.push_back(std::async(std::launch::async, [&] {
+      CORBA::ULong count = 0;
+      return server.event_count("one", count);
+    }));
+    EXPECT_EQ(answers.back().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  };
+  const std::function<void()> drops[] = {
+      [&] { server.send_event("one", wire("x")); }, [&] { server.clear_event("one"); },
+      [&] { server.delete_port("one"); }, [&] { server.clearAll(); }};
+  for (const auto& drop : drops) {
+    server.create_port("one", PORT_EVENTBOX, 1);
+    server.get_port("one")->push_event(boost::make_shared<Last>(ask));
+    drop();
+  }
+  EXPECT_EQ(answers.size(), std::size(drops));
+}
+
 TEST_F(EventBox, KeepsItsLimitAndOneMoreAtTheFront) {
   // Letters are appended one after the other, those in brackets at once; those after a ^ go to the
   // front, and a ! empties the box.

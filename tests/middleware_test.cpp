@@ -511,7 +511,7 @@ TEST_F(FileHandle, ReadsAnyPartOfTheFileAsItWasWhenOpened) {
   EXPECT_THROW(handle->size(size), CORBA::OBJECT_NOT_EXIST);
 }
 
-TEST_F(FileHandle, ClosesItselfWhenNobodyUsesItForFiveMinutes) {
+TEST_F(FileHandle, ClosesItselfWhenNobodyUsesItAndWhenThereAreTooMany) {
   TestClock clock;
   write_all(folder.path("f"), "a");
   const Varo::FileHandle_var used = opened("f"), idle = opened("f");
@@ -522,6 +522,13 @@ TEST_F(FileHandle, ClosesItselfWhenNobodyUsesItForFiveMinutes) {
   EXPECT_TRUE(eventually([&] { return idle->_non_existent(); }));
   EXPECT_FALSE(used->_non_existent());
   EXPECT_EQ(read(used, 0, 1), "a");
+  // Nor are more than so many open; the oldest makes room.
+  std::vector<Varo::FileHandle_var> many;
+  while (many.size() + 1 < FileHandleImpl::most_handles) many.push_back(opened("f"));
+  EXPECT_FALSE(used->_non_existent());
+  many.push_back(opened("f"));
+  EXPECT_TRUE(used->_non_existent());
+  EXPECT_FALSE(many.front()->_non_existent());
 }
 
 }  // namespace

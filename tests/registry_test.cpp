@@ -45,6 +45,13 @@ TEST_F(Registry, HandsOutClientHandlesFrom758AndAgainFrom10000) {
               Connected(result::unknown_name, untouched, 0));
   }
   EXPECT_EQ(client(server, "p"), 760u) << "handles are not used again, and taken by success only";
+  // Nor while somebody holds them, or they lead to a port, wherever the counter has been set.
+  const unsigned int id = id_of(server, "p");
+  for (const unsigned int next : {759u, id}) {
+    server.next_handle_ = next;
+    EXPECT_EQ(client(server, "p"), next == id ? id + 1 : 759);
+    EXPECT_EQ(client(server, "p"), next == id ? id + 2 : 761) << "760 is held";
+  }
   server.next_handle_ = client_handle_limit - 1;
   for (const unsigned int next : {4294967293u, 10000u, 10001u}) {
     EXPECT_EQ(client(server, "p"), next);

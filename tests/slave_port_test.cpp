@@ -13,9 +13,19 @@ class Host : public MainServer {
  public:
   Varo::DT_PORT_SVC::Port_Factory_var get_remote_point() override { return peer; }
   void releaseRemotePoint() override { ++released; }
+  std::uint64_t peer_life(Varo::DT_PORT_SVC::Port_Factory_ptr, bool) override { return life; }
+  void note_peer_handle(unsigned int handle, std::uint64_t of, PeerHandle now) override {
+    if (of == life) handles[handle] = now;
+  }
+  void note_peer_owner(Port_impl*, Varo::DT_PORT_SVC::Port_Factory_ptr at) override {
+    if (CORBA::is_nil(at)) ++unsettled;
+  }
 
   Varo::DT_PORT_SVC::Port_Factory_var peer;
   std::atomic<int> released{0};
+  std::uint64_t life = 1;
+  std::map<unsigned int, PeerHandle> handles;
+  int unsettled = 0;
 };
 
 class SlavePort : public WithPeers {
@@ -145,14 +155,59 @@ TEST_F(SlavePort, LeavesNoConnectionOpenAtThePeer) {
   send(758);  // without having waited
   EXPECT_EQ(reply(759), Reply(result::ok, "reply"));
   port.disconnect(758);
+  // One that leaves, and one that sends twice, while the connection is made.
+  for (const bool leaves : {true, false}) {
+    const unsigned int handle = leaves ? 760 : 758;
+    connect(handle, CONNECT_CLIENT);
+    peer->during = [&](const std::string& operation) {
+      if (operation != "connect_port") return;
+      peer->during = nullptr;
+      if (leaves) {
+        port.disconnect(handle);
+      } else {
+        send(handle);
+      }
+    };
+    send(handle);
+  }
+  EXPECT_EQ(reply(758), Reply(result::ok, "reply"));
   std::set<std::string> open;
   int connections = 0;
   for (const std::string& call : peer->calls()) {
     if (call.rfind("connect_port", 0) == 0) open.insert(std::to_string(++connections));
     if (call.rfind("disconnect_port ", 0) == 0) open.erase(call.substr(16));
   }
-  EXPECT_EQ(connections, 3);
+  EXPECT_EQ(connections, 6);
   EXPECT_EQ(open, std::set<std::string>());
+  for (const auto& [handle, state] : host.handles) EXPECT_EQ(state, PeerHandle::closed) << handle;
+}
+
+TEST_F(SlavePort, ForgetsInAnotherLifeOfThePeerWhatItWasGivenBefore) {
+  reach(peer.object());
+  connect(77, CONNECT_OWNER);
+  for (const unsigned int handle : {758u, 759u}) {
+    connect(handle, CONNECT_CLIENT);
+    send(handle);
+  }
+  EXPECT_EQ(std::get<1>(receive()), remote_client_offset + 42);
+  EXPECT_EQ(port.disconnect(remote_client_offset + 42), result::ok);
+  EXPECT_EQ(std::get<1>(receive()), remote_client_offset + 42) << "it is back";
+  peer->answer("packet_receive", {result::unknown_handle, result::ok});
+  receive();
+  EXPECT_EQ(host.unsettled, 1) << "its id may have changed there";
+  ++host.life;
+  peer->calls();
+  EXPECT_EQ(port.replay(42, buffer("stale"), 5), result::unknown_handle);
+  EXPECT_EQ(port.has_client(remote_client_offset + 42), result::unknown_name);
+  reply(758);
+  port.disconnect(759);
+  EXPECT_EQ(peer->calls(), Texts{"packet_replay_wait 0 5"});
+  EXPECT_EQ(std::get<1>(receive()), remote_client_offset + 42);
+  EXPECT_EQ(port.replay(42, buffer("fresh"), 5), result::ok);
+  EXPECT_TRUE(port.settle_owner(host.peer.in()));
+  EXPECT_EQ(peer->calls().back(), "connect_port p 30004 30002") << "it is not there in this life";
+  EXPECT_TRUE(port.settle_owner(host.peer.in()));
+  EXPECT_EQ(peer->calls(), Texts());
 }
 
 TEST_F(SlavePort, WaitsForEverInPieces) {
@@ -167,12 +222,13 @@ TEST_F(SlavePort, WaitsForEverInPieces) {
   EXPECT_EQ(send(758, 0), result::ok);
   EXPECT_EQ(reply(758, 0), Reply(result::ok, "reply"));
   std::map<std::string, int> count;
-  for (const std::string& call : peer->calls()) ++count[call.substr(0, call.find(' '))];
-  EXPECT_EQ(count["packet_receive"], 3);
-  EXPECT_EQ(count["packet_foward"], 2);
-  EXPECT_EQ(count["packet_replay_wait"], 2);
-  EXPECT_EQ(count["connect_port"], 1);
-  EXPECT_EQ(count["disconnect_port"], 1);
+  for (const std::string& call : peer->calls()) ++count[call];
+  const std::map<std::string, int> wanted{{"packet_receive 77 30", 3},
+                                          {"connect_port p 30003 30001", 1},
+                                          {"packet_foward 2 data 30", 2},
+                                          {"packet_replay_wait 2 30", 2},
+                                          {"disconnect_port 2", 1}};
+  EXPECT_EQ(count, wanted);
 }
 
 TEST_F(SlavePort, AnswersACodeForEveryBrokerException) {
@@ -196,8 +252,10 @@ TEST_F(SlavePort, AnswersACodeForEveryBrokerException) {
   EXPECT_EQ(port.replay(42, buffer("x"), 5), result::peer_receive);
   EXPECT_EQ(send(758), result::peer_forward);
   EXPECT_EQ(host.released, 5);
+  EXPECT_EQ(host.handles.rbegin()->second, PeerHandle::left_open) << "it is closed one day";
   EXPECT_EQ(reply(758), Reply(result::failed, "untouched"));
   EXPECT_EQ(port.disconnect(77), result::peer_disconnect);
+  EXPECT_FALSE(port.has_owner_here());
   EXPECT_TRUE(owner_connected());
   EXPECT_EQ(host.released, 5) << "these two keep the reference";
 

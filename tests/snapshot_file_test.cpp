@@ -2,8 +2,11 @@
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "idl/port_codes.h"
+#include "persistence/whole_file.h"
 #include "tests/support/folder.h"
 
 namespace portsvc::snapshot {
@@ -115,6 +118,24 @@ TEST(SnapshotFile, HasMeaninglessBytesAndNamesWithoutAnEnd) {
   const Content content = parse(bytes);
   EXPECT_EQ(all_of(content), "box/30006/4294967295! 7:other ");
   EXPECT_EQ(content.unreadable_records, 2u);
+}
+
+TEST(SnapshotFile, IsRewrittenInPlaceWhereTheFolderTakesNoSecondFile) {
+  const TemporaryFolder folder;
+  const std::string path = folder.path("file");
+  write_all(path, "old and longer");
+  const uid_t user = ::geteuid();
+  const uid_t other = user == 0 ? 65534 : user;  // root may write anywhere
+  ASSERT_EQ(::chown(path.c_str(), other, static_cast<gid_t>(-1)), 0);
+  ASSERT_EQ(::chmod(folder.path().c_str(), 0555), 0);
+  ASSERT_EQ(::seteuid(other), 0);
+  const std::string problem = write_whole_file(path, "new");
+  const std::string none = write_whole_file(folder.path("none"), "new");
+  ASSERT_EQ(::seteuid(user), 0);
+  ::chmod(folder.path().c_str(), 0755);
+  EXPECT_EQ(problem, "");
+  EXPECT_EQ(read_all(path), "new");
+  EXPECT_NE(none.find("cannot write"), std::string::npos) << none;
 }
 
 TEST(SnapshotFile, IsFoundOnDiskOrNot) {

@@ -161,6 +161,47 @@ TEST_F(SubRole, TakesAPortOver) {
   EXPECT_EQ(sub.get_port(3000u), nullptr);
 }
 
+TEST_F(SubRole, ForgetsWithALifeOfTheMainServerWhatItHadOpenInIt) {
+  using Handles = std::vector<unsigned int>;
+  Main_Life life("plant/sub");
+  std::uint64_t now = 0;
+  const std::uint64_t first = life.of(peer.reference(), true);
+  life.note(1, first, PeerHandle::opened);
+  life.note(1, first, PeerHandle::left_open);
+  EXPECT_EQ(life.left_open(now), Handles{1});
+  peer->keeper = "another";
+  const std::uint64_t second = life.of(peer.reference(), true);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(life.left_open(now), Handles());
+  EXPECT_EQ(now, second);
+  life.note(1, second, PeerHandle::opened);
+  life.note(1, first, PeerHandle::left_open);  // too late
+  EXPECT_EQ(life.left_open(now), Handles());
+}
+
+TEST_F(SubRole, AnswersACodeWhateverAllocationFails) {
+  const std::string name(40, 'n');
+  sub.create_port("p", PORT_SLAVE, 5);
+  sub.create_port("box", PORT_EVENTBOX, 5);
+  const unsigned int handle = client(sub, "p");
+  const Varo::DATA_BUFFER data = wire("payload");
+  CORBA::String_var keeper;
+  const std::pair<unsigned int, std::function<unsigned int()>> operations[] = {
+      {result::ok, [&] { return sub.create_port(name.c_str(), PORT_SLAVE, 3); }},
+      {result::ok, [&] { return sub.packet_replay(handle, data, 0); }},
+      {result::ok, [&] { return sub.update_port("box", 1, data); }},
+      {result::failed, [&] { return sub.inquire_master("p", keeper.out()); }}};
+  for (const auto& [good, operation] : operations) {
+    EXPECT_EQ(fail_each_allocation(
+                  operation,
+                  [&](unsigned int code) {
+                    // A payload may be lost in silence.
+                    EXPECT_TRUE(code == result::out_of_memory || code == result::ok) << code;
+                  }),
+              good);
+  }
+}
+
 TEST_F(SubRole, ListsTheNamesOfTheMainServer) {
   sub.create_port("mine", PORT_SLAVE, 5);
   reach();

@@ -23,10 +23,13 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstring>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 #include "idl/port_codes.h"
 #include "middleware/orb/broker_parts.h"
@@ -185,6 +188,26 @@ CORBA::Boolean count_connection(_OMNI_NS(omniInterceptors)::clientOpenConnection
   return true;
 }
 
+// The service context in which connect_port says which server calls; others ignore it.
+constexpr CORBA::ULong server_name_context = 0x50530001;
+
+std::string& own_name() {
+  static std::string name;
+  return name;
+}
+
+CORBA::Boolean add_own_name(_OMNI_NS(omniInterceptors)::clientSendRequest_T::info_T& info) {
+  const std::string& name = own_name();
+  if (name.empty() || std::strcmp(info.operation(), "connect_port") != 0) return true;
+  const CORBA::ULong last = info.service_contexts.length();
+  info.service_contexts.length(last + 1);
+  IOP::ServiceContext& context = info.service_contexts[last];
+  context.context_id = server_name_context;
+  context.context_data.length(static_cast<CORBA::ULong>(name.size()));
+  std::memcpy(context.context_data.get_buffer(), name.data(), name.size());
+  return true;
+}
+
 /// The time-out in force for this thread's calls.
 thread_local std::chrono::milliseconds thread_timeout{0};
 
@@ -220,7 +243,7 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
   const std::string trace = std::to_string(options.trace);
   message_timeout_ms = static_cast<unsigned int>(options.message_timeout.count());
   const std::string message_timeout = std::to_string(message_timeout_ms);
-  const char* settings[16][2] = {
+  const std::pair<const char*, const char*> wanted[] = {
       {"traceLevel", trace.c_str()},
       {"giopMaxMsgSize", max_message.c_str()},
       {"maxGIOPConnectionPerServer", per_peer.c_str()},
@@ -230,26 +253,27 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
       {"threadPerConnectionUpperLimit", threads.c_str()},
       {"supportPerThreadTimeOut", "1"},
       {"serverCallTimeOutPeriod", message_timeout.c_str()},
-  };  // the list ends where a name is null
-  auto* next = std::find_if(std::begin(settings), std::end(settings),
-                            [](const auto& setting) { return !setting[0]; });
-  const auto add = [&](const char* name, const char* value) {
-    if (!*value) return;
+      {"sslCAFile", options.tls.authorities.c_str()},
+      {"sslKeyFile", options.tls.key.c_str()},
+      // It reads the key only when there is a password for it, even for one that needs none.
+      {"sslKeyPassword", options.tls.in_use() ? "none" : ""},
+      {"endPoint", options.endpoint.c_str()},
+  };
+  const char* settings[std::size(wanted) + 1][2] = {};  // the list ends where a name is null
+  auto* next = settings;
+  for (const auto& [name, value] : wanted) {
+    if (!*value) continue;
     (*next)[0] = name;
     (*next)[1] = value;
     ++next;
-  };
-  add("sslCAFile", options.tls.authorities.c_str());
-  add("sslKeyFile", options.tls.key.c_str());
-  // The broker reads the key only when there is a password for it, even for one that needs none.
-  if (options.tls.in_use()) add("sslKeyPassword", "none");
-  add("endPoint", options.endpoint.c_str());
+  }
 
   try {
     int argc = 0;
     impl_->orb = CORBA::ORB_init(argc, nullptr, "omniORB4", settings);
     set_message_buffer(message_buffer_bytes);
     omniORB::getInterceptors()->clientOpenConnection.add(count_connection);
+    omniORB::getInterceptors()->clientSendRequest.add(add_own_name);
     omniORB::getInterceptors()->serverAcceptConnection.add(watch_connection);
     stopping = false;
     omniORB::getInterceptors()->serverReceiveRequest.add(refuse_while_stopping);
@@ -344,6 +368,20 @@ bool Remote_Caller::gone() const {
   pollfd end{socket, POLLRDHUP, 0};
   return ::poll(&end, 1, 0) > 0 && (end.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
+
+std::string Remote_Caller::server() const {
+  auto* const call = dynamic_cast<_OMNI_NS(GIOP_S)*>(call_.iop_s());
+  if (!call) return {};
+  const IOP::ServiceContextList& contexts = call->service_contexts();
+  for (CORBA::ULong i = 0; i < contexts.length(); ++i) {
+    if (contexts[i].context_id != server_name_context) continue;
+    const auto& name = contexts[i].context_data;
+    return std::string(reinterpret_cast<const char*>(name.get_buffer()), name.length());
+  }
+  return {};
+}
+
+void tell_own_name(const std::string& name) { own_name() = name; }
 
 CallTimeout::CallTimeout(std::chrono::milliseconds timeout) : outer_(thread_timeout) {
   apply_thread_timeout(timeout);

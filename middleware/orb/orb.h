@@ -116,6 +116,11 @@ class CallTimeout {
 /// answers another number each time.
 std::uint64_t connections_opened(CORBA::Object_ptr object);
 
+/// Lets connect_port calls of this process say who calls: a server, on behalf of its own callers.
+/// The called one reads it with Caller::server(). Called once, before such calls are made. A broker
+/// that cannot tell says nothing.
+void tell_own_name(const std::string& name);
+
 /// Refuses the call that this thread is carrying out, because of a limit of the server: throws
 /// CORBA::IMP_LIMIT with a minor code of namespace refusal.
 [[noreturn]] void refuse(unsigned int minor);

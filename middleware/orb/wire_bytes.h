@@ -34,6 +34,14 @@ namespace detail {
 // arguments have been taken: only then do they belong to nobody but the call.
 inline thread_local bool arguments_are_ours = false;
 
+class Own_Arguments {
+ public:
+  Own_Arguments() { arguments_are_ours = true; }
+  ~Own_Arguments() { arguments_are_ours = false; }
+  Own_Arguments(const Own_Arguments&) = delete;
+  Own_Arguments& operator=(const Own_Arguments&) = delete;
+};
+
 inline Octets copy(const Varo::DATA_BUFFER& data) {
   Octets octets;
   if (data.length() == 0) return octets;
@@ -114,6 +122,8 @@ class Remote_Caller final : public Caller {
 
   /// True once the other end has closed the connection or the kernel has given it up.
   bool gone() const override;
+  /// What it has set with tell_own_name().
+  std::string server() const override;
 
  private:
   const omniCallHandle& call_;
@@ -127,10 +137,8 @@ class Port_Factory_Skeleton : public virtual POA_Varo::DT_PORT_SVC::Port_Factory
     const Blocked_Call counted(handle.operation_name());
     const Remote_Caller caller(handle);
     const Caller::Scope scope(&caller);
-    detail::arguments_are_ours = true;
-    const _CORBA_Boolean known = POA_Varo::DT_PORT_SVC::Port_Factory::_dispatch(handle);
-    detail::arguments_are_ours = false;
-    return known;
+    const detail::Own_Arguments arguments;
+    return POA_Varo::DT_PORT_SVC::Port_Factory::_dispatch(handle);
   }
 };
 #endif

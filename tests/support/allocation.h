@@ -23,4 +23,21 @@ class FailingAllocation {
   bool failed() const;
 };
 
+/// Runs `operation` with its first allocation failing, then with its second, and so on until none
+/// fails, and answers what it then does. check(code) sees each answer before that.
+template <class Operation, class Check>
+unsigned int fail_each_allocation(Operation&& operation, Check&& check) {
+  for (int good = 0;; ++good) {
+    unsigned int code = 0;
+    bool failed = false;
+    {
+      const FailingAllocation scope(good);
+      code = operation();
+      failed = scope.failed();
+    }
+    if (!failed) return code;
+    check(code);
+  }
+}
+
 }  // namespace portsvc

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -89,8 +90,11 @@ class FakePeer : public EmptyServant {
     return threads_.size();
   }
 
+  /// Called during each call, before it is answered.
+  std::function<void(const std::string& operation)> during;
   unsigned int reported_owner = 0;  ///< owner of connect_port
   Names listed;                     ///< of patch_object_name
+  std::string keeper = "keeper";    ///< of inquire_master
   std::atomic<int> delay_ms{0};     ///< how long every call takes
 
   CORBA::ULong connect_port(const char* name, CORBA::ULong& handle, CORBA::ULong mode,
@@ -144,7 +148,7 @@ class FakePeer : public EmptyServant {
     return note("force_toslave", nullptr, server, name);
   }
   CORBA::ULong inquire_master(const char* name, CORBA::String_out master) override {
-    master = CORBA::string_dup("keeper");
+    master = CORBA::string_dup(keeper.c_str());
     return note("inquire_master", nullptr, name);
   }
 
@@ -159,6 +163,7 @@ class FakePeer : public EmptyServant {
   template <class... Args>
   unsigned int note(const char* operation, CORBA::ULong* fresh_handle, const Args&... arguments) {
     std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
+    if (const auto call = during) call(operation);
     const std::lock_guard<std::mutex> guard(lock_);
     if (fresh_handle) *fresh_handle = ++last_handle_;
     threads_.insert(std::this_thread::get_id());

@@ -108,7 +108,12 @@ TEST_F(Restarts, AFrozenMainServerKeepsNoClientsAndGetsTheOwnerItWasPromised) {
   // Half of them have asked already and wait; the others only begin.
   const unsigned int id = connected(main, "p", CONNECT_OWNER);
   for (int i = 0; i < clients / 2; ++i) pass(sub, handles[i], main, id);
+  main->create_port("r", PORT_MASTER, 8);
   process("main").signal(SIGSTOP);
+  {  // one who has gone again before it is served gets nothing
+    const RawConnection gone(port("main"));
+    gone.send(request("connect_port", {2, 'r', CONNECT_OWNER, ACCESS_WAIT}));
+  }
   in_parallel(clients + 1, [&](int i) {
     if (i == clients) {
       connected(sub, "q", CONNECT_OWNER);  // answers 0, although nobody there has heard of it
@@ -126,29 +131,50 @@ TEST_F(Restarts, AFrozenMainServerKeepsNoClientsAndGetsTheOwnerItWasPromised) {
   const unsigned int client = connected(main, "q", CONNECT_CLIENT);
   pass(main, client, sub, owner);
 
-  // One that leaves while nobody there hears of it.
+  // One that leaves while nobody there hears of it, and one that stays.
+  EXPECT_EQ(info_of(main, "r").owner_connected, 0u);
+  connected(sub, "r", CONNECT_OWNER);
   process("main").signal(SIGSTOP);
   EXPECT_EQ(sub->disconnect_port(owner), result::peer_disconnect);
   process("main").signal(SIGCONT);
   EXPECT_TRUE(eventually([&] { return info_of(main, "q").owner_connected == 0; }));
   EXPECT_EQ(main->disconnect_port(id), result::ok);
+  EXPECT_EQ(info_of(main, "r").owner_connected, 1u);
 }
 
-TEST_F(Restarts, AKilledSubServerLeavesNobodyOnceItIsBack) {
-  const Port_Factory_var main = start_main();
-  const Port_Factory_var sub = start_sub();
-  connected(sub, "q", CONNECT_OWNER);
+TEST_F(Restarts, AKilledSubServerLeavesNobodyOnceItIsBackOrStaysAway) {
+  const Port_Factory_var main = start_main({"--sub-timeout", "3"});
   const unsigned int id = connected(main, "p", CONNECT_OWNER);
-  pass(sub, connected(sub, "p", CONNECT_CLIENT), main, id);
-  EXPECT_EQ(clients_at(main), 1);
-  EXPECT_EQ(info_of(main, "q").owner_connected, 1u);
-  EXPECT_EQ(info_of(main, "p").owner_connected, 1u);
-  kill("sub1");
-  start("sub1");
-  EXPECT_TRUE(eventually([&] { return info_of(main, "q").owner_connected == 0; }));
-  EXPECT_TRUE(eventually([&] { return clients_at(main) == 0; }));
-  EXPECT_EQ(info_of(main, "p").owner_connected, 1u) << "the main server's own";
-  connected(server("sub1"), "q", CONNECT_OWNER);
+  for (const char* then : {"back", "back without its file", "away"}) {
+    start_sub();
+    const Port_Factory_var sub = server("sub1");
+    connected(sub, "q", CONNECT_OWNER);
+    const unsigned int client = connected(sub, "p", CONNECT_CLIENT);
+    pass(sub, client, main, id);
+    EXPECT_EQ(clients_at(main), 1);
+    EXPECT_EQ(info_of(main, "q").owner_connected, 1u);
+    EXPECT_EQ(info_of(main, "p").owner_connected, 1u);
+    if (then == std::string("away")) {
+      // Frozen for too long it is as after a restart of the main server.
+      process("sub1").signal(SIGSTOP);
+      EXPECT_TRUE(eventually([&] { return info_of(main, "q").owner_connected == 0; }));
+      EXPECT_EQ(clients_at(main), 0);
+      process("sub1").signal(SIGCONT);
+      EXPECT_TRUE(eventually([&] { return info_of(main, "q").owner_connected == 1; }));
+      EXPECT_NE(reply(sub, client, 1).first, result::ok);
+      pass(sub, client, main, id);
+    }
+    kill("sub1");
+    if (then == std::string("back without its file")) {
+      EXPECT_TRUE(std::filesystem::remove(folder.path("sub1/portopen.dat")));
+    }
+    if (then != std::string("away")) start("sub1");
+    EXPECT_TRUE(eventually([&] { return info_of(main, "q").owner_connected == 0; })) << then;
+    EXPECT_TRUE(eventually([&] { return clients_at(main) == 0; })) << then;
+    EXPECT_EQ(info_of(main, "p").owner_connected, 1u) << "the main server's own";
+    if (then != std::string("away")) kill("sub1");
+  }
+  EXPECT_GE(times_said("main", "the sub server sub1 has been silent for 3 s"), 2);
 }
 
 TEST_F(Restarts, ProxiesTakeOverNewIdsAndTheirOwnersGoOn) {
