@@ -1,9 +1,10 @@
 #include "server/options.h"
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
+#include <memory>
 
-#include "platform/decimal_options.h"
+#include "cli/decimal_options.h"
+#include "cli/help.h"
 
 namespace portsvc::server {
 namespace {
@@ -31,27 +32,28 @@ void add_options(CLI::App& command, Options& options) {
   const auto not_empty = CLI::Validator(
       [](const std::string& text) { return text.empty() ? "it is empty" : std::string(); }, "");
   command.add_option("--name", options.name, "The server's name in the directory")
+      ->option_text("NAME")
       ->required()
       ->check(not_empty);
-  command.add_option("--interface", options.interface_name,
-                     "Interface name, the server's name towards other servers (default: its name)");
-  command.add_option("--realm", options.realm, "Realm of the server and its peers (default: none)");
+  command
+      .add_option("--interface", options.interface_name,
+                  "Interface name, the server's name towards other servers (default: its name)")
+      ->option_text("NAME");
   command
       .add_option(
           "--endpoint", options.endpoint,
           "Where to listen, giop:tcp:HOST:PORT, or with TLS giop:ssl:HOST:PORT; port 0 takes "
           "any free one, no host all interfaces")
+      ->option_text("ENDPOINT")
       ->capture_default_str();
-  command.add_option("--ior-file", options.ior_file,
-                     "File that receives the reference once the server is serving");
-  auto* directory = command.add_option("--directory", options.directory,
-                                       "Directory of servers: a file in which they are listed");
   command
-      .add_option("--naming", options.naming,
-                  "Directory of servers: a naming service, corbaloc::HOST:2809/NameService")
-      ->excludes(directory);
-  command.add_option("--state-dir", options.state_dir,
-                     "Folder in which SnapShot/portsnap.snp lies (default: the executable's)");
+      .add_option("--ior-file", options.ior_file,
+                  "File that receives the reference once the server is serving")
+      ->option_text("FILE");
+  command
+      .add_option("--state-dir", options.state_dir,
+                  "Folder in which SnapShot/portsnap.snp lies (default: the executable's)")
+      ->option_text("FOLDER");
   command.add_flag("--restore", options.restore, "Load the snapshot of the previous run");
   command.add_flag("--restore-damaged", options.restore_damaged,
                    "As --restore; of damaged snapshots take what is whole");
@@ -59,19 +61,13 @@ void add_options(CLI::App& command, Options& options) {
       .add_option("--snapshot-every", options.snapshot_every,
                   "Seconds between snapshots, with one more at the stop (default: none are made "
                   "unasked)")
+      ->option_text("SECONDS")
       ->check(CLI::Range(1U, 31'536'000U));
-  command.add_option("--max-message", options.max_message, "Largest message, in bytes")
-      ->capture_default_str()
-      ->check(CLI::Range(std::uint64_t{8192}, std::uint64_t{0x7fffffff}));
-  command
-      .add_option("--call-timeout", options.call_timeout,
-                  "Seconds after which a call to another server, that is no wait, has failed")
-      ->capture_default_str()
-      ->check(CLI::Range(1U, 3600U));
   command
       .add_option("--message-timeout", options.message_timeout,
                   "Seconds after which a request that has stopped half-way, or a reply that nobody "
                   "takes, gives up its connection")
+      ->option_text("SECONDS")
       ->capture_default_str()
       ->check(CLI::Range(1U, 86400U));
   command
@@ -81,23 +77,17 @@ void add_options(CLI::App& command, Options& options) {
       ->capture_default_str()
       ->check(CLI::IsMember({"early", "paused"}));
   add_limits(command, options);
-  auto* const authorities =
-      command.add_option("--tls-ca", options.tls_authorities,
-                         "TLS: the certificates of the authorities that are trusted, PEM");
-  auto* const key = command.add_option(
-      "--tls-key", options.tls_key, "TLS: this server's own certificate and its private key, PEM");
-  authorities->needs(key);
-  key->needs(authorities);
-  command.add_option("--trace", options.trace, "Trace level of the broker, on standard error")
-      ->check(CLI::Range(0U, 40U));
+  cli::describe_peer_options(command, options);
 }
 
 }  // namespace
 
 const char* role_name(Role role) { return role == Role::main ? "main" : "sub"; }
 
-std::optional<int> parse(int argc, char** argv, Options& options) {
-  CLI::App app("port_server, a server of the port service");
+void describe(CLI::App& app, Options& options) {
+  app.name("port_server");
+  app.description("port_server, a server of the port service");
+  app.formatter(std::make_shared<cli::HelpFormatter>());
   app.require_subcommand(1);
   app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
     const auto unknown = failed->remaining();
@@ -122,20 +112,25 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
   CLI::App* const sub = app.add_subcommand("sub", "Serve as a sub server of a main server");
   add_options(*sub, options);
   sub->add_option("--main", options.main_server, "The main server's name in the directory")
+      ->option_text("NAME")
       ->required();
   sub->callback([&options] {
+    options.role = Role::sub;
     if (options.main_server != options.name) return;
     throw CLI::ValidationError("--main", "a sub server cannot be its own main server");
   });
-
   make_numbers_decimal(app);
+}
+
+std::optional<int> parse(int argc, char** argv, Options& options) {
+  CLI::App app;
+  describe(app, options);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? status::success : status::bad_usage;
   }
   options.restore = options.restore || options.restore_damaged;
-  options.role = sub->parsed() ? Role::sub : Role::main;
   if (options.interface_name.empty()) options.interface_name = options.name;
   return std::nullopt;
 }

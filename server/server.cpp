@@ -236,11 +236,8 @@ void run(const Options& options, StopSignal& stop) {
   set_limits(options);
   // First of all the endpoint: a second server started by mistake fails here, before it could
   // delete the snapshot of the first.
-  orb::Broker broker({options.endpoint,
-                      options.max_message,
-                      options.trace,
-                      std::chrono::seconds(options.message_timeout),
-                      {options.tls_authorities, options.tls_key}});
+  orb::Broker broker({options.endpoint, options.max_message, options.trace,
+                      std::chrono::seconds(options.message_timeout), options.tls});
   wake_waits_early(options.waits == "early");
   orb::set_peer_call_timeout(std::chrono::seconds(options.call_timeout));
   const UseOfDirectory use(broker, options);

@@ -6,15 +6,20 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "cli/help.h"
 #include "idl/port_codes.h"
+#include "server/options.h"
+#include "tools/command_line.h"
 #include "tools/errors.h"
 #include "tools/input.h"
 #include "tools/interrupt.h"
 #include "tools/output.h"
+#include "tools/progress.h"
 #include "tools/session.h"
 #include "tools/shell_command.h"
 #include "tools/waiting.h"
@@ -91,6 +96,48 @@ TEST(PortctlOutput, KeepsNamesOnOneLineOfTheTerminal) {
   EXPECT_EQ(printable(""), "\"\"");
 }
 
+TEST(PortctlOutput, TellsHowFarATransferHasComeAndHowLongItStillTakes) {
+  using Seconds = std::chrono::duration<double>;
+  EXPECT_EQ(progress_text(5 << 20, 20 << 20, Seconds(2), "bytes"),
+            "5.0 MiB of 20.0 MiB  25 %  2.5 MiB/s  0:06 left");
+  EXPECT_EQ(progress_text(100, 720100, Seconds(1), "lines"),
+            "100 lines of 720100 lines  0 %  100 lines/s  2:00:00 left");
+  EXPECT_EQ(progress_text(0, 9, Seconds(3), "ports"), "0 ports of 9 ports  0 %  0 ports/s");
+  // A transfer without an end that is known, or one that has grown past it.
+  EXPECT_EQ(progress_text(2048, std::nullopt, Seconds(2), "bytes"), "2.0 KiB  1.0 KiB/s");
+  EXPECT_EQ(progress_text(12, 10, Seconds(2), "events"), "12 events  6 events/s");
+}
+
+// Both programs with what is told about them. Every option must be found there.
+TEST(CommandLines, AreToldIn80ColumnsAndWholeInTheManual) {
+  GlobalOptions of_portctl;
+  CLI::App portctl;
+  Commands commands{portctl, {}};
+  describe_portctl(commands, of_portctl);
+  server::Options of_server;
+  CLI::App port_server;
+  server::describe(port_server, of_server);
+  for (const CLI::App* program : {&portctl, &port_server}) {
+    const std::string page = cli::manual_page(*program, {1, "x", {}, {}}, "1", "2");
+    EXPECT_EQ(page.find("\n'"), std::string::npos) << "a request by accident";
+    std::vector<const CLI::App*> all{program};
+    for (std::size_t i = 0; i < all.size(); ++i) {
+      std::istringstream help(all[i]->help(all[i]->get_name()));
+      for (std::string line; std::getline(help, line);) EXPECT_LE(line.size(), 80U) << line;
+      for (const CLI::Option* option : all[i]->get_options()) {
+        if (option->get_group().empty() || option->check_name("--help")) continue;
+        std::string escaped;
+        for (const char c : cli::label(*option)) escaped += c == '-' ? "\\-" : std::string(1, c);
+        EXPECT_NE(page.find(escaped), std::string::npos) << cli::label(*option);
+      }
+      for (const CLI::App* command :
+           all[i]->get_subcommands([](const CLI::App*) { return true; })) {
+        all.push_back(command);
+      }
+    }
+  }
+}
+
 TEST_F(Portctl, ReadsLinesAsTheyArrive) {
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
@@ -104,6 +151,7 @@ TEST_F(Portctl, ReadsLinesAsTheyArrive) {
   EXPECT_EQ(reader.next(), "one");
   EXPECT_TRUE(reader.has_line());
   EXPECT_EQ(reader.next(), "");
+  EXPECT_EQ(reader.bytes(), 5U) << "what is handed out counts, not what is read";
   EXPECT_FALSE(reader.has_line());
   feed("ee\nrest");
   ::close(ends[1]);

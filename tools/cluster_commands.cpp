@@ -61,6 +61,7 @@ struct MoveOptions {
 void describe_move(CLI::App& command, MoveOptions& options) {
   command.add_option("NAME", options.port, "The port")->required();
   command.add_option("--to", options.to, "The name of the server that is to keep the port")
+      ->option_text("SERVER")
       ->required();
   command.add_flag("--force", options.force, "Also to a server that is not known");
 }
@@ -101,9 +102,11 @@ struct RefreshOptions {
 };
 
 void describe_refresh(CLI::App& command, RefreshOptions& options) {
-  command.add_option("--main", options.main,
-                     "The main server, by reference or name: only proxies whose port id differs "
-                     "from the one there are made anew");
+  command
+      .add_option("--main", options.main,
+                  "The main server, by reference or name: only proxies whose port id differs "
+                  "from the one there are made anew")
+      ->option_text("SERVER");
 }
 
 std::optional<PORT_INFO> port_info(Port_Factory_ptr server, const std::string& name) {

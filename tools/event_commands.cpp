@@ -16,8 +16,10 @@
 #include "tools/commands.h"
 #include "tools/errors.h"
 #include "tools/input.h"
+#include "tools/message_limit.h"
 #include "tools/output.h"
 #include "tools/owner.h"
+#include "tools/progress.h"
 #include "tools/waiting.h"
 
 namespace portsvc::tools {
@@ -37,19 +39,23 @@ void describe_put(CLI::App& command, PutOptions& options) {
       ->required();
   command.add_option("DATA", options.payload.data,
                      "The event; standard input when neither DATA nor --file is given");
-  command.add_option("--file", options.payload.file, "Put the bytes of this file");
+  command.add_option("--file", options.payload.file, "Put the bytes of this file")
+      ->option_text("FILE");
 }
 
 void put(Session& session, const PutOptions& options) {
   const std::string payload = read_payload(options.payload);
   check_size(payload.size(), session.options().max_message);
-  check("put into " + options.box,
-        session.server()->send_event(options.box.c_str(), to_buffer(payload)));
+  Port_Factory_ptr server = session.server();
+  const Varo::DATA_BUFFER event = to_buffer(payload);
+  check("put into " + options.box, with_payload(server, payload.size(), [&] {
+          return server->send_event(options.box.c_str(), event);
+        }));
 }
 
 // An event code, written signed or unsigned: -1 and 4294967295 are the same code.
 void add_code(CLI::App& command, std::int64_t& code) {
-  command.add_option("CODE", code, "The event code, -2147483648 to 4294967295")
+  command.add_option("CODE", code, "The event code")
       ->required()
       ->check(CLI::Range(std::int64_t{std::numeric_limits<std::int32_t>::min()},
                          std::int64_t{std::numeric_limits<std::uint32_t>::max()}));
@@ -68,7 +74,8 @@ void describe_declare(CLI::App& command, DeclareOptions& options) {
   add_code(command, options.code);
   command.add_option("DATA", options.data,
                      "The events; standard input as one event when there is no other source");
-  command.add_option("--file", options.file, "Declare the bytes of this file as one event");
+  command.add_option("--file", options.file, "Declare the bytes of this file as one event")
+      ->option_text("FILE");
   command.add_flag("--lines", options.lines, "Declare each line of standard input as an event");
 }
 
@@ -84,7 +91,9 @@ void declare_events(Session& session, unsigned int code, const std::vector<std::
     bytes += events[i].size() + event_overhead;
   }
   check_size(bytes, session.options().max_message);
-  check(fmt::format("declare event {}", code), session.server()->declare_event_n(code, list, 0));
+  Port_Factory_ptr server = session.server();
+  check(fmt::format("declare event {}", code),
+        with_payload(server, bytes, [&] { return server->declare_event_n(code, list, 0); }));
 }
 
 // Lines that have arrived together go to the server together.
@@ -93,6 +102,7 @@ void declare_lines(Session& session, unsigned int code) {
   const std::uint64_t most_bytes =
       std::min<std::uint64_t>(1 << 20, session.options().max_message / 2);
   LineReader reader;
+  Progress progress("bytes", LineReader::bytes_in_all(), false);
   std::optional<std::string> line;
   while (line || (line = reader.next())) {
     std::vector<std::string> events;
@@ -104,6 +114,7 @@ void declare_lines(Session& session, unsigned int code) {
       if (reader.has_line()) line = reader.next();
     } while (line && events.size() < most_events && bytes + line->size() < most_bytes);
     declare_events(session, code, events);
+    progress.reached(reader.bytes());
   }
 }
 
@@ -119,8 +130,11 @@ void declare(Session& session, const DeclareOptions& options) {
   payload.file = options.file;
   const std::string event = read_payload(payload);
   check_size(event.size(), session.options().max_message);
-  check(fmt::format("declare event {}", options.code),
-        session.server()->declare_event(options.wire_code(), to_buffer(event), 0));
+  Port_Factory_ptr server = session.server();
+  const Varo::DATA_BUFFER data = to_buffer(event);
+  check(fmt::format("declare event {}", options.code), with_payload(server, event.size(), [&] {
+          return server->declare_event(options.wire_code(), data, 0);
+        }));
 }
 
 struct SubscribeOptions {
@@ -160,6 +174,7 @@ void describe_watch(CLI::App& command, WatchOptions& options) {
   command
       .add_option("--timeout", options.timeout,
                   "Seconds to wait for an event; 0: as long as it takes")
+      ->option_text("SECONDS")
       ->capture_default_str();
   command
       .add_option("--batch", options.batch,
@@ -170,7 +185,7 @@ void describe_watch(CLI::App& command, WatchOptions& options) {
   command.add_flag("--drain", options.drain, "Take what is there and end");
   command.add_flag("--raw", options.raw, "Print the bytes alone, without a newline after each");
   command.add_flag("--timestamps", options.timestamps, "Print the time (UTC) before each event");
-  command.add_option("--file", options.file, "Write the bytes into this file");
+  command.add_option("--file", options.file, "Write the bytes into this file")->option_text("FILE");
   describe_owner(command, options.owner);
   describe_reconnect(command, options.reconnect);
 }
@@ -192,9 +207,11 @@ class Watch {
       owners.emplace_back(session, box, options_.owner, &printer_.sink());
     }
     connected();
+    Progress progress("events", expected(server), options_.file.empty());
     try {
       while (options_.count == 0 || taken_ < options_.count) {
         if (!round(server, owners)) return;
+        progress.reached(taken_);
       }
     } catch (const Interrupted&) {
       throw;
@@ -212,6 +229,18 @@ class Watch {
     std::size_t bytes = 0;  // as shown
     bool shown = false;
   };
+
+  // How many events there will be, as far as that is known.
+  std::optional<std::uint64_t> expected(Port_Factory_ptr server) const {
+    if (options_.count != 0) return options_.count;
+    if (!options_.drain) return std::nullopt;
+    std::uint64_t all = 0;
+    for (const std::string& box : options_.boxes) {
+      CORBA::ULong held = 0;
+      if (server->event_count(box.c_str(), held) == result::ok) all += held;
+    }
+    return all;
+  }
 
   // False when a drained box, or each of them, is empty.
   bool round(Port_Factory_ptr server, const Owners& owners) {
@@ -246,6 +275,7 @@ class Watch {
         const unsigned int answer =
             server->packet_receive_n(owner.handle(), events.out(), wanted, seconds);
         if (answer != result::ok && owner.reader_gone()) throw ReaderGone();
+        if (answer == result::timed_out) owner.throw_if_released();
         return answer;
       });
     } else {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/core.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -87,7 +88,15 @@ std::optional<std::string> LineReader::next() {
     start_ = 0;
     searched = buffer_.size();
     at_end_ = !read_some(STDIN_FILENO, "standard input", buffer_);
+    read_ += buffer_.size() - searched;
   }
+}
+
+std::optional<std::uint64_t> LineReader::bytes_in_all() {
+  struct stat input {};
+  if (::fstat(STDIN_FILENO, &input) != 0 || !S_ISREG(input.st_mode)) return std::nullopt;
+  const off_t at = ::lseek(STDIN_FILENO, 0, SEEK_CUR);
+  return at < 0 || at > input.st_size ? 0 : static_cast<std::uint64_t>(input.st_size - at);
 }
 
 void check_size(std::size_t payload_bytes, std::uint64_t max_message) {

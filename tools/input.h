@@ -1,6 +1,7 @@
 // What portctl sends: payloads from the command line, from a file or from standard input.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -25,10 +26,15 @@ class LineReader {
   std::optional<std::string> next();
   /// True when next() would answer a line without waiting.
   bool has_line() const { return buffer_.find('\n', start_) != std::string::npos; }
+  /// Bytes handed out so far.
+  std::uint64_t bytes() const { return read_ - (buffer_.size() - start_); }
+  /// Bytes there are in all, when standard input is a regular file.
+  static std::optional<std::uint64_t> bytes_in_all();
 
  private:
   std::string buffer_;     // read and not yet handed out, from start_ on
   std::size_t start_ = 0;  // what stands before it has been handed out
+  std::uint64_t read_ = 0;
   bool at_end_ = false;
 };
 

@@ -7,7 +7,10 @@
 #include "idl/port_codes.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
+#include "tools/failures.h"
+#include "tools/interrupt.h"
 #include "tools/output.h"
+#include "tools/progress.h"
 
 namespace portsvc::tools {
 namespace {
@@ -59,9 +62,12 @@ std::vector<PortRow> read_ports(Port_Factory_ptr server) {
   check("list ports", server->patch_object_name(ports.out(), boxes.out()));
   const auto hosts = read_hosts(server);
   std::vector<PortRow> rows;
+  Progress progress("ports", std::uint64_t{ports->length()} + boxes->length(), false);
   for (const Varo::STRING_LIST* names : {&ports.in(), &boxes.in()}) {
     for (CORBA::ULong i = 0; i < names->length(); ++i) {
+      throw_if_interrupted();
       rows.push_back(read_port(server, (*names)[i].in(), hosts));
+      progress.reached(rows.size());
     }
   }
   return rows;
@@ -132,11 +138,12 @@ struct ServerPorts {
 ServerPorts read_server(Session& session, const std::string& server) {
   ServerPorts read;
   read.server = server;
+  Port_Factory_var factory;
   try {
-    const Port_Factory_var factory = session.resolve(server);
+    factory = session.resolve(server);
     read.rows = read_ports(factory);
   } catch (const CORBA::Exception& exception) {
-    read.problem = server + ": " + orb::describe(exception);
+    read.problem = failure_text(server, factory.in(), session.options(), exception);
   } catch (const std::runtime_error& error) {
     read.problem = error.what();
   }
@@ -180,7 +187,7 @@ void list_all(Session& session) {
       servers.push_back(read_server(session, name));
     }
   }
-  if (servers.empty()) throw Unreachable("the directory lists no servers or does not answer");
+  if (servers.empty()) throw Unreachable(session.directory_problem("servers"));
   if (session.options().json) {
     Json list = Json::array();
     for (const ServerPorts& server : servers) {

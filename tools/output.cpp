@@ -63,6 +63,11 @@ void flush_output() {
 
 void print_json(const Json& document) { write_output(dump(document, 2) + "\n"); }
 
+void print_json_line(const Json& document) {
+  write_output(dump(document, -1) + "\n");
+  flush_output();
+}
+
 std::string printable(std::string_view text) {
   if (text.empty()) return "\"\"";
   std::string line;

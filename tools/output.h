@@ -22,6 +22,8 @@ void flush_output();
 
 /// One document, indented, with a newline. Bytes that are no UTF-8 are replaced.
 void print_json(const Json& document);
+/// One document on one line, for outputs that go on; it leaves at once.
+void print_json_line(const Json& document);
 
 /// `text` as one line of a terminal: control characters are escaped, an empty text shows as "".
 std::string printable(std::string_view text);

@@ -84,8 +84,10 @@ std::optional<OwnerNote> note_of_owner(Port_Factory_ptr server, const std::strin
 void describe_owner(CLI::App& command, OwnerOptions& options) {
   command.add_flag("--take-over", options.take_over,
                    "Take the port from an owner that was a portctl of this host and has ended");
-  command.add_option("--take-over-after", options.take_over_after,
-                     "Take it from any other owner too, after so many seconds");
+  command
+      .add_option("--take-over-after", options.take_over_after,
+                  "Take it from any other owner too, after so many seconds")
+      ->option_text("SECONDS");
 }
 
 void pause_for(std::chrono::milliseconds time) {
@@ -142,6 +144,13 @@ Owner::Owner(Session& session, const std::string& port, const OwnerOptions& opti
   }
   if (!has_text) (void)server_->set_connected_host(port.c_str(), own.text().c_str());
   if (sink) watch_.emplace(*sink, [this] { end_take(); });
+}
+
+void Owner::throw_if_released() const {
+  Varo::DT_PORT_SVC::PORT_INFO info{};
+  check("look up " + port_, server_->get_port_info(port_.c_str(), info));
+  if (info.kind == PORT_SLAVE || info.owner_connected != 0) return;
+  throw ResultError("own " + port_ + ", which somebody has released", result::not_connected);
 }
 
 void Owner::end_take() {

@@ -56,6 +56,11 @@ class Owner {
   CORBA::ULong handle() const { return connection_->handle(); }
   bool reader_gone() const { return reader_gone_.load(); }
 
+  /// For a take that has found nothing: throws ResultError when somebody has released the port
+  /// meanwhile. The server lets whoever knows the id go on waiting, for nothing. Of a proxy it is
+  /// not asked: its owner comes back by itself when the main server does.
+  void throw_if_released() const;
+
  private:
   /// Ends a take of this owner that waits in the server without letting it take anything: the
   /// server asks after each pause whether the owner still wants to wait.

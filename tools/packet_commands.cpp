@@ -18,8 +18,10 @@
 #include "tools/commands.h"
 #include "tools/errors.h"
 #include "tools/input.h"
+#include "tools/message_limit.h"
 #include "tools/output.h"
 #include "tools/owner.h"
+#include "tools/progress.h"
 #include "tools/shell_command.h"
 #include "tools/waiting.h"
 
@@ -47,13 +49,15 @@ void describe_send(CLI::App& command, SendOptions& options) {
   command.add_option("DATA", options.payload.data,
                      "The payload (after -- when it starts with a dash); standard input when "
                      "neither DATA nor --file is given");
-  command.add_option("--file", options.payload.file, "Send the bytes of this file");
+  command.add_option("--file", options.payload.file, "Send the bytes of this file")
+      ->option_text("FILE");
   command.add_flag("--lines", options.lines, "Send each line of standard input as a packet");
   command.add_flag("--wait", options.wait, "Wait for the owner's reply and print its bytes");
   command
       .add_option("--timeout", options.timeout,
                   "Seconds to wait for the owner to take a packet, and for its reply; 0: as "
                   "long as it takes")
+      ->option_text("SECONDS")
       ->capture_default_str();
   command.add_flag("--no-block", options.no_block, "Do not wait: ask once and report the code");
   command.add_flag("--front", options.front,
@@ -85,8 +89,11 @@ class Sender {
     // A send whose time-out ran out has put nothing into the port, so it can be repeated.
     const unsigned int code =
         wait_in_slices(options_.timeout, result::send_timed_out, [&](unsigned int seconds) {
-          return options_.front ? server_->packet_foward_front(connection_.handle(), data, seconds)
-                                : server_->packet_foward(connection_.handle(), data, seconds);
+          return with_payload(server_, payload.size(), [&] {
+            return options_.front
+                       ? server_->packet_foward_front(connection_.handle(), data, seconds)
+                       : server_->packet_foward(connection_.handle(), data, seconds);
+          });
         });
     if (code == result::unknown_handle) refuse_event_box();
     check("send to " + options_.port, code);
@@ -130,20 +137,30 @@ class Sender {
   bool through_proxy_ = false;
 };
 
+void send_lines(Session& session, const SendOptions& options) {
+  Sender sender(session, options);
+  LineReader reader;
+  Progress progress("bytes", LineReader::bytes_in_all(), options.wait);
+  while (const auto line = reader.next()) {
+    sender.send(*line);
+    progress.reached(reader.bytes());
+    if (!options.wait) continue;
+    const std::string reply = sender.reply();
+    if (session.options().json) {
+      print_json_line(payload_json(reply));
+    } else {
+      write_output((::isatty(STDOUT_FILENO) == 1 ? shown_on_terminal(reply) : reply) + "\n");
+      flush_output();
+    }
+  }
+}
+
 void send(Session& session, const SendOptions& options) {
   if (options.lines) {
     if (options.payload.data || !options.payload.file.empty()) {
       throw UsageError("--lines reads standard input: give neither DATA nor --file");
     }
-    Sender sender(session, options);
-    LineReader reader;
-    while (const auto line = reader.next()) {
-      sender.send(*line);
-      if (!options.wait) continue;
-      write_output(sender.reply() + "\n");
-      flush_output();
-    }
-    return;
+    return send_lines(session, options);
   }
   const std::string payload = read_payload(options.payload);
   Sender sender(session, options);
@@ -176,10 +193,12 @@ void describe_receive(CLI::App& command, ReceiveOptions& options) {
   command
       .add_option("--timeout", options.timeout,
                   "Seconds to wait for a packet; 0: as long as it takes")
+      ->option_text("SECONDS")
       ->capture_default_str();
   command.add_flag("--raw", options.raw, "Print the bytes alone, without a newline after each");
-  command.add_option("--file", options.file, "Write the bytes into this file");
-  command.add_option("--reply", options.reply, "Answer each packet with this text");
+  command.add_option("--file", options.file, "Write the bytes into this file")->option_text("FILE");
+  command.add_option("--reply", options.reply, "Answer each packet with this text")
+      ->option_text("TEXT");
   describe_owner(command, options.owner);
 }
 
@@ -190,11 +209,11 @@ struct Packet {
 
 // The next packet of the port that `owner` is connected to.
 void take(Port_Factory_ptr server, CORBA::ULong owner, const std::string& port,
-          unsigned int timeout, Packet& packet, const std::function<bool()>& reader_gone) {
+          unsigned int timeout, Packet& packet, const std::function<void()>& on_nothing) {
   const unsigned int code = wait_in_slices(timeout, result::timed_out, [&](unsigned int seconds) {
     const unsigned int answer =
         server->packet_receive(owner, packet.source, packet.data.out(), seconds);
-    if (answer != result::ok && reader_gone()) throw ReaderGone();
+    if (answer != result::ok) on_nothing();
     return answer;
   });
   check("receive from " + port, code);
@@ -204,10 +223,16 @@ void take(Port_Factory_ptr server, CORBA::ULong owner, const std::string& port,
 void answer(Port_Factory_ptr server, std::uint64_t max_message, const std::string& port,
             CORBA::ULong source, const std::string& reply) {
   check_size(reply.size(), max_message);
-  const unsigned int code = server->packet_replay(source, to_buffer(reply), 0);
+  const Varo::DATA_BUFFER data = to_buffer(reply);
+  const unsigned int code =
+      with_payload(server, reply.size(), [&] { return server->packet_replay(source, data, 0); });
   if (code != result::ok) {
     warn(fmt::format("answer client {} of {}: {}", source, port, code_text(code)));
   }
+}
+
+std::optional<std::uint64_t> total_of(unsigned int count) {
+  return count == 0 ? std::nullopt : std::optional<std::uint64_t>(count);
 }
 
 void receive(Session& session, const ReceiveOptions& options) {
@@ -215,11 +240,14 @@ void receive(Session& session, const ReceiveOptions& options) {
   Port_Factory_ptr server = session.server();
   const Owner owner(session, options.port, options.owner, &printer.sink());
   Packet packet;
+  Progress progress("packets", total_of(options.count), options.file.empty());
   try {
     for (unsigned int taken = 0; options.count == 0 || taken < options.count; ++taken) {
       printer.sink().wait_for_room();
-      take(server, owner.handle(), options.port, options.timeout, packet,
-           [&] { return owner.reader_gone(); });
+      take(server, owner.handle(), options.port, options.timeout, packet, [&] {
+        if (owner.reader_gone()) throw ReaderGone();
+        owner.throw_if_released();
+      });
       try {
         printer.print(packet.data.in(), options.port, packet.source);
       } catch (const std::exception&) {
@@ -230,6 +258,7 @@ void receive(Session& session, const ReceiveOptions& options) {
       if (options.reply) {
         answer(server, session.options().max_message, options.port, packet.source, *options.reply);
       }
+      progress.reached(taken + 1);
     }
   } catch (const Interrupted&) {
     if (options.count != 0) throw;
@@ -254,6 +283,7 @@ void describe_serve(CLI::App& command, ServeOptions& options) {
       .add_option("--exec", options.command,
                   "Shell command: gets each packet on its standard input, and what it prints "
                   "is the reply")
+      ->option_text("COMMAND")
       ->required();
   command.add_option("--count", options.count, "End after so many packets; 0: when interrupted")
       ->capture_default_str();
@@ -353,7 +383,7 @@ void serve(Session& session, const ServeOptions& options) {
       connected();
       Packet packet;
       while ((options.count == 0 || taken < options.count) && handlers.wait_for_room()) {
-        take(server, owner.handle(), options.port, 0, packet, [] { return false; });
+        take(server, owner.handle(), options.port, 0, packet, [&] { owner.throw_if_released(); });
         ++taken;
         handlers.start(server, packet.source, to_bytes(packet.data.in()));
       }
@@ -380,6 +410,7 @@ void describe_select(CLI::App& command, SelectOptions& options) {
   command
       .add_option("--timeout", options.timeout,
                   "Seconds to wait for a packet; 0: as long as it takes")
+      ->option_text("SECONDS")
       ->capture_default_str();
   command.add_flag("--receive", options.receive, "Take the packet and print it after the name");
   command.add_flag("--raw", options.raw, "With --receive: print the packet's bytes alone");
@@ -404,7 +435,7 @@ void select(Session& session, const SelectOptions& options) {
   const std::string& port = options.ports[static_cast<std::size_t>(owner - owners.begin())];
 
   Packet packet;
-  if (options.receive) take(server, ready, port, 0, packet, [] { return false; });
+  if (options.receive) take(server, ready, port, 0, packet, [] {});
   if (session.options().json) {
     Json object{{"port", port}, {"port_id", ready}};
     if (options.receive) {

@@ -57,6 +57,7 @@ void describe_create(CLI::App& command, CreateOptions& options) {
       .add_option("--kind", options.kind,
                   "port (30005), box (30006), proxy (30007) or a number. A sub server takes "
                   "30005 for a proxy and 30007 for a port of its own")
+      ->option_text("KIND")
       ->capture_default_str();
   command
       .add_option("--limit", options.limit,
@@ -104,6 +105,7 @@ void remove(Session& session, const RemoveOptions& options) {
 
 void exists(Session& session, const NameOptions& options) {
   const CORBA::Long code = session.server()->exist(options.name.c_str());
+  if (session.options().json) print_json({{"port", options.name}, {"exists", code == 0}});
   check("look for " + options.name, static_cast<unsigned int>(code));
 }
 

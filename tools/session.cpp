@@ -8,6 +8,7 @@
 
 #include "idl/port_codes.h"
 #include "tools/errors.h"
+#include "tools/failures.h"
 
 namespace portsvc::tools {
 
@@ -45,6 +46,7 @@ orb::Broker& Session::broker() {
     orb::Options options;
     options.max_message = options_.max_message;
     options.tls = options_.tls;
+    options.trace = options_.trace;
     broker_ = std::make_unique<orb::Broker>(options);
     call_timeout_ = std::make_unique<orb::CallTimeout>();
   }
@@ -65,6 +67,28 @@ Directory& Session::directory() {
   return *directory_;
 }
 
+std::string Session::directory_problem(const std::string& wanted) {
+  std::string place = options_.directory;
+  if (place.empty()) {
+    place = "the naming service " + options_.naming;
+    const CORBA::Object_var service = broker().from_text(options_.naming);
+    try {
+      (void)service->_non_existent();
+    } catch (const CORBA::Exception& exception) {
+      return failure_text(place, service.in(), options_, exception);
+    }
+  }
+  if (!options_.realm.empty()) place += fmt::format(", realm {},", options_.realm);
+  std::string known;
+  for (const char* role : {role_main, role_sub}) {
+    for (const std::string& name : directory().servers(role, options_.realm)) {
+      known += (known.empty() ? "" : ", ") + name;
+    }
+  }
+  return fmt::format("{} lists no {}; {}", place, wanted,
+                     known.empty() ? "it lists none at all" : "it lists " + known);
+}
+
 Port_Factory_var Session::resolve(const std::string& server) {
   CORBA::Object_var object;
   if (const auto reference = reference_text(server, options_.tls.in_use())) {
@@ -83,15 +107,14 @@ Port_Factory_var Session::resolve(const std::string& server) {
     }
     object = directory().resolve(server, options_.realm);
     if (CORBA::is_nil(object.in())) {
-      throw Unreachable(
-          fmt::format("the directory knows no server '{}' or does not answer", server));
+      throw Unreachable(directory_problem(fmt::format("server '{}'", server)));
     }
   }
   Port_Factory_var factory;
   try {
     factory = Port_Factory::_narrow(object);
   } catch (const CORBA::Exception& exception) {
-    throw Unreachable(fmt::format("{}: {}", server, orb::describe(exception)));
+    throw Unreachable(failure_text(server, object.in(), options_, exception));
   }
   if (CORBA::is_nil(factory.in()))
     throw Unreachable(fmt::format("'{}' is no port service", server));
@@ -104,7 +127,7 @@ Port_Factory_ptr Session::server() {
 }
 
 std::string Session::explain(const CORBA::Exception& exception) const {
-  return options_.server + ": " + orb::describe(exception);
+  return failure_text(options_.server, server_.in(), options_, exception);
 }
 
 Connection::Connection(Port_Factory_ptr server, const std::string& port, unsigned int mode,

@@ -7,21 +7,20 @@
 #include <optional>
 #include <string>
 
+#include "cli/peer_options.h"
 #include "middleware/directory.h"
 #include "middleware/orb/orb.h"
 
 namespace portsvc::tools {
 
 /// The options that stand before the command.
-struct GlobalOptions {
+struct GlobalOptions : cli::PeerOptions {
+  // A little more than a sub server gives its main server, so that what the sub server makes of
+  // a silent main server still arrives here.
+  GlobalOptions() { call_timeout = 7; }
+
   std::string server = "127.0.0.1:9700";
-  std::string directory;
-  std::string naming;
-  std::string realm;
   bool json = false;
-  std::uint64_t max_message = 64ULL << 20;
-  unsigned int call_timeout = 7;
-  orb::Tls tls = {};
 };
 
 /// The reference that a --server text names: itself for corbaloc, corbaname and IOR texts, a
@@ -53,6 +52,10 @@ class Session {
 
   /// The directory of --directory or --naming. Throws UsageError when there is none.
   Directory& directory();
+
+  /// Why the directory has no answer to a question about `wanted` ("server 'line7'"): it does not
+  /// answer itself, or it knows other servers only.
+  std::string directory_problem(const std::string& wanted);
 
  private:
   orb::Broker& broker();

@@ -15,6 +15,7 @@
 #include "tools/input.h"
 #include "tools/interrupt.h"
 #include "tools/output.h"
+#include "tools/progress.h"
 
 namespace portsvc::tools {
 namespace {
@@ -51,6 +52,7 @@ class RemoteFile {
     CORBA::Long size = 0;
     if (handle_->size(size) != 0) throw Failure("the server cannot tell the snapshot's size");
     std::string bytes;
+    Progress progress("bytes", static_cast<std::uint64_t>(size), false);
     for (;;) {
       throw_if_interrupted();
       CORBA::Long length = chunk;
@@ -61,6 +63,7 @@ class RemoteFile {
       }
       if (length == 0) break;
       bytes += to_bytes(data.in());
+      progress.reached(bytes.size());
     }
     if (bytes.size() != static_cast<std::size_t>(size)) {
       throw Failure(fmt::format("the server delivered {} of {} bytes", bytes.size(), size));

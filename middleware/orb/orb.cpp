@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <map>
@@ -392,6 +393,20 @@ CallTimeout::~CallTimeout() { apply_thread_timeout(outer_); }
 OpenConnectionsOnly::OpenConnectionsOnly(bool& refused) { refused_connection = &refused; }
 
 OpenConnectionsOnly::~OpenConnectionsOnly() { refused_connection = nullptr; }
+
+std::vector<Address> addresses(CORBA::Object_ptr object) {
+  std::vector<Address> all;
+  if (CORBA::is_nil(object)) return all;
+  const omniIOR_var ior = object->_PR_getobj()->_getIOR();
+  for (const auto* address : ior->getIORInfo()->addresses()) {
+    if (!address->host()) continue;  // no socket address
+    const std::string text = address->address();
+    const auto port = std::strtoul(text.c_str() + text.rfind(':') + 1, nullptr, 10);
+    const bool tls = text.compare(0, schemes[1][0].size(), schemes[1][0]) == 0;
+    if (port != 0) all.push_back({address->host(), static_cast<std::uint16_t>(port), tls});
+  }
+  return all;
+}
 
 std::uint64_t connections_opened(CORBA::Object_ptr object) {
   if (CORBA::is_nil(object)) return 0;

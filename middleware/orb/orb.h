@@ -14,6 +14,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace portsvc::orb {
 
@@ -110,6 +111,16 @@ class CallTimeout {
   std::chrono::milliseconds outer_;
 };
 
+/// Where a server listens.
+struct Address {
+  std::string host;  ///< a name or a number, an IPv6 one without brackets
+  std::uint16_t port = 0;
+  bool tls = false;
+};
+
+/// The addresses in a reference, none for a nil one. A broker that cannot tell answers none.
+std::vector<Address> addresses(CORBA::Object_ptr object);
+
 /// How many connections this process has opened, as a client, since it started, to the server
 /// behind `object`; to all servers together when the reference names its server by a host name. A
 /// growing number tells that a peer may have been restarted in between. A broker that cannot tell
@@ -135,6 +146,17 @@ class OpenConnectionsOnly {
   OpenConnectionsOnly(const OpenConnectionsOnly&) = delete;
   OpenConnectionsOnly& operator=(const OpenConnectionsOnly&) = delete;
 };
+
+/// How a call failed, as far as callers do different things about it.
+enum class Failing {
+  not_connected,  ///< there was no connection
+  lost,           ///< the connection ended during the call, which may have been carried out
+  late,           ///< no answer within the call's time-out
+  stopping,       ///< the server refused it because it is being stopped
+  too_large,      ///< the request or its answer is above the largest message of one side
+  other
+};
+Failing kind_of(const CORBA::Exception& exception);
 
 /// One line for people on a broker exception: its name, and what it usually means.
 std::string describe(const CORBA::Exception& exception);

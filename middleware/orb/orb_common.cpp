@@ -85,6 +85,16 @@ CORBA::Object_var Broker::from_text(const std::string& text) const {
 
 void refuse(unsigned int minor) { throw CORBA::IMP_LIMIT(minor, CORBA::COMPLETED_NO); }
 
+Failing kind_of(const CORBA::Exception& exception) {
+  const auto* const system = CORBA::SystemException::_downcast(&exception);
+  if (system && system->minor() == refusal::stopping) return Failing::stopping;
+  if (CORBA::TRANSIENT::_downcast(&exception)) return Failing::not_connected;
+  if (CORBA::COMM_FAILURE::_downcast(&exception)) return Failing::lost;
+  if (CORBA::TIMEOUT::_downcast(&exception)) return Failing::late;
+  if (CORBA::MARSHAL::_downcast(&exception)) return Failing::too_large;
+  return Failing::other;
+}
+
 std::string describe(const CORBA::Exception& exception) {
   const std::string meaning = usual_meaning(exception);
   return meaning.empty() ? exception._name() : fmt::format("{} ({})", meaning, exception._name());

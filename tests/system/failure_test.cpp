@@ -104,7 +104,7 @@ TEST_F(Failures, AKilledMainServerEndsProxiedCallsAndTheProxiesComeBack) {
   EXPECT_LT(since(begin), 7s);
   EXPECT_EQ(sub->disconnect_port(sending), result::ok);
   expect_local_work(7s);
-  EXPECT_EQ(portctl("sub1", {"--timeout-call", "1", "refresh"}).status, 1)
+  EXPECT_EQ(portctl("sub1", {"--call-timeout", "1", "refresh"}).status, 1)
       << "while there is nothing to clone from";
   for (const char* name : {"to send", "to receive", "to ask"}) {
     EXPECT_EQ(sub->exist(name), 0) << name << " is kept until it can be had anew";
@@ -130,7 +130,7 @@ TEST_F(Failures, ASilentSubServerHoldsUpNobodyElse) {
   done("main", {"create", "p"});
   process("sub1").signal(SIGSTOP);
   expect_exchange("p", "main", "sub2");
-  const Outcome all = portctl("main", {"--timeout-call", "1", "ls", "--all"});
+  const Outcome all = portctl("main", {"--call-timeout", "1", "ls", "--all"});
   EXPECT_EQ(all.status, 3);
   EXPECT_NE(all.err.find("sub1: no answer in time"), std::string::npos) << all.err;
   kill("sub1");

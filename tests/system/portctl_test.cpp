@@ -95,5 +95,44 @@ TEST_F(PortctlSystem, RefusesWhatWouldDoHarm) {
   EXPECT_NE(done("main", {"event", "subscriptions"}).find("-5    box"), std::string::npos);
 }
 
+// Whoever reads the message must know what to do.
+TEST_F(PortctlSystem, SaysWhyACallFailedAndWhatToDo) {
+  const auto expect = [&](const std::string& at, const std::string& text) {
+    const Outcome ended = portctl(at, {"--call-timeout", "1", "ls"});
+    EXPECT_EQ(ended.status, 3);
+    EXPECT_NE(ended.err.find(text), std::string::npos) << ended.err;
+  };
+  expect("127.0.0.1:" + std::to_string(free_port()), "connection refused");
+  expect("nowhere.invalid:9700", "the host name 'nowhere.invalid' is unknown");
+  expect("line7", "lists no server 'line7'; it lists main, sub1, sub2");
+  process("main").signal(SIGSTOP);
+  expect("main", "no answer within");
+  process("main").signal(SIGCONT);
+}
+
+TEST_F(PortctlSystem, CompletesCommandsOptionsAndPorts) {
+  done("main", {"create", "port one"});
+  done("main", {"create", "box", "--kind", "box"});
+  // As bash asks, with the cursor after the last word.
+  const auto offered = [&](const Words& words) {
+    Words command{"bash", "-c",
+                  ". " COMPLETION "; export PORTSVC_SERVER=" + corbaloc("main") +
+                      "; COMP_WORDS=(" PORTCTL
+                      " \"$@\"); COMP_CWORD=$#; _portctl; "
+                      "printf '%s;' \"${COMPREPLY[@]}\"",
+                  "bash"};
+    command.insert(command.end(), words.begin(), words.end());
+    Process bash(command, folder.path("bash"));
+    return outcome(bash).out;
+  };
+  EXPECT_EQ(offered({"sna"}), "snapshot;");
+  EXPECT_EQ(offered({"event", "c"}), "count;clear;copy;");
+  EXPECT_EQ(offered({"--json", "send", ""}), "port\\ one;");
+  EXPECT_EQ(offered({"event", "count", "b"}), "box;");
+  EXPECT_EQ(offered({"serve", "p", "--on-error", ""}), "drop;reply;stop;");
+  EXPECT_EQ(offered({"receive", "p", "--no"}), ";") << "that is an option of serve";
+  EXPECT_EQ(offered({"rm", "--server", "127.0.0.1:1", ""}), ";") << "nobody answers there";
+}
+
 }  // namespace
 }  // namespace portsvc

@@ -60,11 +60,12 @@ TEST_F(TlsOnly, OthersAreTurnedAwayAndServedNothing) {
   make_authority("strangers");
   make_key("stranger", "strangers");
   const auto refused = [&](const Words& tls) {
-    Words command{PORTCTL, "--server", corbaloc("main"), "--timeout-call", "3"};
+    Words command{PORTCTL, "--server", corbaloc("main"), "--call-timeout", "3"};
     command.insert(command.end(), tls.begin(), tls.end());
     command.insert(command.end(), {"create", "p"});
     Process client(command, folder.path("refused"));
     EXPECT_EQ(outcome(client, 10s).status, 3) << client.err();
+    EXPECT_NE(client.err().find("--tls-ca"), std::string::npos) << client.err();
   };
   const std::string plant = folder.path("plant.pem");
   const std::string stranger = folder.path("stranger.pem");

@@ -1,0 +1,67 @@
+#include "tools/message_limit.h"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "tools/errors.h"
+#include "tools/interrupt.h"
+
+namespace portsvc::tools {
+namespace {
+
+using std::chrono::steady_clock;
+using Varo::DT_PORT_SVC::Port_Factory_ptr;
+
+// No server's limit is below that.
+constexpr std::size_t always_passes = 4096;
+
+// A reply to nobody: every server refuses it, and it changes nothing.
+bool passes(Port_Factory_ptr server, std::size_t bytes) {
+  throw_if_interrupted();
+  Varo::DATA_BUFFER data;
+  data.length(static_cast<CORBA::ULong>(bytes));
+  try {
+    (void)server->packet_replay(0, data, 0);
+    return true;
+  } catch (const CORBA::SystemException&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+std::optional<std::pair<std::size_t, std::size_t>> feel_for_limit(
+    std::size_t failed, const std::function<bool(std::size_t)>& passes) {
+  const auto end = steady_clock::now() + std::chrono::seconds(3);
+  std::size_t good = std::min(always_passes, failed);
+  std::size_t bad = failed;
+  if (!passes(good) || passes(bad)) return std::nullopt;
+  while (bad - good > bad / 100 && steady_clock::now() < end) {
+    // From below: what passes is sent whole, what does not ends after its first bytes.
+    const std::size_t middle = std::min(good * 2, good + (bad - good) / 2);
+    (passes(middle) ? good : bad) = middle;
+  }
+  return std::pair(good, bad);
+}
+
+unsigned int with_payload(Port_Factory_ptr server, std::size_t bytes,
+                          const std::function<unsigned int()>& call) {
+  try {
+    return call();
+  } catch (const CORBA::SystemException& exception) {
+    const orb::Failing failing = orb::kind_of(exception);
+    if (failing != orb::Failing::lost && failing != orb::Failing::too_large) throw;
+    if (bytes <= always_passes) throw;
+    const auto limit =
+        feel_for_limit(bytes, [&](std::size_t size) { return passes(server, size); });
+    if (!limit) throw;
+    throw UsageError(
+        fmt::format("a payload of {} bytes is above the server's largest message: {} bytes pass, "
+                    "{} do not (--max-message of the server)",
+                    bytes, limit->first, limit->second));
+  }
+}
+
+}  // namespace portsvc::tools
