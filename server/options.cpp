@@ -2,8 +2,12 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 
 #include "platform/decimal_options.h"
+#include "platform/version.h"
+#include "server/configuration.h"
 
 namespace portsvc::server {
 namespace {
@@ -27,10 +31,36 @@ void add_limits(CLI::App& command, Options& options) {
       "memory)");
 }
 
+void add_configuration(CLI::App& command, Options& options) {
+  const auto read = [&](const std::string& path) {
+    options.configuration = path;
+    read_configuration(command, path);
+    CLI::Option* const name = command.get_option("--name");
+    if (name->count() != 0) return;
+    name->add_result(std::filesystem::path(path).stem().string());
+    name->run_callback();
+  };
+  command
+      .add_option_function<std::string>(
+          "--config", read,
+          "File of lines KEY = VALUE, a KEY being an option without its dashes; what the command "
+          "line says goes before it")
+      ->type_name("FILE")
+      ->configurable(false);
+  command
+      .add_flag("--check-config", options.check_only,
+                "Look at the options and at the files they name, say what is wrong, and end")
+      ->configurable(false);
+}
+
 void add_options(CLI::App& command, Options& options) {
+  add_configuration(command, options);
   const auto not_empty = CLI::Validator(
       [](const std::string& text) { return text.empty() ? "it is empty" : std::string(); }, "");
-  command.add_option("--name", options.name, "The server's name in the directory")
+  command
+      .add_option("--name", options.name,
+                  "The server's name in the directory (default: that of the configuration file, "
+                  "without what follows its last dot)")
       ->required()
       ->check(not_empty);
   command.add_option("--interface", options.interface_name,
@@ -51,7 +81,8 @@ void add_options(CLI::App& command, Options& options) {
                   "Directory of servers: a naming service, corbaloc::HOST:2809/NameService")
       ->excludes(directory);
   command.add_option("--state-dir", options.state_dir,
-                     "Folder in which SnapShot/portsnap.snp lies (default: the executable's)");
+                     "Folder in which SnapShot/portsnap.snp lies (default: $STATE_DIRECTORY, which "
+                     "systemd sets, or else the executable's)");
   command.add_flag("--restore", options.restore, "Load the snapshot of the previous run");
   command.add_flag("--restore-damaged", options.restore_damaged,
                    "As --restore; of damaged snapshots take what is whole");
@@ -99,6 +130,7 @@ const char* role_name(Role role) { return role == Role::main ? "main" : "sub"; }
 std::optional<int> parse(int argc, char** argv, Options& options) {
   CLI::App app("port_server, a server of the port service");
   app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("port_server ") + version());
   app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
     const auto unknown = failed->remaining();
     const bool no_role = error.get_name() == "RequiredError" && !unknown.empty();
@@ -109,7 +141,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
   });
   app.footer(
       "SIGTERM or SIGINT stops the server. Exit status: 0 stopped, 1 it could not start, "
-      "2 bad usage.");
+      "2 bad usage or configuration.");
 
   CLI::App* const main = app.add_subcommand("main", "Serve as a main server");
   add_options(*main, options);
@@ -131,6 +163,10 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
   options.restore = options.restore || options.restore_damaged;
   options.role = sub->parsed() ? Role::sub : Role::main;
   if (options.interface_name.empty()) options.interface_name = options.name;
+  if (options.state_dir.empty()) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment
+    if (const char* const folder = std::getenv("STATE_DIRECTORY")) options.state_dir = folder;
+  }
   return std::nullopt;
 }
 

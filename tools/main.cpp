@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "platform/decimal_options.h"
+#include "platform/version.h"
 #include "tools/arguments.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
@@ -78,6 +79,7 @@ int run(Session& session, const Commands& commands) {
 int main(int argc, char** argv) {
   CLI::App app("portctl, the port service from the command line", "portctl");
   app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("portctl ") + portsvc::version());
   app.fallthrough();
   app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
     const auto unknown = failed->remaining();
