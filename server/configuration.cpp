@@ -60,12 +60,12 @@ class Configuration {
   }
 
   void read() {
+    errno = 0;
     std::ifstream file(path_);
     const auto fail_to_read = [this] {
       const std::string why = std::generic_category().message(errno);
       throw CLI::ConfigError(fmt::format("cannot read {}: {}", path_, why));
     };
-    errno = 0;
     if (!file) fail_to_read();
     for (std::string text; std::getline(file, text);) {
       ++number_;
