@@ -7,6 +7,7 @@ set(CPACK_PACKAGE_CONTACT "Port service maintainers <maintainers@port-service.ex
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/compress_manuals.cmake)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 get_cmake_property(components COMPONENTS)
@@ -33,10 +34,10 @@ in the memory of a main server and mirrored by sub servers on other machines.
 This package holds the server, the command-line client portctl, units for
 systemd, and the documentation.")
 set(CPACK_DEBIAN_SERVICE_PACKAGE_CONTROL_EXTRA
-    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian/conffiles
-    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian/postinst
-    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian/prerm
-    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian/postrm)
+    ${PROJECT_SOURCE_DIR}/packaging/debian/conffiles
+    ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
+    ${PROJECT_SOURCE_DIR}/packaging/debian/prerm
+    ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)
 
 # What programs are built with.
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libportservice-dev)
