@@ -1,5 +1,6 @@
 #include "platform/process.h"
 
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +14,8 @@ std::string chosen_state_folder;
 }  // namespace
 
 unsigned int process_id() { return static_cast<unsigned int>(::getpid()); }
+
+void name_this_thread(const char* name) { (void)::pthread_setname_np(::pthread_self(), name); }
 
 std::string executable_folder() {
   std::array<char, 4096> path{};

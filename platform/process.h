@@ -8,6 +8,9 @@ namespace portsvc {
 /// The process id.
 unsigned int process_id();
 
+/// The name under which the platform's tools show this thread, at most 15 letters.
+void name_this_thread(const char* name);
+
 /// The folder of the running executable, without a trailing separator; "." when the platform does
 /// not tell.
 std::string executable_folder();

@@ -1,4 +1,5 @@
 // port_server: hosts the servant of a main or a sub server.
+#include <fmt/core.h>
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -22,6 +23,19 @@ void allow_many_connections() {
   ::setrlimit(RLIMIT_NOFILE, &files);
 }
 
+int check_only(const portsvc::server::Options& options) {
+  using namespace portsvc::server;
+  try {
+    check(options);
+    fmt::print("port_server: the options of {} {} are good\n", role_name(options.role),
+               options.name);
+    return status::success;
+  } catch (const std::exception& error) {
+    tell(error.what());
+  }
+  return status::bad_usage;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -29,6 +43,8 @@ int main(int argc, char** argv) {
   portsvc::keep_freed_memory();
   Options options;
   if (const auto status = parse(argc, argv, options)) return *status;
+
+  if (options.check_only) return check_only(options);
 
   ::signal(SIGPIPE, SIG_IGN);
   allow_many_connections();

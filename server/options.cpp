@@ -1,10 +1,14 @@
 #include "server/options.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 
 #include "cli/decimal_options.h"
 #include "cli/help.h"
+#include "platform/version.h"
+#include "server/configuration.h"
 
 namespace portsvc::server {
 namespace {
@@ -28,10 +32,36 @@ void add_limits(CLI::App& command, Options& options) {
       "memory)");
 }
 
+void add_configuration(CLI::App& command, Options& options) {
+  const auto read = [&](const std::string& path) {
+    options.configuration = path;
+    read_configuration(command, path);
+    CLI::Option* const name = command.get_option("--name");
+    if (name->count() != 0) return;
+    name->add_result(std::filesystem::path(path).stem().string());
+    name->run_callback();
+  };
+  command
+      .add_option_function<std::string>(
+          "--config", read,
+          "File of lines KEY = VALUE, a KEY being an option without its dashes; what the command "
+          "line says goes before it")
+      ->type_name("FILE")
+      ->configurable(false);
+  command
+      .add_flag("--check-config", options.check_only,
+                "Look at the options and at the files they name, say what is wrong, and end")
+      ->configurable(false);
+}
+
 void add_options(CLI::App& command, Options& options) {
+  add_configuration(command, options);
   const auto not_empty = CLI::Validator(
       [](const std::string& text) { return text.empty() ? "it is empty" : std::string(); }, "");
-  command.add_option("--name", options.name, "The server's name in the directory")
+  command
+      .add_option("--name", options.name,
+                  "The server's name in the directory (default: that of the configuration file, "
+                  "without what follows its last dot)")
       ->option_text("NAME")
       ->required()
       ->check(not_empty);
@@ -52,7 +82,8 @@ void add_options(CLI::App& command, Options& options) {
       ->option_text("FILE");
   command
       .add_option("--state-dir", options.state_dir,
-                  "Folder in which SnapShot/portsnap.snp lies (default: the executable's)")
+                  "Folder in which SnapShot/portsnap.snp lies (default: $STATE_DIRECTORY, which "
+                  "systemd sets, or else the executable's)")
       ->option_text("FOLDER");
   command.add_flag("--restore", options.restore, "Load the snapshot of the previous run");
   command.add_flag("--restore-damaged", options.restore_damaged,
@@ -89,6 +120,7 @@ void describe(CLI::App& app, Options& options) {
   app.description("port_server, a server of the port service");
   app.formatter(std::make_shared<cli::HelpFormatter>());
   app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("port_server ") + version());
   app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
     const auto unknown = failed->remaining();
     const bool no_role = error.get_name() == "RequiredError" && !unknown.empty();
@@ -99,7 +131,7 @@ void describe(CLI::App& app, Options& options) {
   });
   app.footer(
       "SIGTERM or SIGINT stops the server. Exit status: 0 stopped, 1 it could not start, "
-      "2 bad usage.");
+      "2 bad usage or configuration.");
 
   CLI::App* const main = app.add_subcommand("main", "Serve as a main server");
   add_options(*main, options);
@@ -132,6 +164,10 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
   }
   options.restore = options.restore || options.restore_damaged;
   if (options.interface_name.empty()) options.interface_name = options.name;
+  if (options.state_dir.empty()) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment
+    if (const char* const folder = std::getenv("STATE_DIRECTORY")) options.state_dir = folder;
+  }
   return std::nullopt;
 }
 

@@ -13,12 +13,14 @@ enum class Role { main, sub };
 
 struct Options : cli::PeerOptions {
   Role role = Role::main;
+  std::string configuration;   ///< the file that was read, empty for none
+  bool check_only = false;     ///< look at the options and at the files they name, and end
   std::string name;            ///< the server's name in the directory
   std::string main_server;     ///< sub role: the main server's name in the directory
   std::string interface_name;  ///< the name itself unless chosen
   std::string endpoint = "giop:tcp:127.0.0.1:9700";
   std::string ior_file;   ///< empty for none
-  std::string state_dir;  ///< empty: the executable's folder
+  std::string state_dir;  ///< empty: $STATE_DIRECTORY, the executable's folder without it
   bool restore = false;
   bool restore_damaged = false;     ///< implies restore
   unsigned int snapshot_every = 0;  ///< seconds, 0 for never
@@ -40,13 +42,14 @@ const char* role_name(Role role);
 namespace status {
 constexpr int success = 0;
 constexpr int failed = 1;     ///< it could not start
-constexpr int bad_usage = 2;  ///< the command line
+constexpr int bad_usage = 2;  ///< the command line, the configuration
 }  // namespace status
 
 /// Defines the command line, whose values go to `options`.
 void describe(CLI::App& app, Options& options);
 
-/// Fills `options` from the command line. An answer is the exit status to end with at once: help
+/// Fills `options` from the command line, and from the configuration file that it names where the
+/// command line says nothing. An answer is the exit status to end with at once: help or the version
 /// was asked for and has been printed, or the one line that says what is wrong.
 std::optional<int> parse(int argc, char** argv, Options& options);
 

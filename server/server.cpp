@@ -26,6 +26,7 @@
 #include "roles/port_factory_main.h"
 #include "roles/port_factory_sub.h"
 #include "server/announcement.h"
+#include "server/heartbeat.h"
 #include "server/messages.h"
 #include "server/state_files.h"
 
@@ -131,6 +132,11 @@ class PeriodicSnapshots {
   SnapSaveTask task_;
 };
 
+orb::Options broker_options(const Options& options) {
+  return {options.endpoint, options.max_message, options.trace,
+          std::chrono::seconds(options.message_timeout), options.tls};
+}
+
 void set_limits(const Options& options) {
   constexpr std::uint64_t usual_connections = 16'000;
   const bool chosen = options.max_connections != 0;
@@ -216,9 +222,11 @@ void serve(const Options& options, StopSignal& stop, orb::Broker& broker, const 
   if (!options.ior_file.empty()) {
     write_by_rename(options.ior_file, broker.to_text(reference.in()) + "\n");
   }
-  fmt::print("port_server: {} {} serving at {}\n", role_name(options.role), options.name,
-             broker.corbaloc(reference.in()));
+  const std::string status = fmt::format("{} {} serving at {}", role_name(options.role),
+                                         options.name, broker.corbaloc(reference.in()));
+  fmt::print("port_server: {}\n", status);
   std::fflush(stdout);
+  std::optional<Heartbeat> heartbeat(std::in_place, broker, reference.in(), status);
 
   for (unsigned int second = 1; !stop.wait_for(std::chrono::seconds(1)); ++second) {
     if (main && options.sub_timeout != 0) end_silent_sub_servers(*main, options.sub_timeout);
@@ -226,6 +234,7 @@ void serve(const Options& options, StopSignal& stop, orb::Broker& broker, const 
       return_freed_memory();
     }
   }
+  heartbeat.reset();
   announcement.reset();  // nobody new finds the way here
   connection.reset();
 }
@@ -236,8 +245,7 @@ void run(const Options& options, StopSignal& stop) {
   set_limits(options);
   // First of all the endpoint: a second server started by mistake fails here, before it could
   // delete the snapshot of the first.
-  orb::Broker broker({options.endpoint, options.max_message, options.trace,
-                      std::chrono::seconds(options.message_timeout), options.tls});
+  orb::Broker broker(broker_options(options));
   wake_waits_early(options.waits == "early");
   orb::set_peer_call_timeout(std::chrono::seconds(options.call_timeout));
   const UseOfDirectory use(broker, options);
@@ -269,6 +277,14 @@ void run(const Options& options, StopSignal& stop) {
   const bool calls_ended = broker.shutdown(patience_with_calls);
   if (snapshots) snapshots->save_last();
   if (!calls_ended) end_process(status::success);
+}
+
+void check(const Options& options) {
+  orb::Options broker_to_be = broker_options(options);
+  orb::check(broker_to_be);
+  broker_to_be.endpoint.clear();  // a server of these options may be running
+  const orb::Broker broker(broker_to_be);
+  const UseOfDirectory use(broker, options);
 }
 
 }  // namespace portsvc::server

@@ -34,7 +34,11 @@ Endpoint parse_endpoint(const std::string& text) {
       "the endpoint '{}' is malformed, wanted: giop:tcp:HOST:PORT or giop:ssl:HOST:PORT", text));
 }
 
-void check(const Tls& tls, const Endpoint& endpoint) {
+// A broker itself says no more than that it cannot start.
+void check(const Options& options) {
+  const Tls& tls = options.tls;
+  const Endpoint endpoint =
+      options.endpoint.empty() ? Endpoint() : parse_endpoint(options.endpoint);
   if (!tls.in_use()) {
     if (endpoint.tls) throw Error("a giop:ssl endpoint needs a certificate and its authorities");
     return;

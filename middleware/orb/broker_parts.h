@@ -21,10 +21,6 @@ struct Endpoint {
 /// Error.
 Endpoint parse_endpoint(const std::string& text);
 
-/// Throws Error when the files are not what TLS needs, or the endpoint needs TLS and there is none.
-/// A broker itself says no more than that it cannot start.
-void check(const Tls& tls, const Endpoint& endpoint);
-
 /// The cause of a failure to listen, as far as it can be told.
 std::string why_not_listening(const Endpoint& endpoint);
 

@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -91,6 +92,28 @@ bool is_numeric(const char* host) {
   std::array<unsigned char, sizeof(in6_addr)> parsed{};
   return host && (::inet_pton(AF_INET, host, parsed.data()) == 1 ||
                   ::inet_pton(AF_INET6, host, parsed.data()) == 1);
+}
+
+/// A host's name or address, an IPv6 one in brackets, written otherwise.
+std::string other_spelling(std::string host) {
+  in_addr v4{};
+  in6_addr v6{};
+  if (::inet_pton(AF_INET, host.c_str(), &v4) == 1)
+    return fmt::format("{:#010x}", ntohl(v4.s_addr));
+  if (host.front() == '[' &&
+      ::inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &v6) == 1) {
+    std::string text;
+    for (std::size_t i = 0; i < sizeof v6.s6_addr; i += 2) {
+      text += fmt::format("{}{:02X}{:02X}", i == 0 ? '[' : ':', v6.s6_addr[i], v6.s6_addr[i + 1]);
+    }
+    return text + ']';
+  }
+  for (char& letter : host) {
+    if (std::islower(static_cast<unsigned char>(letter)) != 0) {
+      letter = static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
+    }
+  }
+  return host;
 }
 
 /// Counts the connections this process opens, by the address of the peer.
@@ -233,9 +256,7 @@ struct Broker::Impl {
 };
 
 Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
-  Endpoint endpoint;
-  if (!options.endpoint.empty()) endpoint = parse_endpoint(options.endpoint);
-  check(options.tls, endpoint);
+  check(options);
 
   omni_thread::stacksize(thread_stack_bytes);
   const std::string per_peer = std::to_string(many);
@@ -293,8 +314,8 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
                       options.tls.authorities, options.tls.key));
     }
     if (e.minor() == _OMNI_NS(INITIALIZE_TransportError)) {
-      throw Error(
-          fmt::format("cannot listen on {}: {}", options.endpoint, why_not_listening(endpoint)));
+      throw Error(fmt::format("cannot listen on {}: {}", options.endpoint,
+                              why_not_listening(parse_endpoint(options.endpoint))));
     }
     throw Error("the broker cannot start: " + describe(e));
   } catch (const CORBA::Exception& e) {
@@ -360,6 +381,15 @@ std::string Broker::corbaloc(CORBA::Object_ptr served) const {
     }
   }
   throw Error("the reference has no address");
+}
+
+CORBA::Object_var Broker::from_outside(CORBA::Object_ptr served) const {
+  // The broker knows its own server by the text of its address, so another spelling will do.
+  std::string text = corbaloc(served);
+  const auto start = text.find(':', text.find(':') + 1) + 1;
+  const auto end = text.rfind(':');
+  text.replace(start, end - start, other_spelling(text.substr(start, end - start)));
+  return from_text(text);
 }
 
 bool Remote_Caller::gone() const {

@@ -50,6 +50,10 @@ struct Options {
   Tls tls = {};
 };
 
+/// Throws Error for options with which a broker cannot start, as far as that shows without one: the
+/// endpoint's form, the files of TLS.
+void check(const Options& options);
+
 /// The process's broker: one at a time, made before the first reference is used and destroyed
 /// after the last servant is gone. Not thread-safe itself; the operations on references are.
 class Broker {
@@ -77,6 +81,11 @@ class Broker {
   /// The short form of the reference that serve() answered, corbaloc:iiop:HOST:PORT/KEY with the
   /// port that is really listened on; corbaloc:ssliop:... with TLS. Throws Error.
   std::string corbaloc(CORBA::Object_ptr served) const;
+
+  /// The server that `served` names as others see it: this process's calls on it go over the
+  /// network, where those on a reference that the broker knows for its own are plain function
+  /// calls. A broker that knows its own server under any name answers `served`. Throws Error.
+  CORBA::Object_var from_outside(CORBA::Object_ptr served) const;
 
   /// The stringified reference. Throws Error.
   std::string to_text(CORBA::Object_ptr object) const;

@@ -282,6 +282,10 @@ std::string Broker::corbaloc(CORBA::Object_ptr served) const {
   return fmt::format("corbaloc:iiop:{}/{}", address.data(), object_key);
 }
 
+CORBA::Object_var Broker::from_outside(CORBA::Object_ptr served) const {
+  return CORBA::Object::_duplicate(served);
+}
+
 CallTimeout::CallTimeout(std::chrono::milliseconds timeout) : outer_(thread_timeout) {
   apply_thread_timeout(timeout);
 }
