@@ -157,30 +157,36 @@ Result Connection::put(const std::string& box, Bytes event) {
   if (!detail::fits_wire(event)) return Result(failure::too_large);
   Varo::DATA_BUFFER data;
   detail::show(data, event);
-  return link_->call([&](Port_Factory_ptr server) -> unsigned int {
-    return server->send_event(box.c_str(), data);
-  });
+  return link_->call(
+      [&](Port_Factory_ptr server) -> unsigned int {
+        return server->send_event(box.c_str(), data);
+      },
+      event.size());
 }
 
 Result Connection::declare(unsigned int code, Bytes event) {
   if (!detail::fits_wire(event)) return Result(failure::too_large);
   Varo::DATA_BUFFER data;
   detail::show(data, event);
-  return link_->call([&](Port_Factory_ptr server) -> unsigned int {
-    return server->declare_event(code, data, 0);
-  });
+  return link_->call(
+      [&](Port_Factory_ptr server) -> unsigned int { return server->declare_event(code, data, 0); },
+      event.size());
 }
 
 Result Connection::declare(unsigned int code, const std::vector<Bytes>& events) {
   Varo::DATA_BUFFER_SEQ list;
   list.length(static_cast<CORBA::ULong>(events.size()));
+  std::size_t bytes = 0;
   for (CORBA::ULong i = 0; i < list.length(); ++i) {
     if (!detail::fits_wire(events[i])) return Result(failure::too_large);
     detail::show(list[i], events[i]);
+    bytes += events[i].size();
   }
-  return link_->call([&](Port_Factory_ptr server) -> unsigned int {
-    return server->declare_event_n(code, list, 0);
-  });
+  return link_->call(
+      [&](Port_Factory_ptr server) -> unsigned int {
+        return server->declare_event_n(code, list, 0);
+      },
+      bytes);
 }
 
 Result Connection::subscribe(const std::string& box, unsigned int code) {
@@ -283,10 +289,12 @@ Result Owner::reply(const Sender& to, Bytes data) {
   if (!detail::fits_wire(data)) return Result(failure::too_large);
   Varo::DATA_BUFFER buffer;
   detail::show(buffer, data);
-  const Result replied = impl_->link().call_in(to.life, std::chrono::seconds(0),
-                                               [&](Port_Factory_ptr server) -> unsigned int {
-                                                 return server->packet_replay(to.handle, buffer, 0);
-                                               });
+  const Result replied = impl_->link().call_in(
+      to.life, std::chrono::seconds(0),
+      [&](Port_Factory_ptr server) -> unsigned int {
+        return server->packet_replay(to.handle, buffer, 0);
+      },
+      data.size());
   return detail::for_callers(replied);
 }
 

@@ -85,10 +85,13 @@ Result Exchange::send(Bytes packet, Wait& wait) {
     Result result = hold();
     if (result) {
       // A send whose time-out ran out has put nothing into the port, so it can be repeated.
-      result = link_->call_in(life_, slice, [&](Port_Factory_ptr server) {
-        return static_cast<unsigned int>(
-            server->packet_foward(handle_, data, static_cast<CORBA::ULong>(slice.count())));
-      });
+      result = link_->call_in(
+          life_, slice,
+          [&](Port_Factory_ptr server) {
+            return static_cast<unsigned int>(
+                server->packet_foward(handle_, data, static_cast<CORBA::ULong>(slice.count())));
+          },
+          packet.size());
       if (result) {
         ++replies_due_;
         return result;

@@ -21,8 +21,8 @@ constexpr std::chrono::seconds time_between_beats(45);
 // run yet.
 constexpr std::chrono::milliseconds time_to_notice(10);
 
-// Of a call that finds all connections taken, also those that were opened for it.
-constexpr int most_tries = 20;
+// A request of this size is too large for hardly any server.
+constexpr std::size_t hardly_too_large = 32 << 10;
 
 // HOST:PORT, or [ADDRESS]:PORT for an address with colons.
 bool is_host_and_port(std::string_view text) {
@@ -186,30 +186,27 @@ class Lives::Under_Way {
 };
 
 Result Lives::call(Port_Factory_ptr server, std::chrono::milliseconds limit,
-                   std::optional<std::uint64_t> life,
+                   std::optional<std::uint64_t> life, std::size_t bytes,
                    const std::function<unsigned int(Port_Factory_ptr)>& call) {
-  std::uint64_t begun = 0;
-  for (int tries = 0;; ++tries) {
+  for (int lost = 0;;) {
     bool refused = false;
     {
       Under_Way counted(*this);
+      const orb::CallTimeout timeout(limit);
+      const orb::OpenConnectionsOnly only(refused);
       try {
         if (life && *life != number()) return stale;
-        const orb::CallTimeout timeout(limit);
-        const orb::OpenConnectionsOnly only(refused);
         return Result(call(server));
       } catch (const CORBA::Exception& exception) {
         const Result failed = counted.failed(exception);
         if (!refused) return failed;
       }
+      if (only.had_connection()) ++lost;
     }
-    // With a connection free for it and a server that answers, it is the call for which the server
-    // closes connections: so it does with messages that are too large for it.
-    const bool was_free = tries > 0 && begun_ == begun + 1;
-    if (was_free) return Result(failure::too_large);
-    if (tries == most_tries) return Result(failure::unreachable);
+    // One connection may have been dead. A server that answers, and closes one after the other upon
+    // this message, finds it too large.
+    if (lost > (bytes > hardly_too_large ? 2 : 50)) return Result(failure::too_large);
     if (const Result opened = open(server, limit); !opened) return opened;
-    begun = begun_;
   }
 }
 
@@ -320,10 +317,10 @@ void Link::forget() {
 }
 
 Result Link::run(std::optional<std::uint64_t> life, std::chrono::milliseconds limit,
-                 const Call& call) {
+                 std::size_t bytes, const Call& call) {
   Target now;
   if (const Result found = target(now); !found) return found;
-  const Result result = now.lives->call(now.server.in(), limit, life, call);
+  const Result result = now.lives->call(now.server.in(), limit, life, bytes, call);
   // After a restart the server may have another address.
   if (result == failure::unreachable || result == failure::lost || result == failure::no_service) {
     forget();
@@ -333,7 +330,7 @@ Result Link::run(std::optional<std::uint64_t> life, std::chrono::milliseconds li
 
 Result Link::say_farewell(std::optional<std::uint64_t> life, const Call& call) noexcept try {
   constexpr std::chrono::milliseconds patience{2000};
-  return run(life, std::min(patience, options_.call_timeout), call);
+  return run(life, std::min(patience, options_.call_timeout), 0, call);
 } catch (const std::exception&) {
   return Result(failure::broker);  // lack of memory: the server is told nothing
 }

@@ -65,9 +65,9 @@ class Lives {
   std::uint64_t number() const { return number_.load(); }
 
   /// Calls over an open connection, opening another first if need be. With `life` only if that is
-  /// still the life; otherwise the answer is `stale`.
+  /// still the life; otherwise the answer is `stale`. `bytes`: about how large the request is.
   Result call(Port_Factory_ptr server, std::chrono::milliseconds limit,
-              std::optional<std::uint64_t> life,
+              std::optional<std::uint64_t> life, std::size_t bytes,
               const std::function<unsigned int(Port_Factory_ptr)>& call);
 
  private:
@@ -104,11 +104,14 @@ class Link {
 
   using Call = std::function<unsigned int(Port_Factory_ptr)>;
   /// A call that does not wait in the server. A server that is not known (any more) is looked up
-  /// first.
-  Result call(const Call& call) { return run({}, options_.call_timeout, call); }
+  /// first. `bytes`: about how large the request is.
+  Result call(const Call& call, std::size_t bytes = 0) {
+    return run({}, options_.call_timeout, bytes, call);
+  }
   /// A call with a handle of `life`, or `stale`. It may wait for `wait` in the server.
-  Result call_in(std::uint64_t life, std::chrono::seconds wait, const Call& call) {
-    return run(life, wait + options_.call_timeout, call);
+  Result call_in(std::uint64_t life, std::chrono::seconds wait, const Call& call,
+                 std::size_t bytes = 0) {
+    return run(life, wait + options_.call_timeout, bytes, call);
   }
   /// A call of a destructor, by which the server is told of an end: the request is under way
   /// whether or not an answer comes, so that is not waited for long. Throws nothing.
@@ -130,7 +133,8 @@ class Link {
     Port_Factory_var server;
     std::shared_ptr<Lives> lives;
   };
-  Result run(std::optional<std::uint64_t> life, std::chrono::milliseconds limit, const Call& call);
+  Result run(std::optional<std::uint64_t> life, std::chrono::milliseconds limit, std::size_t bytes,
+             const Call& call);
   Result target(Target& target);
   Result look_up(CORBA::Object_var& object);
   void forget();

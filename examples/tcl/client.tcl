@@ -7,6 +7,8 @@ source [file join [pwd] port_service.tcl]
 lassign $argv address port text
 corba::init
 set server [corba::string_to_object corbaloc:iiop:$address/PortService]
+# A corbaloc says nothing of the type.
+if {![$server _is_a IDL:Varo/DT_PORT_SVC/Port_Factory:1.0]} { puts stderr "no port service"; exit 1 }
 
 proc check {what code} {
   if {$code != 0} { puts stderr "$what answered $code"; exit 1 }

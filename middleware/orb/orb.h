@@ -140,6 +140,9 @@ class OpenConnectionsOnly {
  public:
   explicit OpenConnectionsOnly(bool& refused);
   ~OpenConnectionsOnly();
+  /// Whether a call has been given a connection. One that was refused all the same has lost it: it
+  /// was dead, or the server has closed it upon what it was sent.
+  bool had_connection() const;
   OpenConnectionsOnly(const OpenConnectionsOnly&) = delete;
   OpenConnectionsOnly& operator=(const OpenConnectionsOnly&) = delete;
 };

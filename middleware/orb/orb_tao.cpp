@@ -218,6 +218,8 @@ std::uint64_t connections_opened(CORBA::Object_ptr) {
 
 OpenConnectionsOnly::OpenConnectionsOnly(bool&) {}
 
+bool OpenConnectionsOnly::had_connection() const { return true; }
+
 OpenConnectionsOnly::~OpenConnectionsOnly() = default;
 
 }  // namespace portsvc::orb
