@@ -31,7 +31,8 @@ else()
   message(FATAL_ERROR "PORTSVC_ORB is '${PORTSVC_ORB}', wanted: OMNIORB or TAO")
 endif()
 
-# portsvc_compile_idl(OUT_SOURCES FILE.idl): adds the generated sources' names to OUT_SOURCES.
+# portsvc_compile_idl(OUT_SOURCES FILE.idl): adds the generated sources' names to OUT_SOURCES, those
+# of the headers to OUT_SOURCES_headers.
 function(portsvc_compile_idl out idl)
   get_filename_component(base ${idl} NAME_WE)
   set(dir ${CMAKE_CURRENT_BINARY_DIR})
@@ -60,4 +61,5 @@ function(portsvc_compile_idl out idl)
     COMMENT "Compiling ${idl}"
     VERBATIM)
   set(${out} ${sources} PARENT_SCOPE)
+  set(${out}_headers ${headers} PARENT_SCOPE)
 endfunction()

@@ -34,12 +34,15 @@ target_compile_options(portsvc_warnings INTERFACE -Wall -Wextra -Wshadow -Wnon-v
                                                   -Woverloaded-virtual -Werror)
 
 # portsvc_library(NAME folder's-target SOURCES ... DEPENDS ...): one static library for a folder.
-# Includes are written from the root: #include "ports/port_impl.h".
+# Includes are written from the root: #include "ports/port_impl.h". So they are in an installed tree.
+include(GNUInstallDirs)
+set(PORTSVC_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/portservice)
 function(portsvc_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
-  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
-  target_link_libraries(${name} PUBLIC ${ARG_DEPENDS} PRIVATE portsvc_warnings)
+  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+                                            $<INSTALL_INTERFACE:${PORTSVC_INCLUDEDIR}>)
+  target_link_libraries(${name} PUBLIC ${ARG_DEPENDS} PRIVATE $<BUILD_INTERFACE:portsvc_warnings>)
 endfunction()
 
 # ACE from the distribution, or, with TAO, the one TAO was built with.

@@ -1,5 +1,6 @@
-// Result codes, kinds, modes and limits of the port service: the one place where the numbers of
-// the remote interface have names. Servants, tests and tools all include this header.
+// Result codes, kinds, modes and limits of the port service, for C++ that includes no broker:
+// servants, clients, tests and tools. The interface definition has the same constants for everybody
+// else; the build fails where the two differ (middleware/orb/port_codes_check.cpp).
 #pragma once
 
 #include <array>

@@ -10,6 +10,14 @@ unsigned int process_id();
 
 /// The name under which the platform's tools show this thread, at most 15 letters.
 void name_this_thread(const char* name);
+/// When a process was started, in clock ticks after boot; 0 when there is none.
+unsigned long long process_start(unsigned int process);
+
+/// The name of the running program, one word.
+std::string program_name();
+
+/// The name of this host, one word.
+std::string host_name();
 
 /// The folder of the running executable, without a trailing separator; "." when the platform does
 /// not tell.

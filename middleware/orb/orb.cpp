@@ -201,6 +201,13 @@ CORBA::Boolean refuse_while_stopping(_OMNI_NS(omniInterceptors)::serverReceiveRe
 
 /// Set while this thread must not open connections.
 thread_local bool* refused_connection = nullptr;
+/// Set when a request of this thread is begun on a connection.
+thread_local bool request_begun = false;
+
+CORBA::Boolean note_request(_OMNI_NS(omniInterceptors)::clientSendRequest_T::info_T&) {
+  request_begun = true;
+  return true;
+}
 
 CORBA::Boolean count_connection(_OMNI_NS(omniInterceptors)::clientOpenConnection_T::info_T& info) {
   if (refused_connection) {
@@ -296,6 +303,7 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
     set_message_buffer(message_buffer_bytes);
     omniORB::getInterceptors()->clientOpenConnection.add(count_connection);
     omniORB::getInterceptors()->clientSendRequest.add(add_own_name);
+    omniORB::getInterceptors()->clientSendRequest.add(note_request);
     omniORB::getInterceptors()->serverAcceptConnection.add(watch_connection);
     stopping = false;
     omniORB::getInterceptors()->serverReceiveRequest.add(refuse_while_stopping);
@@ -420,7 +428,12 @@ CallTimeout::CallTimeout(std::chrono::milliseconds timeout) : outer_(thread_time
 
 CallTimeout::~CallTimeout() { apply_thread_timeout(outer_); }
 
-OpenConnectionsOnly::OpenConnectionsOnly(bool& refused) { refused_connection = &refused; }
+OpenConnectionsOnly::OpenConnectionsOnly(bool& refused) {
+  refused_connection = &refused;
+  request_begun = false;
+}
+
+bool OpenConnectionsOnly::had_connection() const { return request_begun; }
 
 OpenConnectionsOnly::~OpenConnectionsOnly() { refused_connection = nullptr; }
 

@@ -94,9 +94,22 @@ class Broker {
   /// that is none.
   CORBA::Object_var from_text(const std::string& text) const;
 
+  /// The process's broker, null while there is none.
+  static Broker* running();
+
  private:
+  /// Enters a broker as the process's while it lives.
+  class Entry {
+   public:
+    explicit Entry(Broker* broker);
+    ~Entry();
+    Entry(const Entry&) = delete;
+    Entry& operator=(const Entry&) = delete;
+  };
+
   struct Impl;
   std::unique_ptr<Impl> impl_;
+  const Entry entry_{this};
 };
 
 /// Time-out of a call to a peer that is not itself a wait: connect and call together.
@@ -152,6 +165,9 @@ class OpenConnectionsOnly {
  public:
   explicit OpenConnectionsOnly(bool& refused);
   ~OpenConnectionsOnly();
+  /// Whether a call has been given a connection. One that was refused all the same has lost it: it
+  /// was dead, or the server has closed it upon what it was sent.
+  bool had_connection() const;
   OpenConnectionsOnly(const OpenConnectionsOnly&) = delete;
   OpenConnectionsOnly& operator=(const OpenConnectionsOnly&) = delete;
 };

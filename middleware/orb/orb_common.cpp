@@ -11,6 +11,8 @@ namespace {
 
 std::atomic<std::chrono::milliseconds::rep> peer_timeout_ms{5000};
 
+std::atomic<Broker*> broker_of_process{nullptr};
+
 /// What a server's refusal means, empty for another minor code.
 const char* meaning_of_refusal(unsigned int minor) {
   switch (minor) {
@@ -59,6 +61,12 @@ std::chrono::milliseconds peer_call_timeout() {
 void set_peer_call_timeout(std::chrono::milliseconds timeout) {
   peer_timeout_ms.store(timeout.count(), std::memory_order_relaxed);
 }
+
+Broker* Broker::running() { return broker_of_process.load(); }
+
+Broker::Entry::Entry(Broker* broker) { broker_of_process = broker; }
+
+Broker::Entry::~Entry() { broker_of_process = nullptr; }
 
 std::string Broker::to_text(CORBA::Object_ptr object) const {
   try {

@@ -303,6 +303,8 @@ void tell_own_name(const std::string&) {}
 
 OpenConnectionsOnly::OpenConnectionsOnly(bool&) {}
 
+bool OpenConnectionsOnly::had_connection() const { return true; }
+
 OpenConnectionsOnly::~OpenConnectionsOnly() = default;
 
 }  // namespace portsvc::orb

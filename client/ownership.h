@@ -1,0 +1,73 @@
+// Owning a port or a box: what Owner, Box and Subscription have in common. For this folder only.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "client/link.h"
+
+namespace portsvc::client::detail {
+
+class Ownership {
+ public:
+  /// What is owned.
+  enum class What { port, box, subscription };
+
+  /// Connects, or throws Error. `codes` are those of a subscription, whose box is made here.
+  Ownership(std::shared_ptr<Link> link, What what, std::string name, OwnerOptions options,
+            std::vector<unsigned int> codes = {});
+  /// Disconnects; a subscription's box is deleted.
+  ~Ownership();
+  Ownership(const Ownership&) = delete;
+  Ownership& operator=(const Ownership&) = delete;
+
+  using Take = std::function<unsigned int(Port_Factory_ptr, unsigned int id, unsigned int seconds)>;
+  /// Waits in slices until `take` answers something other than `timed_out`, connecting again when
+  /// the server has been lost. `take` waits for `seconds`, not at all for 0. `life` becomes the
+  /// life in which it has taken.
+  Result wait(Timeout timeout, const Take& take, std::uint64_t& life);
+  Result take(std::vector<Payload>& events, unsigned int most, Timeout timeout);
+
+  Link& link() const { return *link_; }
+  const std::string& name() const { return name_; }
+  Access access() const { return options_.access; }
+  std::atomic<bool>& ended() { return ended_; }
+  unsigned int id() const;
+  std::uint64_t gaps() const { return gaps_.load(); }
+  void cancel();
+
+  /// Sees to it that the port is owned in the life that the server is in.
+  Result hold(unsigned int& id, std::uint64_t& life);
+  /// The port is owned no more, unless that has been seen to since.
+  void lose(std::uint64_t life);
+
+ private:
+  Result connect(bool again, unsigned int& id);
+  Result take_over(bool again, std::chrono::steady_clock::time_point since, bool& wait);
+  Result make_box();
+  std::string text_at_port(bool& any);
+  void release();
+
+  const std::shared_ptr<Link> link_;
+  const What what_;
+  const std::string name_;
+  const OwnerOptions options_;
+  const std::vector<unsigned int> codes_;
+  const std::string note_;
+  std::atomic<bool> ended_{false};
+  std::atomic<std::uint64_t> gaps_{0};
+
+  mutable std::mutex lock_;  // guards what follows; nothing is called under it
+  std::condition_variable connected_;
+  bool connecting_ = false;
+  unsigned int id_ = 0;
+  std::uint64_t life_ = 0;  // in which the port is owned, 0: in none
+};
+
+}  // namespace portsvc::client::detail
