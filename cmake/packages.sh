@@ -24,8 +24,9 @@ need() {
 }
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libomniorb4-dev omniidl libace-dev libloki-dev
-  libboost-dev libcli11-dev nlohmann-json3-dev libfmt-dev)
-TEST_PACKAGES=(libgtest-dev libgmock-dev omniorb-nameserver openssl)
+  libboost-dev libcli11-dev nlohmann-json3-dev libfmt-dev libspdlog-dev
+  prometheus-cpp-dev libcivetweb-dev libssl-dev)
+TEST_PACKAGES=(libgtest-dev libgmock-dev omniorb-nameserver openssl chromium curl prometheus)
 BENCH_PACKAGES=(libbenchmark-dev redis-server nats-server)
 
 # configure_and_build DIR [CMAKE_OPTION...]: builds the tree in DIR with all processors. The

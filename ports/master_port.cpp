@@ -63,6 +63,7 @@ unsigned int vrMaster_Port::replay_wait(unsigned int handle, vrBuffer& data, uns
 }
 
 unsigned int vrMaster_Port::take_packet(vrPort_Buffer& out, unsigned int timeout) {
+  const Waiting waiting(takers_waiting_);
   {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
     receiver_waiting_ = true;
@@ -107,6 +108,7 @@ unsigned int vrMaster_Port::wait_receiver(unsigned int handle, unsigned int time
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
     if (owner_access_ == ACCESS_SELECT && has_selectors() && owner_connected_) return result::ok;
   }
+  const Waiting waiting(senders_waiting_);
   const Topic topic = admission();
   return wait(
       timeout, result::send_timed_out, {this, &topic, 1},
@@ -132,6 +134,7 @@ unsigned int vrMaster_Port::take_reply(unsigned int handle, unsigned int timeout
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
     client_mode = client_access(handle);
   }
+  const Waiting waiting(reply_takers_waiting_);
   const Topic topic = replies(handle);
   return wait(
       timeout, result::reply_timed_out, {this, &topic, 1},
