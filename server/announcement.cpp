@@ -3,7 +3,7 @@
 #include <chrono>
 #include <utility>
 
-#include "server/messages.h"
+#include "platform/log.h"
 
 namespace portsvc::server {
 namespace {
@@ -19,7 +19,9 @@ Announcement::Announcement(std::shared_ptr<Directory> directory, std::string ser
       realm_(std::move(realm)),
       role_(std::move(role)),
       reference_(CORBA::Object::_duplicate(reference)) {
-  enter(true);
+  if (enter(true) && directory_->takes_entries()) {
+    log(Log_Level::info, "directory", "entered as '" + server_ + "'");
+  }
   thread_ = std::thread([this] { keep_entered(); });
 }
 
@@ -39,7 +41,9 @@ bool Announcement::enter(bool tell_failure) {
     entered_ = true;
     return true;
   } catch (const orb::Error& error) {
-    if (tell_failure) tell(std::string(error.what()) + "; trying again");
+    if (tell_failure) {
+      log(Log_Level::warning, "directory", std::string(error.what()) + "; trying again");
+    }
   }
   return false;
 }
@@ -50,7 +54,7 @@ void Announcement::keep_entered() {
     guard.unlock();
     const CORBA::Object_var found = directory_->resolve(server_, realm_);
     if (CORBA::is_nil(found.in()) && directory_->takes_entries() && enter(false)) {
-      tell("the naming service has entered '" + server_ + "'");
+      log(Log_Level::info, "directory", "the naming service has entered '" + server_ + "'");
     }
     guard.lock();
   }

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <utility>
 
 #include "platform/decimal_options.h"
 
@@ -9,6 +10,16 @@ namespace portsvc::server {
 namespace {
 
 constexpr std::uint64_t most = std::uint64_t{1} << 62;
+
+/// What stands before and after the first equals sign.
+std::pair<std::string, std::string> halves(const std::string& text, const char* option,
+                                           const char* wanted) {
+  const auto equals = text.find('=');
+  if (equals == std::string::npos || equals == 0 || equals + 1 == text.size()) {
+    throw CLI::ValidationError(option, "'" + text + "' is malformed, wanted: " + wanted);
+  }
+  return {text.substr(0, equals), text.substr(equals + 1)};
+}
 
 void add_limits(CLI::App& command, Options& options) {
   const auto add = [&](const char* name, std::uint64_t& value, const char* what) {
@@ -25,6 +36,52 @@ void add_limits(CLI::App& command, Options& options) {
   add("--max-queued-bytes", options.max_queued_bytes,
       "Largest sum of the packets, replies and events held, in bytes (default: half of the "
       "memory)");
+}
+
+void add_watching(CLI::App& command, Options& options) {
+  command
+      .add_option("--log-level", options.log.level,
+                  "The least that is logged: debug, info, warning or error")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"debug", "info", "warning", "error"}));
+  command.add_option("--log-file", options.log.file,
+                     "File for the log, rotated at 10 MiB, five old ones kept (default: standard "
+                     "error)");
+  command.add_option("--log-format", options.log.format, "'text', or 'json': an object per line")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"text", "json"}));
+  command.add_option("--metrics", options.metrics,
+                     "Serve metrics, health and a live board at HOST:PORT, over HTTP, without "
+                     "authentication (default: not at all)");
+  command
+      .add_option_function<std::vector<std::string>>(
+          "--metrics-of",
+          [&options](const std::vector<std::string>& texts) {
+            options.other_metrics.clear();
+            for (const std::string& text : texts) {
+              auto [name, address] = halves(text, "--metrics-of", "NAME=HOST:PORT");
+              options.other_metrics[name] = address;
+            }
+          },
+          "NAME=HOST:PORT: where another server serves its own, for the board; repeatable")
+      ->allow_extra_args(false);
+}
+
+void add_feeds(CLI::App& command, Options& options) {
+  command
+      .add_option_function<std::vector<std::string>>(
+          "--feed",
+          [&options](const std::vector<std::string>& texts) {
+            options.feeds.clear();
+            for (const std::string& text : texts) {
+              auto [box, shell_command] = halves(text, "--feed", "BOX=COMMAND");
+              options.feeds.push_back({box, shell_command});
+            }
+          },
+          "BOX=COMMAND: put each line that the shell command prints into the event box, with "
+          "copies "
+          "to the sub servers; repeatable")
+      ->allow_extra_args(false);
 }
 
 void add_options(CLI::App& command, Options& options) {
@@ -81,6 +138,7 @@ void add_options(CLI::App& command, Options& options) {
       ->capture_default_str()
       ->check(CLI::IsMember({"early", "paused"}));
   add_limits(command, options);
+  add_watching(command, options);
   auto* const authorities =
       command.add_option("--tls-ca", options.tls_authorities,
                          "TLS: the certificates of the authorities that are trusted, PEM");
@@ -108,11 +166,13 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
            "\n";
   });
   app.footer(
-      "SIGTERM or SIGINT stops the server. Exit status: 0 stopped, 1 it could not start, "
+      "SIGTERM or SIGINT stops the server, SIGHUP makes it open its log and read its directory, "
+      "certificates\nand log level again. Exit status: 0 stopped, 1 it could not start, "
       "2 bad usage.");
 
   CLI::App* const main = app.add_subcommand("main", "Serve as a main server");
   add_options(*main, options);
+  add_feeds(*main, options);
   CLI::App* const sub = app.add_subcommand("sub", "Serve as a sub server of a main server");
   add_options(*sub, options);
   sub->add_option("--main", options.main_server, "The main server's name in the directory")

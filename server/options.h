@@ -2,12 +2,22 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "server/log.h"
 
 namespace portsvc::server {
 
 enum class Role { main, sub };
+
+/// BOX=COMMAND: an event box and the command whose lines go into it.
+struct Feed_Option {
+  std::string box;
+  std::string command;
+};
 
 struct Options {
   Role role = Role::main;
@@ -36,6 +46,10 @@ struct Options {
   std::string tls_authorities;          ///< PEM files, empty without TLS
   std::string tls_key;
   unsigned int trace = 0;
+  Log_Options log;
+  std::string metrics;                               ///< HOST:PORT, empty for none
+  std::map<std::string, std::string> other_metrics;  ///< those of other servers, by name
+  std::vector<Feed_Option> feeds;                    ///< main role
 };
 
 /// "main" or "sub", as on the command line.

@@ -1,13 +1,19 @@
 // A server of the port service, from start to stop.
 #pragma once
 
+#include <functional>
+#include <optional>
+
 #include "server/options.h"
 #include "server/stop_signal.h"
 
 namespace portsvc::server {
 
+/// Reads the options again, for what SIGHUP changes; nothing when they are no longer good.
+using Reread = std::function<std::optional<Options>()>;
+
 /// Starts the server, serves until `stop` is raised, and stops. Throws std::exception, with one
 /// line for people, when it cannot start.
-void run(const Options& options, StopSignal& stop);
+void run(const Options& options, StopSignal& stop, const Reread& reread);
 
 }  // namespace portsvc::server

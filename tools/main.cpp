@@ -97,6 +97,7 @@ int main(int argc, char** argv) {
   add_event_commands(commands);
   add_cluster_commands(commands);
   add_snapshot_commands(commands);
+  add_top_command(commands);
   portsvc::make_numbers_decimal(app);
   try {
     app.parse(shielded_arguments(argc, argv));
