@@ -1,6 +1,7 @@
 #include "observe/board.h"
 
 #include <algorithm>
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <vector>
 
@@ -14,6 +15,9 @@ namespace portsvc::observe {
 namespace {
 
 using Json = nlohmann::ordered_json;
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 Json json_of(const Flow& flow) {
   return {{"queued", flow.queued},
@@ -145,6 +149,7 @@ std::string board_json(const About& about, const Observed& observed, Other_Board
   const Snapshot_State& snapshot = server.snapshot;
   Json document{{"version", version()},
                 {"servers", servers(about, server, others)},
+                {"at", duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count()},
                 {"calls", calls},
                 {"bytes_received", server.bytes_received},
                 {"bytes_sent", server.bytes_sent},

@@ -23,7 +23,7 @@ void Port_Factory_Sub::clon_all_object() {
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, sub_lock_);
   const Port_Factory_var peer = get_remote_point();
   if (CORBA::is_nil(peer.in())) {
-    log(Log_Level::warning, "clone", "no ports cloned: the main server is not in the directory");
+    log(Log_Level::warning, "clone", "no ports cloned: the main server is not reached");
     return;
   }
   std::size_t cloned = 0;
