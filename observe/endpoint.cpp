@@ -96,16 +96,15 @@ Endpoint::Endpoint(const std::string& address, About about,
   const Address where = parsed(address);
   loopback_ = is_loopback(where.host);
   const std::string listening = where.host + ":" + where.port;
+  // A thread serves one connection at a time: none stays open for a reader that is silent.
   const char* options[] = {"listening_ports",
                            listening.c_str(),
                            "num_threads",
-                           "4",
+                           "8",
                            "request_timeout_ms",
                            "5000",
                            "enable_keep_alive",
-                           "yes",
-                           "keep_alive_timeout_ms",
-                           "5000",
+                           "no",
                            nullptr};
   mg_callbacks callbacks{};
   callbacks.begin_request = on_request;
@@ -191,6 +190,7 @@ int Endpoint::on_request(mg_connection* connection) {
   }
   const std::string head = fmt::format(
       "HTTP/1.1 {} {}\r\n"
+      "Connection: close\r\n"
       "Content-Type: {}\r\n"
       "Content-Length: {}\r\n"
       "Content-Security-Policy: {}\r\n"

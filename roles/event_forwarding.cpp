@@ -107,14 +107,16 @@ int EventSendTask::svc() {
       portsvc::clock().rest(idle_pause, {&stop_, &topic, 1}, [this] { return has_work(); });
       continue;
     }
-    std::size_t delivered = 0;
+    std::size_t done = 0;
     for (const auto& request : batch) {
-      if (stop_ || is_delivery_failure(request->execute())) break;
-      ++delivered;
-      count(sent_);
+      if (stop_) break;
+      const unsigned int answer = request->execute();
+      if (is_delivery_failure(answer)) break;
+      ++done;
+      count(answer == result::ok ? sent_ : lost_);  // it may neither have nor find the box
       portsvc::clock().pause(yield, &stop_);
     }
-    count(lost_, batch.size() - delivered);
+    count(lost_, batch.size() - done);
     portsvc::clock().pause(yield, &stop_);
   }
   return 0;

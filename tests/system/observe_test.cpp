@@ -151,12 +151,17 @@ TEST_F(Observed, ASubServerIsReadyWhileItReachesItsMainServer) {
 
 TEST_F(Observed, AFeedReachesTheBoxAndEverySubServerUnlessCopiesAreOff) {
   const std::string in = folder.path("in");
-  write_all(in, "");
-  start("sub1");
+  write_all(in, "one\ntwo\n");
   const std::string pid_file = folder.path("pid");
+  const auto gone = [&] {
+    const std::string pid = read_all(pid_file);
+    return pid.empty() || ::kill(std::stoi(pid), 0) != 0;
+  };
   start("main", {"--feed", fmt::format("alarms=echo $$ >{}; exec tail -n +1 -f {}", pid_file, in)});
+  start("sub1");
+  start("sub2");  // one that is away costs the others the copies queued behind its own
+  EXPECT_TRUE(sub1_knows_main());
   EXPECT_TRUE(eventually([&] {
-    write_all(in, "one\ntwo\n");
     return times_said("main", "feed: alarms: there is no such box; the command waits") == 1;
   }));
   done("main", {"create", "alarms", "--kind", "box"});
@@ -180,7 +185,6 @@ TEST_F(Observed, AFeedReachesTheBoxAndEverySubServerUnlessCopiesAreOff) {
   ASSERT_EQ(::kill(std::stoi(read_all(pid_file)), SIGTERM), 0);
   EXPECT_TRUE(eventually([&] { return count("main") == "8\n"; })) << "read from its start";
   EXPECT_EQ(times_said("main", "feed: alarms: the command has ended, signal 15"), 1);
-  const auto gone = [&] { return ::kill(std::stoi(read_all(pid_file)), 0) != 0; };
   EXPECT_FALSE(gone());
   EXPECT_EQ(stop("main", SIGTERM), 0);
   EXPECT_TRUE(gone());
