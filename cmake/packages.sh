@@ -24,9 +24,10 @@ need() {
 }
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libomniorb4-dev omniidl libace-dev libloki-dev
-  libboost-dev libcli11-dev nlohmann-json3-dev libfmt-dev libsystemd-dev)
+  libboost-dev libcli11-dev nlohmann-json3-dev libfmt-dev libspdlog-dev libsystemd-dev
+  prometheus-cpp-dev libcivetweb-dev libssl-dev)
 PACKAGING_PACKAGES=(dpkg-dev fakeroot file lintian debootstrap systemd)
-TEST_PACKAGES=(libgtest-dev libgmock-dev omniorb-nameserver openssl tcl-combat)
+TEST_PACKAGES=(libgtest-dev libgmock-dev omniorb-nameserver openssl tcl-combat chromium curl prometheus)
 BENCH_PACKAGES=(libbenchmark-dev redis-server nats-server)
 
 # configure_and_build DIR [CMAKE_OPTION...]: builds the tree in DIR with all processors. The

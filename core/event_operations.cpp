@@ -50,13 +50,13 @@ CORBA::ULong Port_Factory_i::declare_event_n(CORBA::ULong code, const Varo::DATA
   boost::shared_ptr<const Event_Table::Names> names;
   if (const unsigned int failure = subscribers(static_cast<int>(code), names)) return failure;
   const bool may_take = orb::may_take_arguments();
-  std::vector<boost::shared_ptr<Port_impl>> boxes;
+  std::vector<boost::shared_ptr<vrEventBox>> boxes;
   std::size_t wanted = 0;
   for (const std::string& name : *names) {
-    auto port = get_port(name.c_str());
-    if (!port || port->kind() != PORT_EVENTBOX) continue;
-    wanted = std::max(wanted, vrEventBox::most_kept(*port));
-    boxes.push_back(std::move(port));
+    auto box = boost::dynamic_pointer_cast<vrEventBox>(get_port(name.c_str()));
+    if (!box) continue;
+    wanted = std::max(wanted, vrEventBox::most_kept(*box));
+    boxes.push_back(std::move(box));
   }
   // Of more events than any box keeps the oldest are not made.
   const std::size_t count = std::min<std::size_t>(wanted, list.length());
@@ -65,7 +65,10 @@ CORBA::ULong Port_Factory_i::declare_event_n(CORBA::ULong code, const Varo::DATA
   for (std::size_t i = list.length() - count; i < list.length(); ++i) {
     events.push_back(make_event(list[static_cast<CORBA::ULong>(i)], may_take));
   }
-  for (const auto& box : boxes) box->push_events(events);
+  for (const auto& box : boxes) {
+    box->push_events(events);
+    box->count_never_made(list.length() - count);
+  }
   return result::ok;
 } catch (const std::bad_alloc&) {
   return no_memory(result::out_of_memory);

@@ -13,6 +13,7 @@ namespace {
 
 // Moves a buffer into an out payload; false when it could not be allocated.
 bool deliver(vrBuffer&& buffer, Varo::DATA_BUFFER_out& out) {
+  traffic().sent.add(buffer.size());
   DATA_BUFFER* const data = to_wire(std::move(buffer));
   out = data;
   return data != nullptr;
@@ -33,6 +34,7 @@ unsigned int with_empty(Varo::DATA_BUFFER_SEQ_out& out, unsigned int code) {
 bool put(const Event_ptr& event, DATA_BUFFER& element) {
   const unsigned int size = event->size();
   if (size == 0) return true;
+  traffic().sent.add(size);
   if (event.use_count() == 1) {
     element.replace(size, size, event->release().release(), 1);
     return true;

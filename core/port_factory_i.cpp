@@ -8,6 +8,8 @@
 #include "middleware/interface_name.h"
 #include "persistence/servant_hooks.h"
 #include "platform/clock.h"
+#include "platform/counters.h"
+#include "platform/limits.h"
 #include "platform/process.h"
 #include "ports/servant_hooks.h"
 
@@ -60,6 +62,32 @@ boost::shared_ptr<Port_impl> Port_Factory_i::find_port(unsigned int handle) {
 unsigned int Port_Factory_i::last_handle() {
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, first_client_handle);
   return registry_.last_id();
+}
+
+Server_Figures Port_Factory_i::figures() {
+  Server_Figures figures;
+  for (const auto& port : ports_in_name_order([](Port_impl&) { return true; })) {
+    figures.ports.push_back(port->figures());
+  }
+  {
+    ACE_READ_GUARD_RETURN(ACE_RW_Thread_Mutex, guard, event_lock_, figures);
+    figures.subscriptions = events_.subscriptions();
+  }
+  figures.snapshot = snapshot_state();
+#if !defined(PORTSVC_ORB_TAO)
+  figures.calls = orb::served_calls().read();
+#endif
+  figures.bytes_received = traffic().received.sum();
+  figures.bytes_sent = traffic().sent.sum();
+  figures.connections_taken = orb::connections_taken();
+  const auto add = [&](const char* what, const Limit& limit, std::uint64_t used) {
+    figures.limits.push_back({what, used, limit.most(), limit.refused()});
+  };
+  add("connections", limits().connections, orb::connections_served());
+  add("blocked_calls", limits().blocked_calls, limits().blocked_calls.used());
+  add("ports", limits().ports, figures.ports.size());
+  add("queued_bytes", limits().queued_bytes, limits().queued_bytes.used());
+  return figures;
 }
 
 // What ports and background tasks ask of their servant. These definitions stand here because every

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core/event_table.h"
+#include "core/figures.h"
 #include "core/port_registry.h"
 #include "middleware/data_sender.h"
 #include "middleware/orb/orb.h"
@@ -22,12 +23,6 @@
 #include "persistence/background_tasks.h"
 #include "ports/port_impl.h"
 #include "ports/servant_hooks.h"
-
-/// How the writing of snapshots goes.
-struct Snapshot_State {
-  std::int64_t last_good = 0;  ///< calendar seconds of the last one written whole; 0 before any
-  std::string problem;         ///< of the last attempt; empty when it was good
-};
 
 /// Servant of Varo::DT_PORT_SVC::Port_Factory without its role: registry of ports, client handles,
 /// lookups, packet operations, selection, event operations, snapshots and the expiry of event
@@ -175,8 +170,11 @@ class Port_Factory_i : public virtual portsvc::orb::Port_Factory_Skeleton,
   unsigned int load_refsnapshot(const char* path);
   /// The snapshot file's path, composed at the first call; good while the servant lives.
   const char* get_snap_path();
-  /// For the host: its log, its measurements.
-  Snapshot_State snapshot_state();
+  portsvc::Snapshot_State snapshot_state();
+  /// For the host, which shows them to those who run the server. Everything is counted from the
+  /// servant's, or the process's, start. Takes the registry lock while it lists the ports, then the
+  /// locks of one port after the other.
+  virtual portsvc::Server_Figures figures();
   /// Deletes the event boxes that have expired.
   void checkNoTransition();
 
@@ -210,6 +208,7 @@ class Port_Factory_i : public virtual portsvc::orb::Port_Factory_Skeleton,
   std::string realm_;
 
  private:
+  unsigned int write_snapshot();
   unsigned int snapshot_of_all(std::string& bytes);
 
   /// An event for the boxes, with handle 0 and the payload's bytes.
@@ -217,7 +216,7 @@ class Port_Factory_i : public virtual portsvc::orb::Port_Factory_Skeleton,
   unsigned int subscribers(int code, boost::shared_ptr<const portsvc::Event_Table::Names>& names);
 
   ACE_Thread_Mutex snapshot_state_lock_;  // guards snapshot_state_; a leaf
-  Snapshot_State snapshot_state_;
+  portsvc::Snapshot_State snapshot_state_;
   TransitionCheckTask housekeeping_;
 };
 

@@ -2,8 +2,10 @@
 
 #include <ace/Guard_T.h>
 #include <ace/Thread_Mutex.h>
+#include <fmt/format.h>
 
 #include <cerrno>
+#include <chrono>
 #include <new>
 
 #include "core/port_factory_i.h"
@@ -11,6 +13,7 @@
 #include "persistence/snapshot_file.h"
 #include "persistence/whole_file.h"
 #include "platform/clock.h"
+#include "platform/log.h"
 #include "platform/process.h"
 #include "ports/event_box.h"
 
@@ -39,7 +42,22 @@ const char* Port_Factory_i::get_snap_path() {
 }
 
 CORBA::ULong Port_Factory_i::make_snapshot() {
+  const std::string before = snapshot_state().problem;
+  const unsigned int made = write_snapshot();
+  const Snapshot_State state = snapshot_state();
+  if (made == result::ok) {
+    log(Log_Level::info, "snapshot",
+        fmt::format("{} in {:.3f} s", before.empty() ? "written" : "snapshots are written again",
+                    state.seconds));
+  } else if (state.problem != before) {
+    log(Log_Level::error, "snapshot", "no snapshot: " + state.problem);
+  }
+  return made;
+}
+
+unsigned int Port_Factory_i::write_snapshot() {
   ACE_GUARD_RETURN(ACE_Thread_Mutex, file_guard, file_lock(), result::servant_lock);
+  const auto start = std::chrono::steady_clock::now();
   std::string problem;
   unsigned int made = result::snapshot_not_writable;
   try {
@@ -54,8 +72,15 @@ CORBA::ULong Port_Factory_i::make_snapshot() {
     errno = ENOMEM;
   }
   ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, snapshot_state_lock_, made);
-  if (made == result::ok) snapshot_state_.last_good = calendar_seconds();
   if (made == result::servant_lock) problem = "a lock could not be taken";
+  if (made == result::ok) {
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+    snapshot_state_.last_good = calendar_seconds();
+    snapshot_state_.seconds = took.count();
+    ++snapshot_state_.written;
+  } else {
+    ++snapshot_state_.failed;
+  }
   snapshot_state_.problem = std::move(problem);
   return made;
 }

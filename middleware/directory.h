@@ -30,6 +30,9 @@ class Directory {
   /// directory does. Empty when the directory cannot be asked. Never throws.
   virtual std::vector<std::string> servers(const std::string& role, const std::string& realm) = 0;
 
+  /// Reads again what it has read before, whether or not it seems to have changed. Never throws.
+  virtual void read_again() {}
+
   /// Whether servers enter themselves.
   virtual bool takes_entries() const { return true; }
 

@@ -61,6 +61,12 @@ class FileDirectory final : public Directory {
     return names;
   }
 
+  void read_again() override {
+    const std::lock_guard<std::mutex> guard(lock_);
+    stamp_ = {};
+    refresh();
+  }
+
   bool takes_entries() const override { return false; }
   void bind(const std::string&, const std::string&, const std::string&,
             CORBA::Object_ptr) override {}

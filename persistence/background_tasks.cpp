@@ -20,7 +20,6 @@ int SnapSaveTask::svc() {
     if (last_save_ + period_ < calendar_seconds()) {
       if (owner_) servant::make_snapshot(owner_);
       last_save_ = calendar_seconds();
-      if (after_save_) after_save_();
     }
     portsvc::clock().pause(save_round, &stop_);
   }

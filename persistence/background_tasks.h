@@ -5,8 +5,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
-#include <utility>
 
 class Port_Factory_i;
 
@@ -21,8 +19,6 @@ class SnapSaveTask : public ACE_Task_Base {
 
   /// Seconds between saves, 60 unless changed before the thread starts.
   void set_period(unsigned int seconds) { period_ = seconds; }
-  /// Called on the task's thread after each save. Set before the thread starts.
-  void set_after_save(std::function<void()> after_save) { after_save_ = std::move(after_save); }
   /// Asks the thread to end, which it does within 3 seconds. Returns at once.
   void ShutDown() { stop_ = true; }
 
@@ -33,7 +29,6 @@ class SnapSaveTask : public ACE_Task_Base {
   std::int64_t last_save_;  // calendar seconds
   std::atomic<bool> stop_{false};
   std::int64_t period_ = 60;
-  std::function<void()> after_save_;
 };
 
 /// Removes a servant's expired event boxes, in the first round, one every 2 seconds, that comes

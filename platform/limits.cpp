@@ -1,15 +1,14 @@
 #include "platform/limits.h"
 
+#include <string>
+
+#include "platform/log.h"
+
 namespace portsvc {
 namespace {
 
-std::function<void(const std::string&)>& reporter() {
-  static std::function<void(const std::string&)> reporter;
-  return reporter;
-}
-
 void report(const std::string& line, const char* whose) {
-  if (reporter()) reporter()(whose ? std::string("port ") + whose + ": " + line : line);
+  log(Log_Level::warning, "limit", whose ? std::string("port ") + whose + ": " + line : line);
 }
 
 }  // namespace
@@ -17,10 +16,6 @@ void report(const std::string& line, const char* whose) {
 Limits& limits() {
   static Limits limits;
   return limits;
-}
-
-void report_limits(std::function<void(const std::string&)> report) {
-  reporter() = std::move(report);
 }
 
 bool Limit::allows(std::uint64_t used, std::atomic<bool>& reached, const char* whose) {

@@ -3,14 +3,12 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
-#include <string>
 #include <utility>
 
 namespace portsvc {
 
 /// How many of something there may be. Without a limit until the host sets one. Reaching it is
-/// reported once, and once more when there is room again: when less than nine tenths are in use.
+/// logged once, and once more when there is room again: when less than nine tenths are in use.
 /// Any thread may use it; no lock is needed or taken.
 class alignas(64) Limit {
  public:
@@ -64,10 +62,6 @@ struct Limits {
 
 /// The limits of the process.
 Limits& limits();
-
-/// Where reached limits are reported, one line each; nowhere until this is called, which the host
-/// does before it serves. The line comes on the thread of whoever met the limit.
-void report_limits(std::function<void(const std::string&)> report);
 
 /// A payload's share of the queued bytes, for as long as this lives. Each counts a little more than
 /// its bytes, for what surrounds them.

@@ -15,6 +15,7 @@ void vrPort_Buffer_Queue::clear() {
   Entries dropped;  // destroyed after the lock is released
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, lock_);
   dropped.swap(entries_);
+  flow_.cleared += dropped.size();
 }
 
 void vrPort_Buffer_Queue::set_limit(unsigned int limit) {
@@ -49,7 +50,9 @@ void vrPort_Buffer_Queue::push_back(vrPort_Buffer&& packet) {
     errno = ENOMEM;
     return;
   }
+  ++flow_.put;
   if (entries_.size() > limit_) {
+    ++flow_.dropped;
     dropped = std::move(entries_.front().bytes);
     entries_.pop_front();
   }
@@ -61,6 +64,7 @@ unsigned int vrPort_Buffer_Queue::pop(unsigned int handle, vrPort_Buffer& out) {
     if (entries_.empty()) return result::nothing_arrived;
     hand_over(entries_.front(), out);
     entries_.pop_front();
+    ++flow_.taken;
     return result::ok;
   }
   const auto found = std::find_if(entries_.begin(), entries_.end(),
@@ -68,7 +72,15 @@ unsigned int vrPort_Buffer_Queue::pop(unsigned int handle, vrPort_Buffer& out) {
   if (found == entries_.end()) return result::unknown_name;
   hand_over(*found, out);
   entries_.erase(found);
+  ++flow_.taken;
   return result::ok;
+}
+
+Flow vrPort_Buffer_Queue::flow() {
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, lock_, {});
+  Flow flow = flow_;
+  flow.queued = entries_.size();
+  return flow;
 }
 
 void vrPort_Buffer_Queue::hand_over(Entry& entry, vrPort_Buffer& out) {

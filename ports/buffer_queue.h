@@ -8,6 +8,7 @@
 
 #include "platform/limits.h"
 #include "ports/buffer.h"
+#include "ports/figures.h"
 
 /// First-in-first-out queue with a limit; beyond it the oldest entry is dropped silently.
 /// Thread-safe: every operation but limit() holds the queue's lock for its whole run. A lock that
@@ -41,6 +42,7 @@ class vrPort_Buffer_Queue {
   unsigned int pop(unsigned int handle, vrPort_Buffer& out);
   /// 0 when an entry for `handle` is queued, 2001 when only others are, 2002 when empty, 2011.
   unsigned int find(unsigned int handle);
+  portsvc::Flow flow();
 
  private:
   // Not a vrPort_Buffer: the assignment of those skips empty payloads, which the deque must not
@@ -55,7 +57,8 @@ class vrPort_Buffer_Queue {
 
   static void hand_over(Entry& entry, vrPort_Buffer& out);
 
-  ACE_Recursive_Thread_Mutex lock_;  // guards entries_ and writes of limit_; a leaf
+  ACE_Recursive_Thread_Mutex lock_;  // guards entries_, flow_ and writes of limit_; a leaf
   Entries entries_;                  // front is the oldest
+  portsvc::Flow flow_;               // but for `queued`
   std::atomic<unsigned int> limit_{1};
 };

@@ -33,6 +33,7 @@ Event_ptr vrEventBox::drop_oldest() {
   if (events_.size() > limit()) {
     oldest = std::move(events_.front());
     events_.pop_front();
+    ++flow_.dropped;
   }
   return oldest;
 }
@@ -44,6 +45,7 @@ Event_ptr vrEventBox::append(const Event_ptr& event) {
     errno = ENOMEM;
     return {};
   }
+  ++flow_.put;
   return drop_oldest();
 }
 
@@ -67,8 +69,17 @@ void vrEventBox::push_events(const std::vector<Event_ptr>& events) {
          ++event) {
       dropped.push_back(append(*event));
     }
+    flow_.put += events.size() - count;
+    flow_.dropped += events.size() - count;
   }
   something_changed(packets(), static_cast<unsigned int>(events.size()));
+}
+
+void vrEventBox::count_never_made(std::uint64_t events) {
+  if (events == 0) return;
+  ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
+  flow_.put += events;
+  flow_.dropped += events;
 }
 
 void vrEventBox::push_event_front(const Event_ptr& event) {
@@ -78,6 +89,7 @@ void vrEventBox::push_event_front(const Event_ptr& event) {
     dropped = drop_oldest();
     try {
       events_.push_front(event);
+      ++flow_.put;
     } catch (const std::bad_alloc&) {
       errno = ENOMEM;
     }
@@ -90,6 +102,7 @@ void vrEventBox::clear_events() {
   {
     ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, box_lock_);
     dropped.swap(events_);
+    flow_.cleared += dropped.size();
   }
   const bool many = dropped.size() >= many_events;
   Events().swap(dropped);
@@ -160,6 +173,7 @@ template <class Take>
 unsigned int vrEventBox::wait_for_events(unsigned int timeout, Take&& take) {
   const Topic topic = packets();
   bool caller_gone = false;
+  const Waiting waiting(takers_waiting_);
   const unsigned int taken = wait(
       timeout, result::timed_out, {this, &topic, 1},
       [&](const Caller* caller) -> std::optional<unsigned int> {
@@ -188,6 +202,7 @@ unsigned int vrEventBox::take_packet(vrPort_Buffer& out, unsigned int timeout) {
   const unsigned int taken = wait_for_events(timeout, [&] {
     event = std::move(events_.front());
     events_.pop_front();
+    ++flow_.taken;
   });
   if (taken == result::ok) {
     // Only the payload: `out` keeps its own handle. Nobody else can reach an event whose last
@@ -208,8 +223,19 @@ unsigned int vrEventBox::take_events(std::vector<Event_ptr>& events, unsigned in
     do {
       events.push_back(std::move(events_.front()));
       events_.pop_front();
+      ++flow_.taken;
     } while (!events_.empty() && events.size() < maximum);
   });
+}
+
+Port_Figures vrEventBox::figures() {
+  Port_Figures figures = Port_impl::figures();
+  figures.persistent = persistent();
+  figures.copied = copy_enable() != 0;
+  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, box_lock_, figures);
+  figures.packets = flow_;
+  figures.packets.queued = events_.size();
+  return figures;
 }
 
 bool vrEventBox::expired() const {

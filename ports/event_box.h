@@ -19,6 +19,8 @@ class vrEventBox : public Port_impl {
   vrEventBox(const char* name, unsigned int port_id, unsigned int limit, Port_Factory_i* servant);
 
   void push_events(const std::vector<Event_ptr>& events) override;
+  /// Counts events that were not made because this box would have dropped them at once.
+  void count_never_made(std::uint64_t events);
   void clear_events() override;
   unsigned int event_count() override;
   /// Hands the packet to the role's process_event_data and answers what that does.
@@ -41,6 +43,7 @@ class vrEventBox : public Port_impl {
   unsigned int take_packet(vrPort_Buffer& out, unsigned int timeout) override;
   unsigned int wait_receiver(unsigned int, unsigned int) override;
   unsigned int take_reply(unsigned int, unsigned int, vrPort_Buffer&) override;
+  portsvc::Port_Figures figures() override;
 
   /// Up to `maximum` events, at least one, in one hold of the lock. Results as take_packet.
   unsigned int take_events(std::vector<Event_ptr>& events, unsigned int maximum,
@@ -69,6 +72,7 @@ class vrEventBox : public Port_impl {
   std::atomic<bool> persistent_{true};
   Port_Factory_i* const servant_;          // not owned
   std::atomic<std::int64_t> last_access_;  // calendar seconds
-  ACE_Recursive_Thread_Mutex box_lock_;    // guards events_; a leaf
+  ACE_Recursive_Thread_Mutex box_lock_;    // guards events_ and flow_; a leaf
   Events events_;                          // front is the oldest
+  portsvc::Flow flow_;                     // but for `queued`
 };

@@ -63,6 +63,7 @@ unsigned int vrMaster_Port::replay_wait(unsigned int handle, vrBuffer& data, uns
 
 unsigned int vrMaster_Port::take_packet(vrPort_Buffer& out, unsigned int timeout) {
   bool waits = false;
+  const Waiting waiting(takers_waiting_);
   {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, state_lock_, result::port_lock);
     receiver_waiting_ = true;
@@ -122,6 +123,7 @@ unsigned int vrMaster_Port::admit(unsigned int handle, unsigned int timeout,
     enter();
     return result::ok;
   }
+  const Waiting waiting(senders_waiting_);
   const Topic topic = admission();
   return wait(
       timeout, result::send_timed_out, {this, &topic, 1},
@@ -150,6 +152,7 @@ unsigned int vrMaster_Port::take_reply(unsigned int handle, unsigned int timeout
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
     client_mode = client_access(handle);
   }
+  const Waiting waiting(reply_takers_waiting_);
   const Topic topic = replies(handle);
   return wait(
       timeout, result::reply_timed_out, {this, &topic, 1},

@@ -90,6 +90,25 @@ void Port_impl::info(unsigned int& access, unsigned int& kind, bool& connected,
   limit = packet_queue_.limit();
 }
 
+Port_Figures Port_impl::figures() {
+  Port_Figures figures;
+  figures.name = name();
+  figures.port_id = port_id();
+  info(figures.owner_access, figures.kind, figures.owner_connected, figures.limit);
+  figures.host = connected_host();
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, figures);
+    figures.clients = clients_.size();
+  }
+  figures.packets = packet_queue_.flow();
+  figures.replies = reply_queue_.flow();
+  figures.senders_waiting = senders_waiting_.load(std::memory_order_relaxed);
+  figures.takers_waiting = takers_waiting_.load(std::memory_order_relaxed);
+  figures.reply_takers_waiting = reply_takers_waiting_.load(std::memory_order_relaxed);
+  figures.selections = selector_count_.load(std::memory_order_relaxed);
+  return figures;
+}
+
 unsigned int Port_impl::select_replay(unsigned int handle, bool mark) {
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
   if (client_access(handle) != ACCESS_SELECT) return result::access_refused;

@@ -12,10 +12,12 @@
 #include <vector>
 
 #include "idl/port_codes.h"
+#include "platform/counters.h"
 #include "platform/wake.h"
 #include "ports/buffer.h"
 #include "ports/buffer_queue.h"
 #include "ports/client_index.h"
+#include "ports/figures.h"
 
 /// An event: shared by every box and request that holds it, never changed once made.
 using Event_ptr = boost::shared_ptr<vrPort_Buffer>;
@@ -77,6 +79,9 @@ class Port_impl : public boost::enable_shared_from_this<Port_impl> {
   /// The blocking take behind replay_wait.
   virtual unsigned int take_reply(unsigned int handle, unsigned int timeout,
                                   vrPort_Buffer& out) = 0;
+  /// For whoever reports them; but for the copies, which the port does not know of. Takes the locks
+  /// of the port one after the other.
+  virtual portsvc::Port_Figures figures();
 
   // --- what all ports share
 
@@ -166,5 +171,8 @@ class Port_impl : public boost::enable_shared_from_this<Port_impl> {
   std::atomic<bool> full_{false};  // has_room() said no last
   unsigned int notify_ = 0;
   std::atomic<int> copy_enable_{1};
+  std::atomic<unsigned int> senders_waiting_{0};
+  std::atomic<unsigned int> takers_waiting_{0};
+  std::atomic<unsigned int> reply_takers_waiting_{0};
   portsvc::Client_Index* index_ = nullptr;  // not owned; null while not in a port table
 };

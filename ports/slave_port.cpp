@@ -32,6 +32,12 @@ unsigned int wait_on_peer(unsigned int timeout, unsigned int over, Call&& call) 
   }
 }
 
+// Counts what the peer has done, and answers its code.
+unsigned int counted(std::atomic<std::uint64_t>& done, unsigned int code) {
+  if (code == result::ok) count(done);
+  return code;
+}
+
 // The peer has been restarted between the calls of one exchange.
 class AnotherLife : public CORBA::TRANSIENT {};
 
@@ -226,7 +232,8 @@ unsigned int vrSlave_Port::disconnect_owner() {
   return result::ok;
 }
 
-unsigned int vrSlave_Port::receive(unsigned int& source, vrBuffer& data, unsigned int timeout) {
+unsigned int vrSlave_Port::take_at_peer(unsigned int& source, vrBuffer& data,
+                                        unsigned int timeout) {
   const Peer peer = this->peer();
   if (CORBA::is_nil(peer.in())) return result::no_peer;
   if (remote_owner_mark_ == no_owner) return result::unknown_handle;
@@ -266,7 +273,8 @@ void vrSlave_Port::enter_remote_client(unsigned int handle) {
   }
 }
 
-unsigned int vrSlave_Port::replay(unsigned int handle, vrBuffer data, unsigned int timeout) {
+unsigned int vrSlave_Port::answer_at_peer(unsigned int handle, vrBuffer&& data,
+                                          unsigned int timeout) {
   const Peer peer = this->peer();
   if (CORBA::is_nil(peer.in())) return result::no_peer;
   try {
@@ -292,7 +300,7 @@ unsigned int vrSlave_Port::replay(unsigned int handle, vrBuffer data, unsigned i
 
 // --- its clients
 
-unsigned int vrSlave_Port::forward(unsigned int handle, vrBuffer data, unsigned int timeout) {
+unsigned int vrSlave_Port::pass_on(unsigned int handle, vrBuffer&& data, unsigned int timeout) {
   const Peer peer = this->peer();
   if (CORBA::is_nil(peer.in())) return result::no_peer;
   try {
@@ -342,7 +350,8 @@ unsigned int vrSlave_Port::forward_front(unsigned int, vrBuffer, unsigned int) {
   return result::ok;
 }
 
-unsigned int vrSlave_Port::replay_wait(unsigned int handle, vrBuffer& data, unsigned int timeout) {
+unsigned int vrSlave_Port::take_reply_at_peer(unsigned int handle, vrBuffer& data,
+                                              unsigned int timeout) {
   const Peer peer = this->peer();
   if (CORBA::is_nil(peer.in())) return result::no_peer;
   std::uint64_t life = 0;
@@ -370,6 +379,36 @@ unsigned int vrSlave_Port::replay_wait(unsigned int handle, vrBuffer& data, unsi
     if (remote != 0) servant::note_peer_handle(owner_, remote, life, PeerHandle::left_open);
     return result::failed;
   }
+}
+
+// --- counted
+
+unsigned int vrSlave_Port::receive(unsigned int& source, vrBuffer& data, unsigned int timeout) {
+  const Waiting waiting(takers_waiting_);
+  return counted(packets_taken_, take_at_peer(source, data, timeout));
+}
+
+unsigned int vrSlave_Port::replay(unsigned int handle, vrBuffer data, unsigned int timeout) {
+  return counted(replies_put_, answer_at_peer(handle, std::move(data), timeout));
+}
+
+unsigned int vrSlave_Port::forward(unsigned int handle, vrBuffer data, unsigned int timeout) {
+  const Waiting waiting(senders_waiting_);
+  return counted(packets_put_, pass_on(handle, std::move(data), timeout));
+}
+
+unsigned int vrSlave_Port::replay_wait(unsigned int handle, vrBuffer& data, unsigned int timeout) {
+  const Waiting waiting(reply_takers_waiting_);
+  return counted(replies_taken_, take_reply_at_peer(handle, data, timeout));
+}
+
+Port_Figures vrSlave_Port::figures() {
+  Port_Figures figures = Port_impl::figures();
+  figures.packets.put = packets_put_.load(std::memory_order_relaxed);
+  figures.packets.taken = packets_taken_.load(std::memory_order_relaxed);
+  figures.replies.put = replies_put_.load(std::memory_order_relaxed);
+  figures.replies.taken = replies_taken_.load(std::memory_order_relaxed);
+  return figures;
 }
 
 unsigned int vrSlave_Port::take_packet(vrPort_Buffer&, unsigned int) { return failed_slot; }

@@ -58,6 +58,7 @@ class vrSlave_Port : public Port_impl {
   unsigned int take_packet(vrPort_Buffer& out, unsigned int timeout) override;
   unsigned int wait_receiver(unsigned int handle, unsigned int timeout) override;
   unsigned int take_reply(unsigned int handle, unsigned int timeout, vrPort_Buffer& out) override;
+  portsvc::Port_Figures figures() override;
 
   // --- the servant brings the proxy in line with a peer that was away
 
@@ -99,8 +100,19 @@ class vrSlave_Port : public Port_impl {
   void close_if_abandoned(PeerPtr peer, unsigned int handle);
   void give_up(unsigned int handle, unsigned int remote, std::uint64_t life);
 
+  unsigned int pass_on(unsigned int handle, vrBuffer&& data, unsigned int timeout);
+  unsigned int take_at_peer(unsigned int& source, vrBuffer& data, unsigned int timeout);
+  unsigned int answer_at_peer(unsigned int handle, vrBuffer&& data, unsigned int timeout);
+  unsigned int take_reply_at_peer(unsigned int handle, vrBuffer& data, unsigned int timeout);
+
   Port_Factory_i* const owner_;  // not owned
   std::atomic<unsigned int> remote_owner_mark_;
+
+  // What the peer has taken from here and given.
+  std::atomic<std::uint64_t> packets_put_{0};
+  std::atomic<std::uint64_t> packets_taken_{0};
+  std::atomic<std::uint64_t> replies_put_{0};
+  std::atomic<std::uint64_t> replies_taken_{0};
 
   // Guarded by state_lock_.
   bool owner_here_ = false;

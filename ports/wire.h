@@ -6,6 +6,7 @@
 
 #include "idl/port_codes.h"
 #include "middleware/orb/wire_bytes.h"
+#include "platform/counters.h"
 #include "platform/limits.h"
 #include "ports/buffer.h"
 
@@ -22,6 +23,7 @@ inline vrBuffer from_wire(const Varo::DATA_BUFFER& data) {
 
 /// Counts a payload of a call as queued, while the answer lives, or refuses the call.
 inline Queued_Bytes admit(unsigned int payload) {
+  traffic().received.add(payload);
   Queued_Bytes counted;
   if (!counted.take(payload)) orb::refuse(refusal::queued_bytes);
   return counted;

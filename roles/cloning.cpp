@@ -1,12 +1,14 @@
 // The sub role's copies of the main server's ports, and the ports it creates itself.
 
 #include <ace/Guard_T.h>
+#include <fmt/format.h>
 
 #include <cerrno>
 #include <new>
 
 #include "core/out_values.h"
 #include "platform/limits.h"
+#include "platform/log.h"
 #include "ports/port_creator.h"
 #include "roles/port_factory_sub.h"
 
@@ -24,7 +26,12 @@ const vrPort_Creator* creator() {
 void Port_Factory_Sub::clon_all_object() {
   ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, sub_lock_);
   const Port_Factory_var peer = get_remote_point();
-  if (CORBA::is_nil(peer.in())) return;
+  if (CORBA::is_nil(peer.in())) {
+    log(Log_Level::warning, "clone", "no ports cloned: the main server is not reached");
+    return;
+  }
+  std::size_t cloned = 0;
+  std::size_t named = 0;
   try {
     const orb::CallTimeout scope;
     Varo::STRING_LIST_var ports;
@@ -32,16 +39,21 @@ void Port_Factory_Sub::clon_all_object() {
     if (peer->patch_object_name(ports.out(), boxes.out()) != result::ok) return;
     const auto clone_each = [&](const Varo::STRING_LIST& names) {
       for (CORBA::ULong i = 0; i < names.length(); ++i) {
+        ++named;
         PORT_INFO info{};
         if (peer->get_port_info(names[i], info) != result::ok) continue;
         ACE_GUARD(ACE_Recursive_Thread_Mutex, registry_guard, registry_lock_);
-        create_clon(names[i], info);
+        if (create_clon(names[i], info)) ++cloned;
       }
     };
     clone_each(ports.in());
     clone_each(boxes.in());
-  } catch (const CORBA::Exception&) {
+    log(cloned == named ? Log_Level::info : Log_Level::warning, "clone",
+        fmt::format("{} of the main server's {} ports cloned", cloned, named));
+  } catch (const CORBA::Exception& failure) {
     releaseRemotePoint();  // the copies made so far stay
+    log(Log_Level::warning, "clone",
+        fmt::format("{} ports cloned, then: {}", cloned, orb::describe(failure)));
   }
 }
 
@@ -58,9 +70,14 @@ boost::shared_ptr<Port_impl> Port_Factory_Sub::create_clon(const char* name,
 boost::shared_ptr<Port_impl> Port_Factory_Sub::create_clon_port(const char* name) try {
   PORT_INFO info{};
   if (!ask_for(name, info)) return {};
-  ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, {});
-  if (auto port = registry_.find(name)) return port;  // somebody else was first
-  return create_clon(name, info);
+  boost::shared_ptr<Port_impl> port;
+  {
+    ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, registry_lock_, {});
+    if (auto first = registry_.find(name)) return first;  // somebody else was first
+    port = create_clon(name, info);
+  }
+  if (port) log(Log_Level::debug, "clone", fmt::format("{} cloned", name));
+  return port;
 } catch (const std::bad_alloc&) {
   errno = ENOMEM;  // it is not here yet
   return {};
@@ -76,6 +93,10 @@ CORBA::ULong Port_Factory_Sub::create_port(const char* name, CORBA::ULong kind,
   if (!limits().ports.allows(registry_.size())) orb::refuse(refusal::ports);
   registry_.add(port, kind == PORT_EVENTBOX);
   ++next_handle_;
+  if (port->kind() == PORT_MASTER) {
+    const std::lock_guard<std::mutex> unsettled(unsettled_lock_);
+    unreported_.insert(name);
+  }
   return result::ok;
 } catch (const std::bad_alloc&) {
   return no_memory(result::out_of_memory);

@@ -2,6 +2,7 @@
 
 #include <ace/Guard_T.h>
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -9,6 +10,7 @@
 #include "middleware/orb/orb.h"
 #include "middleware/reference_container.h"
 #include "platform/clock.h"
+#include "platform/counters.h"
 #include "ports/wire.h"
 
 using namespace portsvc;
@@ -63,15 +65,27 @@ void EventSendTask::push_request(SendEventRequest* request) {
   std::unique_ptr<SendEventRequest> owned(request);
   Requests discarded;  // destroyed after the lock is released
   if (!owned) return;
+  count(queued_);
   {
     ACE_GUARD(ACE_Thread_Mutex, guard, queue_lock_);
     if (requests_.size() <= pending_limit) {
       requests_.push_back(std::move(owned));
     } else {
       discarded.swap(requests_);
+      discarded.push_back(std::move(owned));
     }
   }
+  count(lost_, discarded.size());
   something_changed(requests());
+}
+
+Forwarded EventSendTask::figures() const {
+  Forwarded figures;
+  figures.sent = sent_.load(std::memory_order_relaxed);
+  figures.lost = lost_.load(std::memory_order_relaxed);
+  const std::uint64_t done = figures.sent + figures.lost;
+  figures.pending = std::max(queued_.load(std::memory_order_relaxed), done) - done;
+  return figures;
 }
 
 void EventSendTask::stop() {
@@ -96,10 +110,16 @@ int EventSendTask::svc() {
       portsvc::clock().rest(idle_pause, {&stop_, &topic, 1}, [this] { return has_work(); });
       continue;
     }
+    std::size_t done = 0;
     for (const auto& request : batch) {
-      if (stop_ || is_delivery_failure(request->execute())) break;
+      if (stop_) break;
+      const unsigned int answer = request->execute();
+      if (is_delivery_failure(answer)) break;
+      ++done;
+      count(answer == result::ok ? sent_ : lost_);  // it may neither have nor find the box
       portsvc::clock().pause(yield, &stop_);
     }
+    count(lost_, batch.size() - done);
     portsvc::clock().pause(yield, &stop_);
   }
   return 0;

@@ -12,6 +12,7 @@
 #include "platform/limits.h"
 #include "platform/wake.h"
 #include "ports/buffer.h"
+#include "ports/figures.h"
 
 /// One copy for one sub server. It owns all it needs and refers to nothing.
 class SendEventRequest {
@@ -57,6 +58,8 @@ class EventSendTask : public ACE_Task_Base {
 
   int svc() override;
 
+  portsvc::Forwarded figures() const;
+
  private:
   using Requests = std::deque<std::unique_ptr<SendEventRequest>>;
 
@@ -64,6 +67,9 @@ class EventSendTask : public ACE_Task_Base {
   bool has_work();
 
   std::atomic<bool> stop_{false};
+  std::atomic<std::uint64_t> queued_{0};
+  std::atomic<std::uint64_t> sent_{0};
+  std::atomic<std::uint64_t> lost_{0};
   ACE_Thread_Mutex queue_lock_;  // guards requests_; a leaf
   Requests requests_;
 };

@@ -14,6 +14,7 @@ unsigned int vrPortConnect_Manager::on_connected(CORBA::Object_var& object) {
 }
 
 void vrPortConnect_Manager::on_heartbeat() {
+  servant_->note_main_server(reached());
   servant_->heart_bit();
   if (reached()) settled_ = servant_->settle(peer_.in(), !settled_);
 }

@@ -90,6 +90,17 @@ int Port_Factory_Main::process_event_data(Port_impl* port, unsigned int handle,
   return 0;
 }
 
+unsigned int Port_Factory_Main::forward_event(const char* box, std::string_view data) try {
+  const auto port = get_port(box);
+  if (!port || port->kind() != PORT_EVENTBOX) return result::unknown_name;
+  const auto size = static_cast<unsigned int>(data.size());
+  Queued_Bytes admitted;
+  if (!admitted.take(size)) return result::out_of_memory;
+  return port->forward(0, vrBuffer(size, data.data()), 0);
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
+}
+
 EventSendTask* Port_Factory_Main::task_for(const char* port_name) {
   ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, task_table_lock_, nullptr);
   std::unique_ptr<EventSendTask>& task = tasks_[port_name];
@@ -98,6 +109,23 @@ EventSendTask* Port_Factory_Main::task_for(const char* port_name) {
     task->activate(0, 1, 0, 0, -1);
   }
   return task.get();
+}
+
+Server_Figures Port_Factory_Main::figures() {
+  Server_Figures figures = Port_Factory_i::figures();
+  figures.sub_servers = sub_servers_;
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, task_table_lock_, figures);
+  // Both are in name order.
+  auto port = figures.ports.begin();
+  for (const auto& [name, task] : tasks_) {
+    const Forwarded copies = task->figures();
+    figures.copies.pending += copies.pending;
+    figures.copies.sent += copies.sent;
+    figures.copies.lost += copies.lost;
+    while (port != figures.ports.end() && port->name < name) ++port;
+    if (port != figures.ports.end() && port->name == name) port->copies = copies;
+  }
+  return figures;
 }
 
 CORBA::ULong Port_Factory_Main::update(const char* name, unsigned int handle,

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/port_factory_i.h"
@@ -58,6 +59,13 @@ class Port_Factory_Main : public Port_Factory_i {
   CORBA::ULong inquire_master(const char* name, CORBA::String_out master) override;
   /// The consumers that the data sender knows. 0; 3009 none; 5.
   CORBA::ULong get_remote_sub(Varo::STRING_LIST_out list) override;
+
+  portsvc::Server_Figures figures() override;
+
+  /// For the host: puts `data` into an event box as a client within the process would forward it,
+  /// so that the sub servers get their copies. 0; 2001 no event box of that name; 5 it does not fit
+  /// into the limit of queued bytes, or there is no memory. What did not answer 0 changed nothing.
+  unsigned int forward_event(const char* box, std::string_view data);
 
   void RunTask() {}
 

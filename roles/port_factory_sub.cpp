@@ -10,6 +10,8 @@
 
 #include "core/out_values.h"
 #include "middleware/reference_container.h"
+#include "platform/clock.h"
+#include "platform/log.h"
 #include "platform/time_value.h"
 #include "ports/event_box.h"
 #include "ports/slave_port.h"
@@ -40,6 +42,8 @@ Port_Factory_Sub::Port_Factory_Sub(const char* main_server, const char* interfac
       owner_note_(std::string("owner at ") + interface_name),
       life_(interface_name),
       time_lost_at_((steady_clock::now() - after_lost_time).time_since_epoch().count()) {
+  peer_.name = main_server;
+  peer_.since = calendar_seconds();
   if (realm) SetReleam(realm);
   do_init_operation();
 }
@@ -125,6 +129,28 @@ boost::shared_ptr<Port_impl> Port_Factory_Sub::get_port(const char* name) {
   return create_clon_port(name);
 }
 
+void Port_Factory_Sub::note_main_server(bool reached) {
+  {
+    const std::lock_guard<std::mutex> guard(peer_lock_);
+    if (reached == peer_.up) return;
+    peer_.up = reached;
+    peer_.since = calendar_seconds();
+    ++(reached ? peer_.found : peer_.lost);
+  }
+  if (reached) {
+    log(Log_Level::info, "peer", fmt::format("main server {} found", main_server_.c_str()));
+  } else {
+    log(Log_Level::warning, "peer", fmt::format("main server {} lost", main_server_.c_str()));
+  }
+}
+
+Server_Figures Port_Factory_Sub::figures() {
+  Server_Figures figures = Port_Factory_i::figures();
+  const std::lock_guard<std::mutex> guard(peer_lock_);
+  figures.peer = peer_;
+  return figures;
+}
+
 unsigned int Port_Factory_Sub::back_call_(CORBA::Object_var& object) {
   {
     ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, sub_lock_, result::servant_lock);
@@ -139,6 +165,8 @@ unsigned int Port_Factory_Sub::back_call_(CORBA::Object_var& object) {
       return result::failed;
     }
   }
+  log(Log_Level::info, "peer",
+      fmt::format("announced to the main server as {}", interface_name_.c_str()));
   // Without the sub lock: finding the ports takes the registry lock, which comes before it.
   notify_masters();
   return result::ok;
@@ -335,6 +363,25 @@ void Port_Factory_Sub::note_peer_owner(Port_impl* port, Port_Factory_ptr peer) {
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;  // it is settled when the main server is reached anew
   }
+}
+
+std::vector<std::string> Port_Factory_Sub::kept_but_unreported() {
+  std::set<std::string> names;
+  {
+    const std::lock_guard<std::mutex> guard(unsettled_lock_);
+    names = unreported_;
+  }
+  std::vector<std::string> kept;
+  for (const std::string& name : names) {
+    const auto port = Port_Factory_i::get_port(name.c_str());
+    if (port && port->kind() == PORT_MASTER && port->notify() == 0) {
+      kept.push_back(name);
+      continue;
+    }
+    const std::lock_guard<std::mutex> guard(unsettled_lock_);
+    unreported_.erase(name);
+  }
+  return kept;
 }
 
 bool Port_Factory_Sub::leads_back(Port_Factory_ptr peer) {

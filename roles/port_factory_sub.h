@@ -61,6 +61,8 @@ class Port_Factory_Sub : public Port_Factory_i {
   /// main server went away meanwhile.
   bool settle(Varo::DT_PORT_SVC::Port_Factory_ptr peer, bool all);
   void main_server_reached_anew() { life_.reached_anew(); }
+  /// What a beat has found: whether the main server counts as reached.
+  void note_main_server(bool reached);
 
   /// The connection manager has reached the main server (anew): keeps the reference, announces this
   /// server and reports its ports. 0; 10; 0xFFFFFFFF when the announcement failed or `object` is no
@@ -95,12 +97,18 @@ class Port_Factory_Sub : public Port_Factory_i {
   /// Answers only while no exchange with the main server is in progress.
   void heart_bit() override;
 
+  portsvc::Server_Figures figures() override;
+  /// For the host, which calls set_notify_port for each while the main server is reached: the
+  /// packet ports that were made here, so that this server serves their owners, and that have not
+  /// been reported to the main server.
+  std::vector<std::string> kept_but_unreported();
+
  protected:
   using Port_Factory_i::get_port;
   /// Clones a port that is missing here and that the main server has.
   boost::shared_ptr<Port_impl> get_port(const char* name) override;
 
-  /// Clones all ports of the main server. 0; 10.
+  /// Clones all ports of the main server, and logs how many. 0; 10.
   int do_init_operation();
   /// Reports every marked port to the main server. 0; 10; 0xFFFFFFFF when a call failed or there is
   /// no reference. Takes the registry lock, and the sub lock per port.
@@ -135,13 +143,16 @@ class Port_Factory_Sub : public Port_Factory_i {
   const std::string owner_note_;  // the host of ports owned through this server
   portsvc::Main_Life life_;
   std::atomic<bool> leads_back_{false};
-  std::mutex unsettled_lock_;        // guards unsettled_; a leaf
-  std::set<std::string> unsettled_;  // names of proxies
-  std::mutex round_lock_;            // guards the two below; a leaf
-  std::string round_;                // the name this server asks for to see whether it comes round
+  std::mutex unsettled_lock_;         // guards the two below; a leaf
+  std::set<std::string> unsettled_;   // names of proxies
+  std::set<std::string> unreported_;  // names of ports made here
+  std::mutex round_lock_;             // guards the two below; a leaf
+  std::string round_;                 // the name this server asks for to see whether it comes round
   bool came_round_ = false;
   // When a lookup has lost time on the main server last, in steady_clock's ticks.
   std::atomic<std::chrono::steady_clock::rep> time_lost_at_;
+  std::mutex peer_lock_;  // guards peer_; a leaf
+  portsvc::Peer_Figures peer_;
   Port_Factory_var master_;  // nil until back_call_, and after any failed call made through it
   // Serialises the exchanges with the main server and guards master_. Held across those calls.
   // Under it may be taken: the registry lock and what comes below that.

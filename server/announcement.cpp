@@ -4,7 +4,7 @@
 #include <new>
 #include <utility>
 
-#include "server/messages.h"
+#include "platform/log.h"
 
 namespace portsvc::server {
 namespace {
@@ -20,7 +20,9 @@ Announcement::Announcement(std::shared_ptr<Directory> directory, std::string ser
       realm_(std::move(realm)),
       role_(std::move(role)),
       reference_(CORBA::Object::_duplicate(reference)) {
-  enter(true);
+  if (enter(true) && directory_->takes_entries()) {
+    log(Log_Level::info, "directory", "entered as '" + server_ + "'");
+  }
   thread_ = std::thread([this] { keep_entered(); });
 }
 
@@ -40,7 +42,9 @@ bool Announcement::enter(bool tell_failure) {
     entered_ = true;
     return true;
   } catch (const orb::Error& error) {
-    if (tell_failure) tell(std::string(error.what()) + "; trying again");
+    if (tell_failure) {
+      log(Log_Level::warning, "directory", std::string(error.what()) + "; trying again");
+    }
   }
   return false;
 }
@@ -52,7 +56,7 @@ void Announcement::keep_entered() {
     try {
       const CORBA::Object_var found = directory_->resolve(server_, realm_);
       if (CORBA::is_nil(found.in()) && directory_->takes_entries() && enter(false)) {
-        tell("the naming service has entered '" + server_ + "'");
+        log(Log_Level::info, "directory", "the naming service has entered '" + server_ + "'");
       }
     } catch (const std::bad_alloc&) {
       // The next look does it.

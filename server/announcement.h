@@ -16,7 +16,7 @@ namespace portsvc::server {
 /// directory may not have been in reach, or may have lost its data.
 class Announcement {
  public:
-  /// Tries once, within about the peer call time-out; a failure is told on standard error.
+  /// Tries once, within about the peer call time-out; a failure is logged.
   Announcement(std::shared_ptr<Directory> directory, std::string server, std::string realm,
                std::string role, CORBA::Object_ptr reference);
   ~Announcement();

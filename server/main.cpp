@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <exception>
+#include <optional>
 
 #include "middleware/orb/orb.h"
 #include "platform/memory.h"
@@ -50,7 +51,11 @@ int main(int argc, char** argv) {
   allow_many_connections();
   StopSignal stop(std::chrono::seconds(9));
   try {
-    run(options, stop);
+    run(options, stop, [&]() -> std::optional<Options> {
+      Options again;
+      if (parse(argc, argv, again)) return std::nullopt;
+      return again;
+    });
     return status::success;
   } catch (const std::exception& error) {
     tell(error.what());

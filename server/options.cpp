@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <utility>
 
 #include "cli/decimal_options.h"
 #include "cli/help.h"
@@ -14,6 +15,16 @@ namespace portsvc::server {
 namespace {
 
 constexpr std::uint64_t most = std::uint64_t{1} << 62;
+
+/// What stands before and after the first equals sign.
+std::pair<std::string, std::string> halves(const std::string& text, const char* option,
+                                           const char* wanted) {
+  const auto equals = text.find('=');
+  if (equals == std::string::npos || equals == 0 || equals + 1 == text.size()) {
+    throw CLI::ValidationError(option, "'" + text + "' is malformed, wanted: " + wanted);
+  }
+  return {text.substr(0, equals), text.substr(equals + 1)};
+}
 
 void add_limits(CLI::App& command, Options& options) {
   const auto add = [&](const char* name, std::uint64_t& value, const char* what) {
@@ -52,6 +63,57 @@ void add_configuration(CLI::App& command, Options& options) {
       .add_flag("--check-config", options.check_only,
                 "Look at the options and at the files they name, say what is wrong, and end")
       ->configurable(false);
+}
+
+void add_watching(CLI::App& command, Options& options) {
+  command
+      .add_option("--log-level", options.log.level,
+                  "The least that is logged: debug, info, warning or error")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"debug", "info", "warning", "error"}));
+  command
+      .add_option("--log-file", options.log.file,
+                  "File for the log, rotated at 10 MiB, five old ones kept (default: standard "
+                  "error)")
+      ->option_text("FILE");
+  command.add_option("--log-format", options.log.format, "'text', or 'json': an object per line")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"text", "json"}));
+  command
+      .add_option("--metrics", options.metrics,
+                  "Serve metrics, health and a live board there, over HTTP, without "
+                  "authentication (default: not at all)")
+      ->option_text("HOST:PORT");
+  command
+      .add_option_function<std::vector<std::string>>(
+          "--metrics-of",
+          [&options](const std::vector<std::string>& texts) {
+            options.other_metrics.clear();
+            for (const std::string& text : texts) {
+              auto [name, address] = halves(text, "--metrics-of", "NAME=HOST:PORT");
+              options.other_metrics[name] = address;
+            }
+          },
+          "Where another server serves its own, for the board; repeatable")
+      ->option_text("NAME=HOST:PORT")
+      ->allow_extra_args(false);
+}
+
+void add_feeds(CLI::App& command, Options& options) {
+  command
+      .add_option_function<std::vector<std::string>>(
+          "--feed",
+          [&options](const std::vector<std::string>& texts) {
+            options.feeds.clear();
+            for (const std::string& text : texts) {
+              auto [box, shell_command] = halves(text, "--feed", "BOX=COMMAND");
+              options.feeds.push_back({box, shell_command});
+            }
+          },
+          "Put each line that the shell command prints into the event box, with copies to the sub "
+          "servers; repeatable")
+      ->option_text("BOX=COMMAND")
+      ->allow_extra_args(false);
 }
 
 void add_options(CLI::App& command, Options& options) {
@@ -108,6 +170,7 @@ void add_options(CLI::App& command, Options& options) {
       ->capture_default_str()
       ->check(CLI::IsMember({"early", "paused"}));
   add_limits(command, options);
+  add_watching(command, options);
   cli::describe_peer_options(command, options);
 }
 
@@ -130,11 +193,14 @@ void describe(CLI::App& app, Options& options) {
            "\n";
   });
   app.footer(
-      "SIGTERM or SIGINT stops the server. Exit status: 0 stopped, 1 it could not start, "
-      "2 bad usage or configuration.");
+      "SIGTERM or SIGINT stops the server, SIGHUP makes it open its log and read its directory, "
+      "certificates and log level again. Exit status: 0 stopped, 1 it could not start, 2 bad usage "
+      "or "
+      "configuration.");
 
   CLI::App* const main = app.add_subcommand("main", "Serve as a main server");
   add_options(*main, options);
+  add_feeds(*main, options);
   main->add_option(
           "--sub-timeout", options.sub_timeout,
           "Seconds of silence after which what a sub server has open here is closed, 0 for "

@@ -2,14 +2,23 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "cli/peer_options.h"
+#include "server/log.h"
 
 namespace portsvc::server {
 
 enum class Role { main, sub };
+
+/// BOX=COMMAND: an event box and the command whose lines go into it.
+struct Feed_Option {
+  std::string box;
+  std::string command;
+};
 
 struct Options : cli::PeerOptions {
   Role role = Role::main;
@@ -33,6 +42,10 @@ struct Options : cli::PeerOptions {
   std::uint64_t max_ports = 1'000'000;
   std::uint64_t max_clients = 100'000;  ///< of one port
   std::uint64_t max_queued_bytes = 0;   ///< 0: half of the memory there is
+  Log_Options log;
+  std::string metrics;                               ///< HOST:PORT, empty for none
+  std::map<std::string, std::string> other_metrics;  ///< those of other servers, by name
+  std::vector<Feed_Option> feeds;                    ///< main role
 };
 
 /// "main" or "sub", as on the command line.

@@ -14,19 +14,26 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "idl/port_codes.h"
 #include "middleware/directory.h"
+#include "observe/endpoint.h"
 #include "persistence/background_tasks.h"
+#include "platform/clock.h"
 #include "platform/limits.h"
+#include "platform/log.h"
 #include "platform/memory.h"
 #include "platform/process.h"
+#include "platform/version.h"
 #include "platform/wake.h"
 #include "roles/port_connect_manager.h"
 #include "roles/port_factory_main.h"
 #include "roles/port_factory_sub.h"
 #include "server/announcement.h"
+#include "server/feed.h"
 #include "server/heartbeat.h"
+#include "server/log.h"
 #include "server/messages.h"
 #include "server/state_files.h"
 
@@ -48,7 +55,9 @@ class UseOfDirectory {
  public:
   UseOfDirectory(const orb::Broker& broker, const Options& options) {
     if (!options.directory.empty()) {
-      directory_ = open_file_directory(broker, options.directory, tell);
+      directory_ = open_file_directory(broker, options.directory, [](const std::string& why) {
+        log(Log_Level::warning, "directory", why);
+      });
     } else if (!options.naming.empty()) {
       directory_ = open_naming_directory(broker, options.naming);
     }
@@ -67,10 +76,31 @@ class UseOfDirectory {
 
 /// Keeps a sub server in touch with its main server, on a reactor thread of its own.
 class ConnectionToMain {
+  /// Reports at every beat what this server has come to keep itself: whoever asks the main server
+  /// for such a port is led here.
+  class Manager : public vrPortConnect_Manager {
+   public:
+    Manager(const Options& options, Port_Factory_Sub* servant, ACE_Reactor* reactor)
+        : vrPortConnect_Manager(options.main_server.c_str(), options.realm.c_str(), servant,
+                                reactor),
+          servant_(servant) {}
+    ~Manager() override { stop(); }
+
+    void on_heartbeat() override {
+      vrPortConnect_Manager::on_heartbeat();
+      if (!reached()) return;
+      for (const std::string& port : servant_->kept_but_unreported()) {
+        servant_->set_notify_port(port.c_str());
+      }
+    }
+
+   private:
+    Port_Factory_Sub* const servant_;
+  };
+
  public:
   ConnectionToMain(const Options& options, Port_Factory_Sub* servant)
-      : reactor_(new ACE_Select_Reactor, true),
-        manager_(options.main_server.c_str(), options.realm.c_str(), servant, &reactor_) {
+      : reactor_(new ACE_Select_Reactor, true), manager_(options, servant, &reactor_) {
     manager_.start();
     thread_ = std::thread([this] {
       reactor_.owner(ACE_Thread::self());
@@ -87,17 +117,16 @@ class ConnectionToMain {
 
  private:
   ACE_Reactor reactor_;
-  vrPortConnect_Manager manager_;
+  Manager manager_;
   std::thread thread_;
 };
 
-/// Saves snapshots of a servant while it lives, and says when saving begins or ceases to fail.
+/// Saves snapshots of a servant while it lives.
 class PeriodicSnapshots {
  public:
   PeriodicSnapshots(Port_Factory_i* servant, unsigned int every_seconds)
       : servant_(servant), task_(servant) {
     task_.set_period(every_seconds);
-    task_.set_after_save([this] { report(); });
     if (task_.activate() != 0) throw std::runtime_error("cannot start the snapshot thread");
   }
   ~PeriodicSnapshots() {
@@ -114,21 +143,10 @@ class PeriodicSnapshots {
     ask_to_stop();
     task_.wait();
     servant_->make_snapshot();
-    report();
   }
 
  private:
-  void report() try {
-    const Snapshot_State state = servant_->snapshot_state();
-    if (state.problem == told_) return;
-    told_ = state.problem;
-    tell(told_.empty() ? "snapshots are written again" : "no snapshot: " + told_);
-  } catch (const std::bad_alloc&) {
-    // It is said after another attempt.
-  }
-
   Port_Factory_i* const servant_;
-  std::string told_;  // the failure last reported; used by one thread at a time
   SnapSaveTask task_;
 };
 
@@ -148,8 +166,9 @@ void set_limits(const Options& options) {
         files.rlim_cur - std::min<std::uint64_t>(files.rlim_cur / 2, 64 + files.rlim_cur / 8);
     if (connections > room) {
       if (chosen) {
-        tell(fmt::format("the limit of {} open files leaves room for {} connections",
-                         files.rlim_cur, room));
+        log(Log_Level::warning, "limit",
+            fmt::format("the limit of {} open files leaves room for {} connections", files.rlim_cur,
+                        room));
       }
       connections = room;
     }
@@ -160,14 +179,13 @@ void set_limits(const Options& options) {
   limits().clients.set(options.max_clients);
   limits().queued_bytes.set(options.max_queued_bytes != 0 ? options.max_queued_bytes
                                                           : available_memory() / 2);
-  report_limits(tell);
 }
 
 void restore(Port_Factory_i* servant, const Found_Snapshot& found) {
   if (found.to_load && servant->load_refsnapshot(found.to_load->c_str()) != result::ok) {
     throw std::runtime_error(fmt::format("cannot load the snapshot {}", *found.to_load));
   }
-  tell(found.message);
+  log(Log_Level::info, "snapshot", found.message);
 }
 
 Servant_var<Port_Factory_i> make_servant(const Options& options, const orb::Broker& broker,
@@ -184,7 +202,8 @@ Servant_var<Port_Factory_i> make_servant(const Options& options, const orb::Brok
   try {
     sub->keep_open_handles_in(state_folder() + "/portopen.dat");
   } catch (const std::runtime_error& error) {
-    tell(std::string(error.what()) + "; killed, this server leaves clients at its main server");
+    log(Log_Level::warning, "server",
+        std::string(error.what()) + "; killed, this server leaves clients at its main server");
   }
   return Servant_var<Port_Factory_i>(sub);
 }
@@ -200,15 +219,103 @@ void refuse_itself_as_main(const Options& options, const UseOfDirectory& use,
 
 void end_silent_sub_servers(Port_Factory_Main& main, unsigned int seconds) {
   for (const std::string& name : main.end_silent_sub_servers(seconds)) {
-    tell(
+    log(Log_Level::warning, "peer",
         fmt::format("the sub server {} has been silent for {} s: its clients and owners here are "
                     "disconnected",
                     name, seconds));
   }
 }
 
+/// Whoever watches the server: metrics, health and board.
+class Watched {
+ public:
+  explicit Watched(const Options& options) {
+    if (options.metrics.empty()) return;
+    endpoint_.emplace(options.metrics,
+                      observe::About{options.name, role_name(options.role), calendar_seconds()},
+                      options.other_metrics);
+    log(Log_Level::info, "server",
+        fmt::format("metrics and board at http://{}/", endpoint_->address()));
+    if (!endpoint_->on_loopback()) {
+      log(Log_Level::warning, "server",
+          fmt::format("everybody who reaches {} can read the names of ports and hosts there",
+                      endpoint_->address()));
+    }
+  }
+
+  using Feeds = std::vector<std::unique_ptr<Feed>>;
+
+  /// Shows the server while it lives.
+  class Showing {
+   public:
+    Showing(Watched& watched, Port_Factory_i* servant, const Feeds& feeds) : watched_(watched) {
+      if (!watched_.endpoint_) return;
+      watched_.endpoint_->show([servant, &feeds] {
+        observe::Observed observed{servant->figures(), {}};
+        for (const auto& feed : feeds) observed.feeds.push_back(feed->figures());
+        return observed;
+      });
+    }
+    ~Showing() {
+      if (watched_.endpoint_) watched_.endpoint_->hide();
+    }
+    Showing(const Showing&) = delete;
+    Showing& operator=(const Showing&) = delete;
+
+   private:
+    Watched& watched_;
+  };
+
+ private:
+  std::optional<observe::Endpoint> endpoint_;
+};
+
+Watched::Feeds start_feeds(const Options& options, Port_Factory_i* servant) {
+  Watched::Feeds feeds;
+  auto* const main = dynamic_cast<Port_Factory_Main*>(servant);
+  for (const Feed_Option& feed : options.feeds) {
+    if (main) feeds.push_back(std::make_unique<Feed>(feed, main));
+  }
+  return feeds;
+}
+
+/// What SIGHUP asks for.
+void reload(const std::optional<Options>& options, Log& log_file, orb::Broker& broker,
+            const UseOfDirectory& use) {
+  if (!options) {
+    log(Log_Level::error, "server", "not reloaded: the options cannot be read");
+    return;
+  }
+  log_file.reopen(options->log);
+  if (use.directory()) use.directory()->read_again();
+  try {
+    broker.read_certificates_again();
+  } catch (const orb::Error& failure) {
+    log(Log_Level::error, "tls", fmt::format("the certificates stay: {}", failure.what()));
+  }
+  log(Log_Level::info, "server", "reloaded: log, directory, certificates");
+}
+
+void log_start(const Options& options, const std::string& at) {
+  log(Log_Level::info, "server",
+      fmt::format("{} {} {} serves at {}{}", role_name(options.role), options.name, version(), at,
+                  options.role == Role::sub ? ", main server " + options.main_server : ""));
+  log(Log_Level::info, "server",
+      fmt::format("limits: {} connections, {} blocked calls, {} ports, {} clients of a port, {} "
+                  "queued bytes, messages of {} bytes",
+                  limits().connections.most(), limits().blocked_calls.most(), limits().ports.most(),
+                  limits().clients.most(), limits().queued_bytes.most(), options.max_message));
+  const auto or_none = [](const std::string& text) { return text.empty() ? "none" : text; };
+  log(Log_Level::info, "server",
+      fmt::format("state folder {}, directory {}, snapshots {}", state_folder(),
+                  or_none(options.directory.empty() ? options.naming : options.directory),
+                  options.snapshot_every == 0 ? "only when asked for"
+                                              : fmt::format("every {} s", options.snapshot_every)));
+}
+
 /// Everything from the first call taken to the stop.
-void serve(const Options& options, StopSignal& stop, orb::Broker& broker, const UseOfDirectory& use,
+void serve(const Options& options, StopSignal& stop, const Reread& reread, Log& log_file,
+           orb::Broker& broker, const UseOfDirectory& use, Watched& watched,
            Port_Factory_i* servant, Port_Factory_Main* main, Port_Factory_Sub* sub) {
   const Varo::DT_PORT_SVC::Port_Factory_var reference = broker.serve(servant);
   if (sub) refuse_itself_as_main(options, use, reference.in());
@@ -226,31 +333,43 @@ void serve(const Options& options, StopSignal& stop, orb::Broker& broker, const 
                                          options.name, broker.corbaloc(reference.in()));
   fmt::print("port_server: {}\n", status);
   std::fflush(stdout);
+  log_start(options, broker.corbaloc(reference.in()));
   std::optional<Heartbeat> heartbeat(std::in_place, broker, reference.in(), status);
+  const Watched::Feeds feeds = start_feeds(options, servant);
+  std::optional<Watched::Showing> showing(std::in_place, watched, servant, feeds);
 
-  for (unsigned int second = 1; !stop.wait_for(std::chrono::seconds(1)); ++second) {
+  unsigned int second = 0;
+  for (Asked asked = Asked::nothing; asked != Asked::stop;
+       asked = stop.wait_for(std::chrono::seconds(1))) {
+    if (asked == Asked::reload) reload(reread(), log_file, broker, use);
     if (main && options.sub_timeout != 0) end_silent_sub_servers(*main, options.sub_timeout);
-    if (second % seconds_between_sweeps == 0 && resident_memory() > large_memory) {
+    if (++second % seconds_between_sweeps == 0 && resident_memory() > large_memory) {
       return_freed_memory();
     }
   }
+  log(Log_Level::info, "server", fmt::format("stops: signal {}", stop.stopped_by()));
   heartbeat.reset();
+  showing.reset();
+  for (const auto& feed : feeds) feed->ask_to_stop();
   announcement.reset();  // nobody new finds the way here
   connection.reset();
 }
 
 }  // namespace
 
-void run(const Options& options, StopSignal& stop) {
+void run(const Options& options, StopSignal& stop, const Reread& reread) {
+  Log log_file(options.log);
   set_limits(options);
   // First of all the endpoint: a second server started by mistake fails here, before it could
   // delete the snapshot of the first.
   orb::Broker broker(broker_options(options));
+  Watched watched(options);
   wake_waits_early(options.waits == "early");
   orb::set_peer_call_timeout(std::chrono::seconds(options.call_timeout));
   const UseOfDirectory use(broker, options);
   if (options.role == Role::sub && !use.directory()) {
-    tell("without --directory or --naming the main server cannot be found");
+    log(Log_Level::warning, "directory",
+        "without --directory or --naming the main server cannot be found");
   }
   const State_Folder state(options.state_dir);
   const Found_Snapshot found = set_aside_snapshot(options.restore_damaged ? Restore::damaged
@@ -267,7 +386,7 @@ void run(const Options& options, StopSignal& stop) {
   // Callers may wait for as long as they like. What a blocked call still uses must not be
   // destroyed, so with one under way the process ends without destroying anything.
   try {
-    serve(options, stop, broker, use, servant.in(), main, sub);
+    serve(options, stop, reread, log_file, broker, use, watched, servant.in(), main, sub);
   } catch (const std::exception& error) {
     if (broker.shutdown(patience_with_calls)) throw;
     tell(error.what());
@@ -276,6 +395,8 @@ void run(const Options& options, StopSignal& stop) {
   if (snapshots) snapshots->ask_to_stop();  // it ends beside the calls
   const bool calls_ended = broker.shutdown(patience_with_calls);
   if (snapshots) snapshots->save_last();
+  log(Log_Level::info, "server",
+      calls_ended ? "stopped" : "stopped, with calls still blocked in it");
   if (!calls_ended) end_process(status::success);
 }
 

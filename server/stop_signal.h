@@ -1,16 +1,20 @@
-// SIGTERM and SIGINT.
+// SIGTERM, SIGINT and SIGHUP.
 #pragma once
 
 #include <chrono>
-#include <future>
-#include <thread>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
 
 namespace portsvc::server {
 
-/// Takes the two signals for the process. The first asks it to stop; from then on it has `grace` to
-/// do so. When that has passed, or at another signal, the process ends where it stands, with
-/// status 0: a call to a silent peer or a blocked caller cannot hold up a stop, and everything
-/// the server keeps for a later run has been written when it was made.
+enum class Asked { nothing, reload, stop };
+
+/// Takes the three signals for the process. SIGHUP asks it to reload and never ends it. The first
+/// of the other two asks it to stop; from then on it has `grace` to do so. When that has passed, or
+/// at another of the two, the process ends where it stands, with status 0: a call to a silent peer
+/// or a blocked caller cannot hold up a stop, and everything the server keeps for a later run has
+/// been written when it was made.
 ///
 /// Made once, before any other thread, because threads inherit what is blocked. Its thread lasts as
 /// long as the process.
@@ -18,13 +22,21 @@ class StopSignal {
  public:
   explicit StopSignal(std::chrono::seconds grace);
 
-  /// Waits for the first signal, for at most `time`. Whether it has arrived.
-  bool wait_for(std::chrono::seconds time) {
-    return asked_.wait_for(time) == std::future_status::ready;
-  }
+  /// Waits for at most `time` to be asked for something. Several requests to reload that come
+  /// while nobody waits are one.
+  Asked wait_for(std::chrono::seconds time);
+
+  /// The signal that asked for the stop; 0 before.
+  int stopped_by() const;
 
  private:
-  std::future<void> asked_;
+  struct State {
+    std::mutex lock;  ///< guards stop and reload; nothing is called under it
+    std::condition_variable asked;
+    int stop = 0;  ///< the signal
+    bool reload = false;
+  };
+  std::shared_ptr<State> state_;  // the thread's as well
 };
 
 /// Ends the process at once: standard output is flushed, nothing is destroyed.

@@ -47,6 +47,7 @@ void describe_portctl(Commands& commands, GlobalOptions& options) {
   add_event_commands(commands);
   add_cluster_commands(commands);
   add_snapshot_commands(commands);
+  add_top_command(commands);
   make_numbers_decimal(app);
 }
 

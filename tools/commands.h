@@ -47,6 +47,7 @@ void add_packet_commands(Commands& commands);    ///< send receive serve select
 void add_event_commands(Commands& commands);     ///< event ...
 void add_cluster_commands(Commands& commands);   ///< master subs move refresh
 void add_snapshot_commands(Commands& commands);  ///< snapshot ...
+void add_top_command(Commands& commands);        ///< top
 
 /// event subscriptions, which reads a snapshot.
 void add_subscriptions_command(Commands& commands, CLI::App& event);

@@ -24,6 +24,7 @@
 #include <array>
 #include <atomic>
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -35,8 +36,11 @@
 
 #include "idl/port_codes.h"
 #include "middleware/orb/broker_parts.h"
+#include "middleware/orb/tls.h"
 #include "middleware/orb/wire_bytes.h"
+#include "platform/counters.h"
 #include "platform/limits.h"
+#include "platform/log.h"
 
 OMNI_FORCE_LINK(omnisslTP);  // nothing else refers to the broker's TLS library
 
@@ -163,10 +167,39 @@ class Socket : public _OMNI_NS(SocketHolder) {
 // has not begun for the broker, and ends with its scan for idle connections.
 unsigned int message_timeout_ms = 0;
 
+std::atomic<std::uint64_t> taken_connections{0};
+// Null before the first connection and once the broker goes.
+std::atomic<const _OMNI_NS(giopServer)*> connection_server{nullptr};
+
 // A peer whose machine is gone says nothing; while it owes no answer only such probes find out. The
 // kernel gives the connection up once they have gone unanswered for the time-out above.
 constexpr int seconds_before_probes = 10;
 constexpr int seconds_between_probes = 5;
+
+Seldom_Log& damaged_messages() {
+  static Seldom_Log log;
+  return log;
+}
+
+std::atomic<bool> traced{false};
+
+// The broker's own lines: "omniORB: (7) 2026-11-25 14:20:42.123456: TEXT".
+void log_line(const char* line) {
+  std::string_view text(line);
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.remove_suffix(1);
+  // The thread's number and the time end with the first colon that a blank follows, but for the
+  // broker's own name.
+  const auto time = text.find(": ", text.find(": ") + 1);
+  if (time != std::string_view::npos) text.remove_prefix(time + 2);
+  if (!traced && text.find("SSL transport disabled") != std::string_view::npos) return;
+  if (text.find("protocol error") != std::string_view::npos) {
+    damaged_messages().log(Log_Level::warning, "client", "damaged message: " + std::string(text));
+  } else if (traced && !log_heard(Log_Level::info)) {
+    std::fputs(line, stderr);
+  } else {
+    log(Log_Level::info, "broker", std::string(text));
+  }
+}
 
 CORBA::Boolean watch_connection(
     _OMNI_NS(omniInterceptors)::serverAcceptConnection_T::info_T& info) {
@@ -175,6 +208,8 @@ CORBA::Boolean watch_connection(
     info.why = "limit of connections";
     return false;
   }
+  count(taken_connections);
+  connection_server.store(info.strand.server, std::memory_order_relaxed);
   const int socket = Socket::of(info.strand.connection);
   const auto set = [socket](int level, int option, int value) {
     ::setsockopt(socket, level, option, &value, sizeof value);
@@ -188,6 +223,17 @@ CORBA::Boolean watch_connection(
 
 CORBA::Boolean leave_reply_to_kernel(_OMNI_NS(omniInterceptors)::serverSendReply_T::info_T& info) {
   info.giop_s.clearDeadline();
+  return true;
+}
+
+// A message whose arguments cannot be read; one whose head cannot be read the broker tells of
+// itself.
+CORBA::Boolean log_damaged(_OMNI_NS(omniInterceptors)::serverSendException_T::info_T& info) {
+  const auto* const unreadable = CORBA::MARSHAL::_downcast(info.exception);
+  if (!unreadable || unreadable->completed() != CORBA::COMPLETED_NO) return true;
+  damaged_messages().log(Log_Level::warning, "client",
+                         fmt::format("damaged message from {}: {} cannot be read",
+                                     info.peeraddress(), info.operation()));
   return true;
 }
 
@@ -257,6 +303,7 @@ void apply_thread_timeout(std::chrono::milliseconds timeout) {
 }  // namespace
 
 struct Broker::Impl {
+  Tls tls;
   CORBA::ORB_var orb;
   PortableServer::POA_var root_poa;  ///< nil in a pure client
   PatientShutdown shutdown;
@@ -264,12 +311,18 @@ struct Broker::Impl {
 
 Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
   check(options);
+  impl_->tls = options.tls;
+  if (options.tls.in_use()) watch_handshakes();
 
   omni_thread::stacksize(thread_stack_bytes);
   const std::string per_peer = std::to_string(many);
   const std::string threads = threads_for(limits().connections, limits().blocked_calls);
   const std::string max_message = std::to_string(options.max_message);
-  const std::string trace = std::to_string(options.trace);
+  // At level 1 it tells of clients that break its protocol.
+  traced = options.trace > 0;
+  omniORB::setLogFunction(log_line);
+  const std::string trace =
+      std::to_string(std::max(options.trace, options.endpoint.empty() ? 0U : 1U));
   message_timeout_ms = static_cast<unsigned int>(options.message_timeout.count());
   const std::string message_timeout = std::to_string(message_timeout_ms);
   const std::pair<const char*, const char*> wanted[] = {
@@ -307,6 +360,7 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
     omniORB::getInterceptors()->serverAcceptConnection.add(watch_connection);
     stopping = false;
     omniORB::getInterceptors()->serverReceiveRequest.add(refuse_while_stopping);
+    omniORB::getInterceptors()->serverSendException.add(log_damaged);
     omniORB::getInterceptors()->serverSendReply.add(leave_reply_to_kernel);
     if (options.endpoint.empty()) return;
     // The first use of the adapter opens the endpoint; calls are held back until serve().
@@ -333,6 +387,7 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
 }
 
 Broker::~Broker() {
+  connection_server = nullptr;
   try {
     while (!shutdown(std::chrono::hours(1))) {
     }
@@ -367,6 +422,10 @@ Varo::DT_PORT_SVC::Port_Factory_var Broker::serve(POA_Varo::DT_PORT_SVC::Port_Fa
   } catch (const CORBA::Exception& e) {
     throw Error("the service cannot be activated: " + describe(e));
   }
+}
+
+void Broker::read_certificates_again() {
+  if (impl_->tls.in_use()) use_certificates(impl_->tls);
 }
 
 bool Broker::shutdown(std::chrono::milliseconds patience) {
@@ -421,6 +480,12 @@ std::string Remote_Caller::server() const {
 }
 
 void tell_own_name(const std::string& name) { own_name() = name; }
+std::uint64_t connections_served() {
+  const auto* const server = connection_server.load(std::memory_order_relaxed);
+  return server ? connections_of(*server) : 0;
+}
+
+std::uint64_t connections_taken() { return taken_connections.load(std::memory_order_relaxed); }
 
 CallTimeout::CallTimeout(std::chrono::milliseconds timeout) : outer_(thread_timeout) {
   apply_thread_timeout(timeout);

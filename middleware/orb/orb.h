@@ -78,6 +78,10 @@ class Broker {
   /// when some still run then; the broker must not be destroyed in that case.
   bool shutdown(std::chrono::milliseconds patience);
 
+  /// Reads the files of the TLS options again, for connections made and taken from now on; without
+  /// TLS it does nothing. Throws Error, and nothing has changed, when they are not valid.
+  void read_certificates_again();
+
   /// The short form of the reference that serve() answered, corbaloc:iiop:HOST:PORT/KEY with the
   /// port that is really listened on; corbaloc:ssliop:... with TLS. Throws Error.
   std::string corbaloc(CORBA::Object_ptr served) const;
@@ -153,6 +157,11 @@ std::uint64_t connections_opened(CORBA::Object_ptr object);
 /// The called one reads it with Caller::server(). Called once, before such calls are made. A broker
 /// that cannot tell says nothing.
 void tell_own_name(const std::string& name);
+
+/// The connections that clients have to this process now, and how many it has taken since it
+/// started. 0 on a broker that does not tell, and once the Broker is gone.
+std::uint64_t connections_served();
+std::uint64_t connections_taken();
 
 /// Refuses the call that this thread is carrying out, because of a limit of the server: throws
 /// CORBA::IMP_LIMIT with a minor code of namespace refusal.

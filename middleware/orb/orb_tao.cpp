@@ -268,6 +268,8 @@ Varo::DT_PORT_SVC::Port_Factory_var Broker::serve(POA_Varo::DT_PORT_SVC::Port_Fa
   }
 }
 
+void Broker::read_certificates_again() {}  // there is no TLS in this build
+
 bool Broker::shutdown(std::chrono::milliseconds patience) {
   return impl_->shutdown.run(impl_->orb.in(), patience);
 }
@@ -306,5 +308,9 @@ OpenConnectionsOnly::OpenConnectionsOnly(bool&) {}
 bool OpenConnectionsOnly::had_connection() const { return true; }
 
 OpenConnectionsOnly::~OpenConnectionsOnly() = default;
+
+// This broker counts no connections.
+std::uint64_t connections_served() { return 0; }
+std::uint64_t connections_taken() { return 0; }
 
 }  // namespace portsvc::orb

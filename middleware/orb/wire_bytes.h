@@ -10,6 +10,7 @@
 
 #include "idl/port_codes.h"
 #include "middleware/orb/orb.h"
+#include "middleware/orb/served_calls.h"
 #include "platform/caller.h"
 #include "platform/limits.h"
 
@@ -130,10 +131,11 @@ class Remote_Caller final : public Caller {
 };
 
 /// The skeleton; it notes that the in arguments of a remote call may be taken over, and whose call
-/// it is.
+/// it is, and counts it.
 class Port_Factory_Skeleton : public virtual POA_Varo::DT_PORT_SVC::Port_Factory {
  public:
   _CORBA_Boolean _dispatch(omniCallHandle& handle) override {
+    const Timed_Call timed(handle.operation_name());
     const Blocked_Call counted(handle.operation_name());
     const Remote_Caller caller(handle);
     const Caller::Scope scope(&caller);

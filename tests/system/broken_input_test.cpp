@@ -29,6 +29,7 @@ TEST_F(BrokenInput, GarbageOnTheSocketEndsItsConnectionAndNothingElse) {
     raw.send(bytes);
     EXPECT_TRUE(raw.closed_by_peer(5s)) << bytes.substr(0, 12);
   }
+  EXPECT_GT(times_said("main", "client: damaged message"), 0);
   // A message that does not end keeps its connection for a while, and nothing else.
   const RawConnection half(port("main"));
   half.send(header(0, 4000).substr(0, 7));

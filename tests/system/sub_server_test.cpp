@@ -54,10 +54,13 @@ TEST_F(SubServers, OnePictureOfTheInstallationForItsOperator) {
   start("sub1");
   done("main", {"create", "p", "--limit", "7"});
   EXPECT_EQ(portctl("main", {"master", "p"}).status, 1) << "nobody has said who keeps it";
-  done("main", {"move", "p", "--to", "sub1"});
-  EXPECT_EQ(done("main", {"master", "p"}), "sub1\n");
-  ASSERT_TRUE(eventually([&] { return portctl("sub1", {"master", "p"}).out == "sub1\n"; }));
+  done("main", {"move", "q", "--to", "sub1"});
+  EXPECT_EQ(done("main", {"master", "q"}), "sub1\n");
+  ASSERT_TRUE(eventually([&] { return portctl("sub1", {"master", "q"}).out == "sub1\n"; }));
   done("sub1", {"move", "p", "--to", "sub1"});
+  EXPECT_TRUE(eventually([&] {
+    return portctl("main", {"master", "p"}).out == "sub1\n";
+  })) << "the sub server says so";
   done("sub1", {"create", "own", "--kind", "proxy"});
   EXPECT_EQ(done("main", {"subs"}), "sub1\nsub2\n");
 

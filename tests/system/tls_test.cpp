@@ -82,6 +82,26 @@ TEST_F(TlsOnly, OthersAreTurnedAwayAndServedNothing) {
   raw.send("GIOP plain text");
   EXPECT_TRUE(raw.closed_by_peer(10s));
   EXPECT_EQ(portctl("main", {"exists", "p"}).status, 1) << "a stranger has made it";
+  EXPECT_GT(times_said("main", "tls: refused 127.0.0.1:"), 0) << process("main").err();
+
+  // What SIGHUP makes it read again holds for connections made from then on.
+  for (const char* name : {"plant", "own"}) {
+    write_all(folder.path(std::string("old_") + name),
+              read_all(folder.path(name + std::string(".pem"))));
+  }
+  write_all(plant, read_all(folder.path("strangers.pem")));
+  process("main").signal(SIGHUP);
+  EXPECT_TRUE(eventually([&] { return times_said("main", "reloaded") == 1; }));
+  refused({"--tls-ca", folder.path("old_plant"), "--tls-key", folder.path("old_own")});
+  write_all(folder.path("own.pem"), read_all(stranger));
+  process("main").signal(SIGHUP);
+  EXPECT_TRUE(eventually([&] { return times_said("main", "reloaded") == 2; }));
+  EXPECT_EQ(done("main", {"create", "p"}), "");
+  write_all(folder.path("own.pem"), "no key");
+  process("main").signal(SIGHUP);
+  EXPECT_TRUE(eventually([&] { return times_said("main", "the certificates stay: ") == 1; }));
+  write_all(folder.path("own.pem"), read_all(stranger));
+  done("main", {"exists", "p"});
 }
 
 }  // namespace

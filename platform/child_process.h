@@ -1,0 +1,51 @@
+// A command that this process runs and whose output it reads.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+
+namespace portsvc {
+
+/// A shell command in a process group of its own, with the usual signals, nothing on its standard
+/// input, and this process's standard error. It ends with this process, also when that is killed.
+/// Used by one thread, but for stop().
+class Child_Process {
+ public:
+  /// Runs `command` with /bin/sh. Throws std::runtime_error when no process can be made.
+  explicit Child_Process(const std::string& command);
+  /// stop(), if it still runs; SIGKILL to the group when it has not ended two seconds later.
+  ~Child_Process();
+  Child_Process(const Child_Process&) = delete;
+  Child_Process& operator=(const Child_Process&) = delete;
+
+  enum class Read { line, nothing_yet, end };
+  /// The next line of its output, without the newline, in `line`; of one longer than `longest` the
+  /// first so many bytes, the rest is passed over. Waits for at most `patience`. A last line
+  /// without a newline counts.
+  Read read_line(std::string& line, std::size_t longest, std::chrono::milliseconds patience);
+
+  /// Asks the group to end: SIGTERM. Any thread; returns at once.
+  void stop() const;
+
+  /// How it ended, for people: "exit status 1", "signal 15". Waits for the end; call it once its
+  /// output has ended.
+  std::string wait();
+
+ private:
+  std::optional<int> ended(std::chrono::milliseconds patience);
+
+  pid_t pid_ = -1;
+  int output_ = -1;
+  int lifeline_ = -1;  // closed when this process ends, however that happens
+  std::string unread_;
+  std::size_t looked_at_ = 0;  // of unread_, without finding a newline
+  bool passing_over_ = false;
+  bool output_ended_ = false;
+  std::optional<int> status_;
+};
+
+}  // namespace portsvc

@@ -1,0 +1,219 @@
+// What a server tells those who run it: metrics, health, log, and the feed of its boxes.
+#include <fmt/format.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "tests/system/system_test.h"
+
+namespace portsvc {
+namespace {
+
+using nlohmann::json;
+
+class Observed : public SystemTest {
+ protected:
+  /// Options that serve the metrics of a server.
+  Words metrics(const std::string& server) {
+    ports_[server] = free_port();
+    return {"--metrics", fmt::format("127.0.0.1:{}", ports_[server])};
+  }
+  std::string address(const std::string& server) {
+    return fmt::format("127.0.0.1:{}", ports_.at(server));
+  }
+  /// The head and the body of an answer.
+  std::string get(const std::string& server, const std::string& path, const Words& options = {}) {
+    Words command{"curl", "-s", "-i", "--max-time", "10", "http://" + address(server) + path};
+    command.insert(command.end(), options.begin(), options.end());
+    Process curl(command, folder.path("curl"));
+    EXPECT_EQ(outcome(curl).status, 0) << path;
+    return curl.out();
+  }
+  json board(const std::string& server, const std::string& query = "") {
+    const std::string answer = get(server, "/board.json" + query);
+    return json::parse(answer.substr(answer.find("\r\n\r\n")));
+  }
+
+ private:
+  std::map<std::string, int> ports_;
+};
+
+TEST_F(Observed, WhatPassesThroughAServerShowsInItsMetrics) {
+  Words options = metrics("main");
+  options.insert(options.end(), {"--metrics-of", "sub1=127.0.0.1:1", "--snapshot-every", "60",
+                                 "--feed", "box=sleep 1000", "--max-ports", "4"});
+  start("main", options);
+  start("sub1", metrics("sub1"));
+  const Port_Factory_var main = server("main");
+  const std::string hostile = "<b>\"x\\\n\xff";
+  EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 3), result::ok);
+  EXPECT_EQ(main->create_port("p", PORT_MASTER, 10), result::ok);
+  EXPECT_EQ(main->create_port(hostile.c_str(), PORT_EVENTBOX, 1), result::ok);
+  EXPECT_EQ(main->create_port("last", PORT_MASTER, 1), result::ok);
+  EXPECT_THROW(main->create_port("above", PORT_MASTER, 1), CORBA::IMP_LIMIT);
+  EXPECT_EQ(main->make_snapshot(), result::ok);
+  EXPECT_EQ(main->add_event("box", 7), result::ok);
+  Varo::DATA_BUFFER_SEQ many;
+  many.length(10);
+  EXPECT_EQ(main->declare_event_n(7, many, 0), result::ok);
+  EXPECT_EQ(main->send_event("box", wire("event")), result::ok);
+  const unsigned int box = connected(main, "box", CONNECT_OWNER);
+  EXPECT_EQ(std::get<0>(receive(main, box, 1)), result::ok);
+  expect_exchange("p", "main", "main");
+  std::thread waits([&] {
+    EXPECT_EQ(send(main, connected(main, "p", CONNECT_CLIENT), "waits", 20), result::ok);
+  });
+  EXPECT_TRUE(
+      eventually([&] { return board("main", "?search=p")["ports"][0]["senders_waiting"] == 1; }));
+
+  const std::string text = get("main", "/metrics");
+  for (const char* line : {
+           R"(portsvc_box_events{box="box"} 2)",
+           R"(portsvc_box_events_put_total{box="box"} 11)",
+           R"(portsvc_box_events_taken_total{box="box"} 1)",
+           R"(portsvc_box_events_dropped_total{box="box"} 8)",
+           R"(portsvc_port_put_total{port="p",of="packets"} 1)",
+           R"(portsvc_port_taken_total{port="p",of="replies"} 1)",
+           R"(portsvc_port_senders_waiting{port="p"} 1)",
+           R"(portsvc_port_owner_connected{port="box"} 1)",
+           R"(portsvc_port_clients{port="p"} 1)",
+           R"(portsvc_box_limit{box="<b>\"x\\\\\\x0a\\xff"} 1)",
+           R"(portsvc_call_duration_seconds_count{operation="packet_receive"} 2)",
+           R"(portsvc_in_use{of="blocked_calls"} 1)",
+           R"(portsvc_refused_total{of="ports"} 1)",
+           R"(portsvc_snapshots_written_total 1)",
+           R"(portsvc_sub_servers 2)",
+           R"(portsvc_feed_running{box="box"} 1)",
+       }) {
+    EXPECT_NE(text.find(std::string(line) + "\n"), std::string::npos) << line << " in " << text;
+  }
+
+  // Dashboard and alerts name nothing that no server tells.
+  const std::string told = text + get("sub1", "/metrics");
+  const std::string ops = read_all(OPS "/grafana/port_service.json") +
+                          read_all(OPS "/prometheus/port_service.rules.yml");
+  const std::regex name("(portsvc|process)_[a-z_]+");
+  std::set<std::string> names;
+  for (std::sregex_iterator found(ops.begin(), ops.end(), name), end; found != end; ++found) {
+    names.insert(found->str());
+  }
+  EXPECT_GT(names.size(), 20U);
+  for (const std::string& used : names) {
+    if (used == "portsvc_build_info") continue;
+    EXPECT_TRUE(std::regex_search(told, std::regex("\n" + used + "[{ ]"))) << used;
+  }
+
+  const json rows = board("main", "?sort=queued&limit=1");
+  EXPECT_EQ(rows["ports"][0]["name"], "box");
+  EXPECT_EQ(rows["ports_found"], 4);
+  EXPECT_EQ(board("main")["servers"][1]["board"], "127.0.0.1:1");
+  const std::string top = done("main", {"top", "--metrics", address("main"), "--count", "1"});
+  EXPECT_NE(top.find("\nbox   "), std::string::npos) << top;
+  EXPECT_NE(done("main", {"top", "--count", "1"}).find("2/3"), std::string::npos);
+  EXPECT_EQ(portctl("main", {"top", "--metrics", "127.0.0.1:1"}).status, 3);
+
+  // Only what asks this address by an address gets an answer, and only to a question.
+  EXPECT_EQ(get("main", "/metrics", {"-H", "Host: elsewhere.example"}).find("HTTP/1.1 421"), 0U);
+  EXPECT_EQ(get("main", "/metrics", {"-X", "POST", "-d", "x"}).find("HTTP/1.1 405"), 0U);
+  EXPECT_EQ(get("main", "/../etc/passwd", {"--path-as-is"}).find("HTTP/1.1 40"), 0U);
+  EXPECT_NE(
+      get("main", "/").find("Content-Security-Policy: default-src 'none'; script-src 'nonce-"),
+      std::string::npos);
+  EXPECT_EQ(std::get<0>(receive(main, info_of(main, "p").port_id, 5)), result::ok);
+  waits.join();
+}
+
+TEST_F(Observed, ASubServerIsReadyWhileItReachesItsMainServer) {
+  start("main");
+  start("sub1", metrics("sub1"));
+  const auto ready = [&](const char* status) {
+    return eventually([&] { return get("sub1", "/readyz").find(status) == 9; });
+  };
+  EXPECT_TRUE(ready("200"));
+  kill("main");
+  EXPECT_TRUE(ready("503"));
+  EXPECT_NE(get("sub1", "/readyz").find("main server main not reached for "), std::string::npos);
+  EXPECT_EQ(get("sub1", "/healthz").find("HTTP/1.1 200"), 0U);
+  EXPECT_NE(get("sub1", "/metrics").find("portsvc_peer_up{peer=\"main\"} 0\n"), std::string::npos);
+  start("main");
+  EXPECT_TRUE(ready("200"));
+  EXPECT_EQ(times_said("sub1", "peer: main server main lost"), 1);
+  EXPECT_EQ(times_said("sub1", "peer: main server main found"), 2);
+  EXPECT_NE(ended_server({"main", "--name", "x", "--endpoint", "giop:tcp:127.0.0.1:0", "--metrics",
+                          address("sub1")})
+                .err.find("cannot listen on " + address("sub1")),
+            std::string::npos);
+}
+
+TEST_F(Observed, AFeedReachesTheBoxAndEverySubServerUnlessCopiesAreOff) {
+  const std::string in = folder.path("in");
+  write_all(in, "one\ntwo\n");
+  const std::string pid_file = folder.path("pid");
+  const auto gone = [&] {
+    const std::string pid = read_all(pid_file);
+    return pid.empty() || ::kill(std::stoi(pid), 0) != 0;
+  };
+  start("main", {"--feed", fmt::format("alarms=echo $$ >{}; exec tail -n +1 -f {}", pid_file, in)});
+  start("sub1");
+  start("sub2");  // one that is away costs the others the copies queued behind its own
+  EXPECT_TRUE(sub1_knows_main());
+  EXPECT_TRUE(eventually([&] {
+    return times_said("main", "feed: alarms: there is no such box; the command waits") == 1;
+  }));
+  done("main", {"create", "alarms", "--kind", "box"});
+  const auto count = [&](const std::string& at) {
+    return portctl(at, {"event", "count", "alarms"}).out;
+  };
+  EXPECT_TRUE(eventually([&] { return count("main") == "2\n" && count("sub1") == "2\n"; }));
+  done("main", {"event", "copy", "alarms", "off"});
+  const auto add = [&](const std::string& line) {
+    Process shell({"sh", "-c", "echo " + line + " >> " + in}, folder.path("add"));
+    EXPECT_EQ(outcome(shell).status, 0);
+  };
+  add("three");
+  EXPECT_TRUE(eventually([&] { return count("main") == "3\n"; }));
+  done("main", {"event", "copy", "alarms", "on"});
+  add("four");
+  EXPECT_TRUE(eventually([&] { return count("sub1") == "3\n"; }));
+  EXPECT_EQ(done("sub1", {"event", "watch", "alarms", "--count", "3"}), "one\ntwo\nfour\n");
+
+  // The command is started again, and goes with the server.
+  ASSERT_EQ(::kill(std::stoi(read_all(pid_file)), SIGTERM), 0);
+  EXPECT_TRUE(eventually([&] { return count("main") == "8\n"; })) << "read from its start";
+  EXPECT_EQ(times_said("main", "feed: alarms: the command has ended, signal 15"), 1);
+  EXPECT_FALSE(gone());
+  EXPECT_EQ(stop("main", SIGTERM), 0);
+  EXPECT_TRUE(gone());
+  start("main", {"--feed", fmt::format("alarms=echo $$ >{}; exec sleep 1000", pid_file)});
+  EXPECT_TRUE(eventually([&] { return !gone(); }));
+  kill("main");
+  EXPECT_TRUE(eventually(gone));
+}
+
+TEST_F(Observed, TheLogIsOpenedAnewOnSighup) {
+  const std::string log = folder.path("log");
+  start("main", {"--log-file", log, "--log-format", "json"});
+  std::filesystem::rename(log, log + ".moved");
+  process("main").signal(SIGHUP);
+  EXPECT_TRUE(eventually([&] {
+    return std::filesystem::exists(log) &&
+           read_all(log).find("reloaded: log, directory, certificates") != std::string::npos;
+  }));
+  EXPECT_EQ(stop("main", SIGTERM), 0);
+  std::istringstream lines(read_all(log + ".moved") + read_all(log));
+  std::set<std::string> subjects;
+  for (std::string line; std::getline(lines, line);) {
+    const json object = json::parse(line);
+    EXPECT_EQ(object["level"], "info") << line;
+    subjects.insert(object["subject"]);
+  }
+  EXPECT_EQ(subjects, (std::set<std::string>{"server"}));
+  EXPECT_NE(read_all(log).find("stops: signal 15"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace portsvc

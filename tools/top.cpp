@@ -1,0 +1,357 @@
+// top: the ports of a server as a live table.
+#include <fmt/core.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "idl/port_codes.h"
+#include "tools/board_client.h"
+#include "tools/commands.h"
+#include "tools/errors.h"
+#include "tools/interrupt.h"
+#include "tools/output.h"
+
+namespace portsvc::tools {
+namespace {
+
+using std::chrono::steady_clock;
+using Varo::DT_PORT_SVC::Port_Factory_ptr;
+using Varo::DT_PORT_SVC::PORT_INFO;
+
+struct TopOptions {
+  std::string metrics;
+  std::string search;
+  std::string sort = "name";
+  unsigned int interval = 2;
+  unsigned int count = 0;
+  unsigned int rows = 0;
+};
+
+void describe_top(CLI::App& command, TopOptions& options) {
+  command.add_option("--metrics", options.metrics,
+                     "HOST:PORT of the server's metrics (default: what the server itself tells, "
+                     "which has no rates)");
+  command.add_option("--search", options.search, "Only names that contain this");
+  command
+      .add_option("--sort", options.sort,
+                  "name, queued, waiting, dropped or put; but for name the largest first")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"name", "queued", "waiting", "dropped", "put"}));
+  command.add_option("--interval", options.interval, "Seconds between two looks")
+      ->capture_default_str()
+      ->check(CLI::Range(1U, 3600U));
+  command.add_option("--count", options.count, "End after so many looks (default: never)");
+  command.add_option("--rows", options.rows,
+                     "Largest number of ports shown (default: what the terminal holds, else 1000)");
+}
+
+// --- what there is, in the shape of the board
+
+Json port_of(Port_Factory_ptr server, const std::string& name,
+             const std::map<std::string, std::string>& hosts) {
+  PORT_INFO info{};
+  if (server->get_port_info(name.c_str(), info) != result::ok) return nullptr;
+  Json port{{"name", printable(name)},
+            {"kind", info.kind == PORT_EVENTBOX ? "box"
+                     : info.kind == PORT_SLAVE  ? "proxy"
+                                                : "packet"},
+            {"limit", info.limit},
+            {"owner", info.owner_connected != 0}};
+  const auto host = hosts.find(name);
+  port["host"] = host == hosts.end() ? "" : printable(host->second);
+  CORBA::ULong events = 0;
+  if (info.kind == PORT_EVENTBOX && server->event_count(name.c_str(), events) == result::ok) {
+    port["packets"] = {{"queued", events}};
+  }
+  return port;
+}
+
+Json board_of(Session& session, const TopOptions& options, const std::string& sort,
+              std::size_t limit) {
+  Port_Factory_ptr server = session.server();
+  Varo::STRING_LIST_var ports;
+  Varo::STRING_LIST_var boxes;
+  check("list ports", server->patch_object_name(ports.out(), boxes.out()));
+  std::vector<std::string> names;
+  for (const Varo::STRING_LIST* list : {&ports.in(), &boxes.in()}) {
+    for (CORBA::ULong i = 0; i < list->length(); ++i) {
+      std::string name = (*list)[i].in();
+      if (name.find(options.search) != std::string::npos) names.push_back(std::move(name));
+    }
+  }
+  std::sort(names.begin(), names.end());
+  Varo::DT_PORT_SVC::ConnectionSeq_var connections;
+  check("list connections", server->current_connection(connections.out()));
+  std::map<std::string, std::string> hosts;
+  for (CORBA::ULong i = 0; i < connections->length(); ++i) {
+    hosts.emplace(connections[i].port_name.in(), connections[i].host.in());
+  }
+  Json rows = Json::array();
+  for (const std::string& name : names) {
+    // All have to be asked for when the fullest are wanted.
+    if (sort == "name" && rows.size() == limit) break;
+    throw_if_interrupted();
+    if (Json port = port_of(server, name, hosts); !port.is_null()) rows.push_back(std::move(port));
+  }
+  if (sort == "queued") {
+    const auto queued = [](const Json& port) {
+      return port.contains("packets") ? port["packets"]["queued"].get<std::uint64_t>() : 0;
+    };
+    std::stable_sort(rows.begin(), rows.end(),
+                     [&](const Json& a, const Json& b) { return queued(a) > queued(b); });
+  }
+  const std::size_t all = ports->length() + boxes->length();
+  while (rows.size() > limit) rows.erase(rows.size() - 1);
+  return {{"ports_total", all}, {"ports", std::move(rows)}};
+}
+
+// --- the table
+
+using Row = std::array<std::string, 8>;
+constexpr std::array<const char*, 8> titles{"NAME", "KIND",  "QUEUE",   "WAITING",
+                                            "IN/S", "OUT/S", "DROPPED", "OWNER"};
+
+/// Counts of the look before, for rates.
+struct Before {
+  steady_clock::time_point at;
+  std::map<std::string, std::pair<double, double>> flows;  // put and taken, by name
+};
+
+std::string number(const Json& object, const char* key) {
+  return object.contains(key) ? std::to_string(object[key].get<std::uint64_t>()) : "-";
+}
+
+double count_of(const Json& object, const char* key) { return object.value(key, 0.0); }
+
+Row row_of(const Json& port, const std::optional<Before>& before, double seconds) {
+  Row row;
+  row[0] = port.value("name", "");
+  row[1] = port.value("kind", "");
+  row[2] = row[3] = row[4] = row[5] = row[6] = "-";
+  const bool has_flow = port.contains("packets");
+  const Json packets = has_flow ? port["packets"] : Json::object();
+  if (has_flow) row[2] = number(packets, "queued") + "/" + number(port, "limit");
+  if (port.contains("takers_waiting")) {
+    row[3] =
+        fmt::format("{:.0f}", count_of(port, "senders_waiting") + count_of(port, "takers_waiting") +
+                                  count_of(port, "reply_takers_waiting"));
+  }
+  if (packets.contains("put") && before && seconds > 0) {
+    const auto old = before->flows.find(row[0]);
+    if (old != before->flows.end()) {
+      row[4] = fmt::format("{:.1f}", (count_of(packets, "put") - old->second.first) / seconds);
+      row[5] = fmt::format("{:.1f}", (count_of(packets, "taken") - old->second.second) / seconds);
+    }
+  }
+  if (packets.contains("dropped")) {
+    const double replies = port.contains("replies") ? count_of(port["replies"], "dropped") : 0;
+    row[6] = fmt::format("{:.0f}", count_of(packets, "dropped") + replies);
+  }
+  const std::string host = port.value("host", "");
+  row[7] = !port.value("owner", false) ? "-" : host.empty() ? "yes" : host;
+  return row;
+}
+
+/// Lines whose columns stand under one another; a name that is too long is cut.
+std::vector<std::string> aligned(const std::vector<Row>& rows) {
+  constexpr std::size_t widest = 48;
+  std::array<std::size_t, 8> widths{};
+  const auto shown = [&](const std::string& text) { return std::min(text.size(), widest); };
+  for (std::size_t i = 0; i < titles.size(); ++i) {
+    widths[i] = std::string(titles[i]).size();
+    for (const Row& row : rows) widths[i] = std::max(widths[i], shown(row[i]));
+  }
+  std::vector<std::string> lines;
+  const auto add = [&](const auto& cells) {
+    std::string line;
+    for (std::size_t i = 0; i < titles.size(); ++i) {
+      std::string cell = cells[i];
+      if (cell.size() > widest) cell = cell.substr(0, widest - 3) + "...";
+      line += i >= 2 && i <= 6 ? fmt::format("{:>{}}  ", cell, widths[i])
+                               : fmt::format("{:<{}}  ", cell, widths[i]);
+    }
+    line.erase(line.find_last_not_of(' ') + 1);
+    lines.push_back(std::move(line));
+  };
+  add(titles);
+  for (const Row& row : rows) add(row);
+  return lines;
+}
+
+std::string headline(const Json& board) {
+  std::string line;
+  if (board.contains("servers")) {
+    const Json& self = board["servers"][0];
+    line = fmt::format("{} {}, up {} s", self.value("role", ""), self.value("name", ""),
+                       self.value("uptime", 0));
+    for (std::size_t i = 1; i < board["servers"].size(); ++i) {
+      const Json& other = board["servers"][i];
+      line += fmt::format(", {} {}", other.value("role", ""), other.value("name", ""));
+      if (other.contains("up")) line += other["up"].get<bool>() ? " reached" : " NOT REACHED";
+    }
+    line += ", ";
+  }
+  return line + fmt::format("{} of {} ports", board["ports"].size(), number(board, "ports_total"));
+}
+
+// --- the terminal
+
+/// Single keys, without an echo, and a screen of its own while it lives.
+class Screen {
+ public:
+  Screen() {
+    ::tcgetattr(STDIN_FILENO, &before_);
+    termios now = before_;
+    now.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+    ::tcsetattr(STDIN_FILENO, TCSANOW, &now);
+    write_output("\x1b[?1049h\x1b[?25l");
+  }
+  ~Screen() {
+    std::fputs("\x1b[?25h\x1b[?1049l", stdout);
+    std::fflush(stdout);
+    ::tcsetattr(STDIN_FILENO, TCSANOW, &before_);
+  }
+  Screen(const Screen&) = delete;
+  Screen& operator=(const Screen&) = delete;
+
+  static winsize size() {
+    winsize size{};
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0) return {24, 80, 0, 0};
+    return size;
+  }
+
+  static void show(std::vector<std::string> lines) {
+    const winsize size = Screen::size();
+    lines.resize(std::min<std::size_t>(lines.size(), size.ws_row - 1U));
+    std::string text = "\x1b[H";
+    for (const std::string& line : lines) {
+      // By whole characters: the last byte that may begin one.
+      std::size_t end = std::min<std::size_t>(line.size(), size.ws_col);
+      while (end > 0 && end < line.size() && (line[end] & 0xc0) == 0x80) --end;
+      text += line.substr(0, end) + "\x1b[K\n";
+    }
+    write_output(text + "\x1b[J");
+    flush_output();
+  }
+
+ private:
+  termios before_{};
+};
+
+class Top {
+ public:
+  Top(Session& session, const TopOptions& options)
+      : session_(session), options_(options), sort_(options.sort) {}
+
+  void run() {
+    const bool live =
+        ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0 && !session_.options().json;
+    std::optional<Screen> screen;
+    if (live) screen.emplace();
+    for (unsigned int look = 1;; ++look) {
+      if (live) {
+        show_live();
+      } else {
+        print_plain(look);
+      }
+      if (look == options_.count || !rest(live)) return;
+    }
+  }
+
+ private:
+  Json board() {
+    std::size_t rows = options_.rows;
+    if (rows == 0) rows = ::isatty(STDOUT_FILENO) != 0 ? Screen::size().ws_row : 1000;
+    return options_.metrics.empty() ? board_of(session_, options_, sort_, rows)
+                                    : read_board(options_.metrics, options_.search, sort_, rows);
+  }
+
+  std::vector<std::string> lines_of(const Json& board) {
+    const auto now = steady_clock::now();
+    const double seconds = before_ ? std::chrono::duration<double>(now - before_->at).count() : 0;
+    std::vector<Row> rows;
+    Before current{now, {}};
+    for (const Json& port : board["ports"]) {
+      rows.push_back(row_of(port, before_, seconds));
+      if (!port.contains("packets")) continue;
+      current.flows[rows.back()[0]] = {count_of(port["packets"], "put"),
+                                       count_of(port["packets"], "taken")};
+    }
+    before_ = std::move(current);
+    return aligned(rows);
+  }
+
+  void print_plain(unsigned int look) {
+    const Json board = this->board();
+    if (session_.options().json) {
+      print_json(board);
+    } else {
+      if (look > 1) write_output("\n");
+      write_output(headline(board) + "\n");
+      for (const std::string& line : lines_of(board)) write_output(line + "\n");
+    }
+    flush_output();
+  }
+
+  // Somebody watches: a server that is away for a while is told, not left.
+  void show_live() {
+    std::vector<std::string> lines;
+    try {
+      const Json board = this->board();
+      lines = lines_of(board);
+      lines.insert(lines.begin(), headline(board));
+    } catch (const Unreachable& failure) {
+      lines = {failure.what()};
+    } catch (const CORBA::Exception& failure) {
+      session_.forget_server();
+      lines = {session_.explain(failure)};
+    }
+    lines.insert(lines.begin() + 1,
+                 fmt::format("sort: {} (keys: n name, u queued, w waiting, d dropped, p put; q "
+                             "quit)",
+                             sort_));
+    Screen::show(std::move(lines));
+  }
+
+  // Until the next look; false to quit.
+  bool rest(bool live) {
+    std::array<pollfd, 2> watched{pollfd{interrupt_fd(), POLLIN, 0},
+                                  pollfd{live ? STDIN_FILENO : -1, POLLIN, 0}};
+    (void)::poll(watched.data(), watched.size(), static_cast<int>(options_.interval * 1000));
+    throw_if_interrupted();
+    char key = 0;
+    if (watched[1].revents != 0 && ::read(STDIN_FILENO, &key, 1) != 1) return false;
+    static const std::map<char, const char*> sorts{
+        {'n', "name"}, {'u', "queued"}, {'w', "waiting"}, {'d', "dropped"}, {'p', "put"}};
+    if (const auto sort = sorts.find(key); sort != sorts.end()) sort_ = sort->second;
+    return key != 'q';
+  }
+
+  Session& session_;
+  const TopOptions& options_;
+  std::string sort_;
+  std::optional<Before> before_;
+};
+
+void top(Session& session, const TopOptions& options) { Top(session, options).run(); }
+
+}  // namespace
+
+void add_top_command(Commands& commands) {
+  commands.add<TopOptions>(commands.app, "top",
+                           "Watch the ports of a server: a live table on a terminal, else a table "
+                           "every few seconds",
+                           "top --metrics 127.0.0.1:9780", describe_top, top);
+}
+
+}  // namespace portsvc::tools
