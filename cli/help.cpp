@@ -68,7 +68,7 @@ std::string range(const CLI::Option& option) {
   return most.size() >= digits_of_no_bound ? least + " or more" : least + " to " + most;
 }
 
-bool takes_value(const CLI::Option& option) { return option.get_type_size() != 0; }
+bool takes_value(const CLI::Option& option) { return option.get_items_expected_max() != 0; }
 
 bool takes_several(const CLI::Option& option) {
   return option.get_expected_max() >= CLI::detail::expected_max_vector_size;

@@ -18,6 +18,7 @@
 #include "tools/errors.h"
 #include "tools/input.h"
 #include "tools/interrupt.h"
+#include "tools/message_limit.h"
 #include "tools/output.h"
 #include "tools/progress.h"
 #include "tools/session.h"
@@ -106,6 +107,18 @@ TEST(PortctlOutput, TellsHowFarATransferHasComeAndHowLongItStillTakes) {
   // A transfer without an end that is known, or one that has grown past it.
   EXPECT_EQ(progress_text(2048, std::nullopt, Seconds(2), "bytes"), "2.0 KiB  1.0 KiB/s");
   EXPECT_EQ(progress_text(12, 10, Seconds(2), "events"), "12 events  6 events/s");
+}
+
+TEST(PortctlSend, FeelsForTheLargestPayloadThatAServerTakes) {
+  for (const std::size_t limit : {5000U, 1000000U, 2999999U}) {
+    const auto felt = feel_for_limit(3000000, [&](std::size_t size) { return size <= limit; });
+    ASSERT_TRUE(felt);
+    EXPECT_LE(felt->first, limit);
+    EXPECT_GT(felt->second, limit);
+    EXPECT_LE(felt->second - felt->first, limit / 50);
+  }
+  EXPECT_FALSE(feel_for_limit(3000000, [](std::size_t) { return true; })) << "no matter of size";
+  EXPECT_FALSE(feel_for_limit(3000000, [](std::size_t) { return false; })) << "the server is gone";
 }
 
 // Both programs with what is told about them. Every option must be found there.

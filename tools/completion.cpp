@@ -54,7 +54,7 @@ void read(Position& at, const std::string& word, const CLI::App& app) {
     const auto equals = word.find('=');
     const CLI::Option* option = option_of(at.command, word.substr(0, equals));
     if (!option) return;
-    const bool takes_value = option->get_type_size() != 0;
+    const bool takes_value = option->get_items_expected_max() != 0;
     if (takes_value && equals == std::string::npos) {
       at.value = option;
     } else if (is_global(option, app)) {

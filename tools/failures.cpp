@@ -50,6 +50,10 @@ std::string failure_text(const std::string& server, CORBA::Object_ptr object,
   std::string meaning = orb::describe(exception);
   switch (orb::kind_of(exception)) {
     case orb::Failing::not_connected:
+      // Without TLS of its own a broker sees no address in a reference that takes TLS alone.
+      if (!options.tls.in_use()) {
+        meaning += "; if it serves with TLS alone, give --tls-ca and --tls-key";
+      }
       for (const orb::Address& address : orb::addresses(object)) {
         meaning = why_not_connected(address);
       }
@@ -59,6 +63,9 @@ std::string failure_text(const std::string& server, CORBA::Object_ptr object,
       for (const orb::Address& address : orb::addresses(object)) {
         if (reach(address.host, address.port, patience) != Reach::connected) {
           meaning += "; now: " + why_not_connected(address);
+        } else if (address.tls) {
+          // Some versions of TLS refuse a client once it believes to be connected.
+          meaning += "; or it does not trust the certificate here (--tls-ca there, --tls-key here)";
         }
       }
       break;

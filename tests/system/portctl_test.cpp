@@ -80,6 +80,8 @@ TEST_F(PortctlSystem, ServesWithFailuresTakesOverAndComesBack) {
   start("main");
   done("main", {"create", "p"});
   EXPECT_EQ(done("main", {"send", "p", "y", "--wait", "--timeout", "20"}), "Y");
+  done("main", {"release", "p", "--force"});
+  EXPECT_EQ(outcome(*serve).status, 1) << "it would wait for nothing";
 }
 
 TEST_F(PortctlSystem, RefusesWhatWouldDoHarm) {
