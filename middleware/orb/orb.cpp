@@ -160,14 +160,16 @@ std::atomic<bool> traced{false};
 void log_line(const char* line) {
   std::string_view text(line);
   while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.remove_suffix(1);
-  // The thread's number and the time end with the first colon that a blank follows, but for the
-  // broker's own name.
-  const auto time = text.find(": ", text.find(": ") + 1);
-  if (time != std::string_view::npos) text.remove_prefix(time + 2);
-  if (!traced && text.find("SSL transport disabled") != std::string_view::npos) return;
+  constexpr std::string_view own = "omniORB: ";
+  if (text.substr(0, own.size()) == own) text.remove_prefix(own.size());
+  if (const auto time = text.find(": "); !text.empty() && text[0] == '(' && time < text.size()) {
+    text.remove_prefix(time + 2);
+  }
   if (text.find("protocol error") != std::string_view::npos) {
     damaged_messages().log(Log_Level::warning, "client", "damaged message: " + std::string(text));
-  } else if (traced && !log_heard(Log_Level::info)) {
+  } else if (!traced) {
+    return;  // what it cannot do shows in what it answers
+  } else if (!log_heard(Log_Level::info)) {
     std::fputs(line, stderr);
   } else {
     log(Log_Level::info, "broker", std::string(text));
