@@ -162,9 +162,12 @@ void log_line(const char* line) {
   while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.remove_suffix(1);
   constexpr std::string_view own = "omniORB: ";
   if (text.substr(0, own.size()) == own) text.remove_prefix(own.size());
-  if (const auto time = text.find(": "); !text.empty() && text[0] == '(' && time < text.size()) {
-    text.remove_prefix(time + 2);
-  }
+  const auto pass_over = [&text](bool there, std::string_view end) {
+    const auto at = text.find(end);
+    if (there && at != std::string_view::npos) text.remove_prefix(at + end.size());
+  };
+  pass_over(text.substr(0, 1) == "(", ") ");
+  pass_over(!text.empty() && text[0] >= '0' && text[0] <= '9', ": ");
   if (text.find("protocol error") != std::string_view::npos) {
     damaged_messages().log(Log_Level::warning, "client", "damaged message: " + std::string(text));
   } else if (!traced) {
@@ -303,6 +306,8 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
   try {
     int argc = 0;
     impl_->orb = CORBA::ORB_init(argc, nullptr, "omniORB4", settings);
+    // Its environment may ask for more.
+    traced = traced || omniORB::traceInvocations || omniORB::traceInvocationReturns;
     set_message_buffer(message_buffer_bytes);
     omniORB::getInterceptors()->clientOpenConnection.add(count_connection);
     omniORB::getInterceptors()->serverAcceptConnection.add(watch_connection);
