@@ -187,14 +187,19 @@ std::atomic<bool> traced{false};
 void log_line(const char* line) {
   std::string_view text(line);
   while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.remove_suffix(1);
-  // The thread's number and the time end with the first colon that a blank follows, but for the
-  // broker's own name.
-  const auto time = text.find(": ", text.find(": ") + 1);
-  if (time != std::string_view::npos) text.remove_prefix(time + 2);
-  if (!traced && text.find("SSL transport disabled") != std::string_view::npos) return;
+  constexpr std::string_view own = "omniORB: ";
+  if (text.substr(0, own.size()) == own) text.remove_prefix(own.size());
+  const auto pass_over = [&text](bool there, std::string_view end) {
+    const auto at = text.find(end);
+    if (there && at != std::string_view::npos) text.remove_prefix(at + end.size());
+  };
+  pass_over(text.substr(0, 1) == "(", ") ");
+  pass_over(!text.empty() && text[0] >= '0' && text[0] <= '9', ": ");
   if (text.find("protocol error") != std::string_view::npos) {
     damaged_messages().log(Log_Level::warning, "client", "damaged message: " + std::string(text));
-  } else if (traced && !log_heard(Log_Level::info)) {
+  } else if (!traced) {
+    return;  // what it cannot do shows in what it answers
+  } else if (!log_heard(Log_Level::info)) {
     std::fputs(line, stderr);
   } else {
     log(Log_Level::info, "broker", std::string(text));
@@ -353,6 +358,8 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
   try {
     int argc = 0;
     impl_->orb = CORBA::ORB_init(argc, nullptr, "omniORB4", settings);
+    // Its environment may ask for more.
+    traced = traced || omniORB::traceInvocations || omniORB::traceInvocationReturns;
     set_message_buffer(message_buffer_bytes);
     omniORB::getInterceptors()->clientOpenConnection.add(count_connection);
     omniORB::getInterceptors()->clientSendRequest.add(add_own_name);

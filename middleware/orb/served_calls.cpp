@@ -72,7 +72,7 @@ constexpr std::array<std::uint8_t, places> hashed() {
 constexpr auto table = hashed();
 
 constexpr std::uint64_t nanoseconds(double seconds) {
-  return static_cast<std::uint64_t>(seconds * 1e9 + 0.5);
+  return static_cast<std::uint64_t>(seconds * 1e9);
 }
 
 constexpr auto bounds_in_nanoseconds() {
