@@ -91,12 +91,12 @@ CORBA::ULong Port_Factory_Sub::create_port(const char* name, CORBA::ULong kind,
   const auto port = creator()->create(name, next_handle_, limit, kind, this);
   if (!port) return result::bad_mode;
   if (!limits().ports.allows(registry_.size())) orb::refuse(refusal::ports);
-  registry_.add(port, kind == PORT_EVENTBOX);
-  ++next_handle_;
   if (port->kind() == PORT_MASTER) {
     const std::lock_guard<std::mutex> unsettled(unsettled_lock_);
-    unreported_.insert(name);
+    unreported_.insert(name);  // a name that does not become a port is dropped when it is looked at
   }
+  registry_.add(port, kind == PORT_EVENTBOX);
+  ++next_handle_;
   return result::ok;
 } catch (const std::bad_alloc&) {
   return no_memory(result::out_of_memory);

@@ -166,8 +166,8 @@ TEST_F(MainServer, PortctlTellsRefusalMisuseAndSilenceApart) {
   expect(2, "no command 'ask'", {"ask", "p"});
   expect(2, "NAME is required", {"send"});
   expect(2, "is no reference", {"ping"}, "corbaloc:nonsense");
-  expect(3, "cannot be reached", {"ping"}, nowhere);
-  expect(3, "knows no server 'main3'", {"ping"}, "main3");
+  expect(3, "connection refused", {"ping"}, nowhere);
+  expect(3, "lists no server 'main3'", {"ping"}, "main3");
 }
 
 }  // namespace
