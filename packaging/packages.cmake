@@ -43,7 +43,7 @@ set(CPACK_DEBIAN_SERVICE_PACKAGE_CONTROL_EXTRA
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libportservice-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-    "libomniorb4-dev, omniidl, libace-dev, libloki-dev, libboost-dev, libfmt-dev")
+    "libomniorb4-dev, omniidl, libace-dev, libloki-dev, libboost-dev, libfmt-dev, libssl-dev")
 set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS port-service)
 set(CPACK_DEBIAN_DEV_DESCRIPTION
     "named message channels over a CORBA broker - development files
