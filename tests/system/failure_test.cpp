@@ -68,6 +68,7 @@ TEST_F(Failures, ARestartedMainServerServesEveryCallThatComesAfterIt) {
 }
 
 TEST_F(Failures, AKilledMainServerEndsProxiedCallsAndTheProxiesComeBack) {
+  NEEDS_OMNIORB();
   // Its broker tells of every call that arrives; not when, which it looks up with a data race.
   ::setenv("ORBtraceInvocations", "1", 1);
   ::setenv("ORBtraceTime", "0", 1);

@@ -54,13 +54,16 @@ TEST_F(MainServer, ThreeHundredBlockedCallersOfOneProcessDelayNobody) {
 // those behind it.
 class OneConnection : public MainServer {
  protected:
-  OneConnection() {
+  void SetUp() override {
+    NEEDS_OMNIORB();
     std::array<const char*, 5> arguments{"system_test", "-ORBmaxGIOPConnectionPerServer", "1",
                                          "-ORBoneCallPerConnection", "0"};
     int count = static_cast<int>(arguments.size());
     orb_ = CORBA::ORB_init(count, const_cast<char**>(arguments.data()));
   }
-  ~OneConnection() override { orb_->destroy(); }
+  ~OneConnection() override {
+    if (!CORBA::is_nil(orb_.in())) orb_->destroy();
+  }
   CORBA::ORB_var orb_;
 };
 

@@ -5,6 +5,7 @@ namespace portsvc {
 namespace {
 
 TEST_F(SystemTest, NumbersThatAnOperationDoesNotWriteArriveAsZero) {
+  NEEDS_OMNIORB();
   start("main");
   const Port_Factory_var main = server("main");
   main->create_port("p", PORT_MASTER, 3);

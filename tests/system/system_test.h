@@ -20,6 +20,14 @@
 #include "tests/support/threads.h"
 #include "tests/system/process.h"
 
+// At the head of tests that speak the options, the trace or the TLS of one broker, or look at what
+// the other cannot do.
+#if defined(PORTSVC_ORB_TAO)
+#define NEEDS_OMNIORB() GTEST_SKIP() << "not with this broker"
+#else
+#define NEEDS_OMNIORB() static_cast<void>(0)
+#endif
+
 namespace portsvc {
 
 using namespace std::chrono_literals;

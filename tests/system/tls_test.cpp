@@ -8,7 +8,8 @@ namespace {
 
 class TlsOnly : public SystemTest {
  protected:
-  TlsOnly() {
+  void SetUp() override {
+    NEEDS_OMNIORB();
     make_authority("plant");
     make_key("own", "plant");
     use_tls({folder.path("plant.pem"), folder.path("own.pem")});

@@ -20,6 +20,7 @@ INSTANTIATE_TEST_SUITE_P(, Waits, ::testing::Values("early", "paused"),
 // A caller that is killed while it waits takes nothing with it: what comes next goes to whoever is
 // there, and the server keeps nothing for it.
 TEST_P(Waits, ADeadCallerSwallowsNothing) {
+  NEEDS_OMNIORB();
   const Port_Factory_var main = server("main");
   EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
   EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 8), result::ok);
@@ -51,6 +52,7 @@ TEST_P(Waits, ADeadCallerSwallowsNothing) {
 
 // Nothing comes for them, so the server has to find out by itself.
 TEST_P(Waits, DeadCallersGiveTheirConnectionsBack) {
+  NEEDS_OMNIORB();
   const Port_Factory_var main = server("main");
   EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
   const unsigned int id = connected(main, "p", CONNECT_OWNER);
