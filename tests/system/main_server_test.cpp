@@ -76,7 +76,7 @@ TEST_F(OneConnection, CarriesManyBlockedCallsAndStillAnswersOthers) {
   const int sockets = process("main").sockets();
   std::vector<std::future<Received>> blocked;
   for (int i = 0; i < callers; ++i) {
-    blocked.push_back(std::async(std::launch::async, [&] { return receive(main, id, 3); }));
+    blocked.push_back(std::async(std::launch::async, [&] { return receive(main, id, 8); }));
   }
   ASSERT_TRUE(eventually([&] { return process("main").threads() >= callers; }));
   EXPECT_EQ(process("main").sockets(), sockets) << "another connection was opened";
