@@ -29,7 +29,7 @@ TEST_F(Events, AWatcherPrintsInOrderWhatFourLoopsDeclareAtOnce) {
     loops.push_back(std::make_unique<Process>(Words{"sh", "-c", script},
                                               folder.path(fmt::format("loop{}", producer))));
   }
-  for (auto& loop : loops) EXPECT_EQ(outcome(*loop).status, 0) << loop->err();
+  for (auto& loop : loops) EXPECT_EQ(outcome(*loop, 100s).status, 0) << loop->err();
   ASSERT_EQ(outcome(*watcher).status, 0) << watcher->err();
 
   std::istringstream lines(watcher->out());
