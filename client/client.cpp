@@ -359,6 +359,7 @@ Result select(const std::vector<Owner*>& owners, Owner*& ready, Timeout timeout)
     }
   };
   std::vector<Ownership*> states;
+  states.reserve(owners.size());
   for (Owner* owner : owners) states.push_back(owner->impl_.get());
   return select_one(owners, states, ready, timeout, Operation());
 }
@@ -381,6 +382,7 @@ Result select(const std::vector<Client*>& clients, Client*& ready, Timeout timeo
     }
   };
   std::vector<Exchange*> states;
+  states.reserve(clients.size());
   for (Client* client : clients) states.push_back(client->impl_.get());
   return select_one(clients, states, ready, timeout, Operation());
 }
