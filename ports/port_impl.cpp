@@ -184,11 +184,11 @@ unsigned int Port_impl::connect_client(unsigned int handle, unsigned int access,
                                        unsigned int& owner) {
   owner = 0;
   ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, connection_lock_, result::port_lock);
-  const auto [registration, added] = reply_registrations_.emplace(handle, false);
+  const auto registration = reply_registrations_.emplace(handle, false);
   try {
     enter_client(handle, access);
   } catch (...) {
-    if (added) reply_registrations_.erase(registration);
+    if (registration.second) reply_registrations_.erase(registration.first);
     throw;
   }
   return result::ok;
