@@ -142,7 +142,7 @@ void offer_servers(const Words& globals, const std::string& start) {
 }
 
 void offer_values(const Position& at, const CLI::Option& option, const std::string& start) {
-  const std::string name = option.get_single_name();
+  const std::string& name = option.get_single_name();
   const std::string type = option.get_type_name();
   if (option.get_option_text() == "FILE" || name == "FILE") {
     fmt::print(":files\n");
