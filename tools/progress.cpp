@@ -3,6 +3,7 @@
 #include <fmt/core.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <utility>
 
@@ -17,7 +18,7 @@ std::string amount(double value, const std::string& unit) {
 }
 
 std::string clock_text(double seconds) {
-  const auto whole = static_cast<std::uint64_t>(seconds + 0.5);
+  const auto whole = std::llround(seconds);
   if (whole < 3600) return fmt::format("{}:{:02}", whole / 60, whole % 60);
   return fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
 }
