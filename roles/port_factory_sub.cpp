@@ -101,6 +101,8 @@ bool Port_Factory_Sub::ask_for(const char* name, Varo::DT_PORT_SVC::PORT_INFO& i
   // Whoever waited for the lock is spared the time that its holder has lost.
   const steady_clock::time_point lost{steady_clock::duration(time_lost_at_.load())};
   if (!exchange.begun() || steady_clock::now() < lost + after_lost_time) return false;
+  // Whoever held it for so long met a main server that is lost; finding it anew would take as long.
+  if (exchange.lasts() >= orb::peer_call_timeout() / 2) return false;
   const Port_Factory_var peer = get_remote_point();
   bool known = false;
   bool failed = CORBA::is_nil(peer.in());
