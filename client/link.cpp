@@ -24,18 +24,6 @@ constexpr std::chrono::milliseconds time_to_notice(10);
 // A request of this size is too large for hardly any server.
 constexpr std::size_t hardly_too_large = 32 << 10;
 
-// HOST:PORT, or [ADDRESS]:PORT for an address with colons.
-bool is_host_and_port(std::string_view text) {
-  const auto colon = text.rfind(':');
-  if (colon == std::string_view::npos) return false;
-  const std::string_view host = text.substr(0, colon);
-  const std::string_view port = text.substr(colon + 1);
-  if (port.empty() || port.size() > 5) return false;
-  if (port.find_first_not_of("0123456789") != std::string_view::npos) return false;
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']') return true;
-  return !host.empty() && host.find_first_of(":/[]") == std::string_view::npos;
-}
-
 // The broker of the process: the one that serves, or else one for all Connections.
 std::shared_ptr<orb::Broker> broker_for(const Options& options) {
   static std::mutex lock;  // guards what follows; held while a broker starts
@@ -81,16 +69,7 @@ std::shared_ptr<Directory> directory_for(const orb::Broker& broker, const Option
 Result result_of(const CORBA::Exception& exception) {
   const auto* const system = CORBA::SystemException::_downcast(&exception);
   if (!system) return Result(failure::broker);
-  switch (system->minor()) {
-    case refusal::stopping:
-    case refusal::blocked_calls:
-    case refusal::ports:
-    case refusal::clients:
-    case refusal::queued_bytes:
-      return Result(system->minor());
-    default:
-      break;
-  }
+  if (refusal_text(system->minor())) return Result(system->minor());
   if (CORBA::MARSHAL::_downcast(&exception)) return Result(failure::too_large);
   if (CORBA::OBJECT_NOT_EXIST::_downcast(&exception) || CORBA::INV_OBJREF::_downcast(&exception) ||
       CORBA::BAD_OPERATION::_downcast(&exception) || CORBA::BAD_PARAM::_downcast(&exception) ||
@@ -103,14 +82,6 @@ Result result_of(const CORBA::Exception& exception) {
                                                              : failure::lost);
   }
   return Result(failure::broker);
-}
-
-std::optional<std::string> reference_text(const std::string& server, bool tls) {
-  for (const std::string_view scheme : {"corbaloc:", "corbaname:", "IOR:"}) {
-    if (server.compare(0, scheme.size(), scheme) == 0) return server;
-  }
-  if (!is_host_and_port(server)) return std::nullopt;
-  return fmt::format("corbaloc:{}:{}/{}", tls ? "ssliop" : "iiop", server, object_key);
 }
 
 void show(Varo::DATA_BUFFER& data, Bytes bytes) {
@@ -269,7 +240,7 @@ Link::Link(const std::string& server, const Options& options)
 
 Result Link::look_up(CORBA::Object_var& object) {
   const bool tls = !options_.tls.authorities.empty();
-  if (const auto text = reference_text(server_, tls)) {
+  if (const auto text = orb::reference_text(server_, tls)) {
     try {
       object = broker_->from_text(*text);
     } catch (const orb::Error&) {

@@ -33,10 +33,6 @@ inline Result for_callers(Result result) {
 /// The code for a failed call.
 Result result_of(const CORBA::Exception& exception);
 
-/// The reference that a server's address names: itself for corbaloc, corbaname and IOR texts, a
-/// corbaloc for HOST:PORT, nothing for what can only be a name.
-std::optional<std::string> reference_text(const std::string& server, bool tls);
-
 /// Lets a sequence show the bytes where they lie.
 void show(Varo::DATA_BUFFER& data, Bytes bytes);
 /// Whether they can be sent at all.

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "client/owner_note.h"
+#include "middleware/owner_note.h"
 
 namespace portsvc::client::detail {
 namespace {

@@ -16,15 +16,11 @@ constexpr ResultText other_texts[] = {
      "no reference, no HOST:PORT and no name of the directory"},
     {failure::no_service, "no_service", "what answers there is no port service"},
     {failure::broker, "broker", "the broker failed"},
-    {refusal::stopping, "stopping", "the server is stopping"},
-    {refusal::blocked_calls, "blocked_calls", "the server's limit of blocked calls is reached"},
-    {refusal::ports, "ports", "the server's limit of ports is reached"},
-    {refusal::clients, "clients", "the port's limit of clients is reached"},
-    {refusal::queued_bytes, "queued_bytes", "the server's limit of queued bytes is reached"},
 };
 
 ResultText text_of(unsigned int code) {
   if (const ResultText* const text = result_text(code)) return *text;
+  if (const ResultText* const text = refusal_text(code)) return *text;
   for (const ResultText& text : other_texts) {
     if (text.code == code) return text;
   }

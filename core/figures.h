@@ -46,8 +46,8 @@ struct Server_Figures {
   std::optional<Peer_Figures> peer;      ///< sub role
   Snapshot_State snapshot;
   // Of the process.
-  std::vector<orb::Operation_Calls> calls;  ///< empty on a broker that does not tell
-  std::uint64_t bytes_received = 0;         ///< payloads in calls
+  std::vector<orb::Operation_Calls> calls;
+  std::uint64_t bytes_received = 0;  ///< payloads in calls
   std::uint64_t bytes_sent = 0;
   std::uint64_t connections_taken = 0;
   std::vector<Limit_Figures> limits;

@@ -34,7 +34,6 @@ unsigned int with_empty(Varo::DATA_BUFFER_SEQ_out& out, unsigned int code) {
 bool put(const Event_ptr& event, DATA_BUFFER& element) {
   const unsigned int size = event->size();
   if (size == 0) return true;
-  traffic().sent.add(size);
   if (event.use_count() == 1) {
     element.replace(size, size, event->release().release(), 1);
     return true;
@@ -110,9 +109,14 @@ CORBA::ULong Port_Factory_i::packet_receive_n(CORBA::ULong id, Varo::DATA_BUFFER
 
   auto* const payloads = fresh<DATA_BUFFER_SEQ>(list);
   if (!payloads || !set_length(*payloads, events.size())) return result::failed;
+  const Together together;
+  std::uint64_t bytes = 0;
   for (unsigned int i = 0; i < events.size(); ++i) {
+    bytes += events[i]->size();
     if (!put(events[i], (*payloads)[i])) return result::failed;
+    events[i].reset();
   }
+  traffic().sent.add(bytes);
   return result::ok;
 } catch (const std::bad_alloc&) {
   return no_memory(result::failed);

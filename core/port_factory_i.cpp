@@ -74,9 +74,7 @@ Server_Figures Port_Factory_i::figures() {
     figures.subscriptions = events_.subscriptions();
   }
   figures.snapshot = snapshot_state();
-#if !defined(PORTSVC_ORB_TAO)
   figures.calls = orb::served_calls().read();
-#endif
   figures.bytes_received = traffic().received.sum();
   figures.bytes_sent = traffic().sent.sum();
   figures.connections_taken = orb::connections_taken();

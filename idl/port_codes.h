@@ -124,6 +124,22 @@ constexpr unsigned int clients = 0x50530004;
 constexpr unsigned int queued_bytes = 0x50530005;
 }  // namespace refusal
 
+inline constexpr std::array<ResultText, 5> refusal_texts{{
+    {refusal::stopping, "stopping", "the server is stopping"},
+    {refusal::blocked_calls, "blocked_calls", "the server's limit of blocked calls is reached"},
+    {refusal::ports, "ports", "the server's limit of ports is reached"},
+    {refusal::clients, "clients", "the port's limit of clients is reached"},
+    {refusal::queued_bytes, "queued_bytes", "the server's limit of queued bytes is reached"},
+}};
+
+/// The text of a refusal, or nullptr for another number.
+constexpr const ResultText* refusal_text(unsigned int minor) {
+  for (const ResultText& text : refusal_texts) {
+    if (text.code == minor) return &text;
+  }
+  return nullptr;
+}
+
 /// The client handle of the first CONNECT_CLIENT connection of a server.
 constexpr unsigned int first_client_handle = 758;
 /// The client handle counter never hands out this value or one above it...

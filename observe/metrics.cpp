@@ -66,10 +66,10 @@ void add_box(Families& families, const Port_Figures& box, const Labels& labels) 
                    box.packets.dropped, labels);
   families.counter("portsvc_box_events_cleared_total", "Events dropped by request",
                    box.packets.cleared, labels);
-  families.counter("portsvc_box_copies_sent_total", "Copies of its packets that sub servers took",
+  families.counter("portsvc_box_copies_sent_total", "Copies of its events that sub servers took",
                    box.copies.sent, labels);
   families.counter("portsvc_box_copies_lost_total",
-                   "Copies of its packets that no sub server has got", box.copies.lost, labels);
+                   "Copies of its events that no sub server has got", box.copies.lost, labels);
 }
 
 void add_packet_port(Families& families, const Port_Figures& port, const Labels& labels) {

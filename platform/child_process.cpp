@@ -72,39 +72,41 @@ Child_Process::Child_Process(const std::string& command) {
 }
 
 Child_Process::~Child_Process() {
-  constexpr std::chrono::seconds patience(2);
-  if (!status_) {
-    stop();
-    (void)ended(patience);
+  if (!end_) stop();
+  (void)wait();
+  ::kill(-pid_, SIGKILL);  // what it has left behind in its group, which has its number till here
+  while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
   }
-  ::kill(-pid_, SIGKILL);  // what it has left behind in its group
-  if (!status_) (void)ended(std::chrono::hours(1));
   ::close(output_);
   ::close(lifeline_);
 }
 
 void Child_Process::stop() const { ::kill(-pid_, SIGTERM); }
 
-std::optional<int> Child_Process::ended(std::chrono::milliseconds patience) {
+bool Child_Process::ended(std::chrono::milliseconds patience) {
   const auto until = std::chrono::steady_clock::now() + patience;
-  while (!status_) {
-    int status = 0;
-    const pid_t answer = ::waitpid(pid_, &status, WNOHANG);
-    if (answer == pid_ || (answer < 0 && errno != EINTR)) {
-      status_ = status;
+  while (!end_) {
+    siginfo_t end{};
+    const int answer = ::waitid(P_PID, static_cast<id_t>(pid_), &end, WEXITED | WNOHANG | WNOWAIT);
+    if ((answer == 0 && end.si_pid == pid_) || (answer < 0 && errno != EINTR)) {
+      end_ = end;
     } else if (std::chrono::steady_clock::now() >= until) {
       break;
     } else {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   }
-  return status_;
+  return end_.has_value();
 }
 
 std::string Child_Process::wait() {
-  const int status = ended(std::chrono::hours(24 * 365)).value_or(0);
-  return WIFEXITED(status) ? "exit status " + std::to_string(WEXITSTATUS(status))
-                           : "signal " + std::to_string(WTERMSIG(status));
+  if (!ended(std::chrono::seconds(2))) {
+    ::kill(-pid_, SIGKILL);
+    (void)ended(std::chrono::hours(1));
+  }
+  if (!end_) return "no end";
+  return (end_->si_code == CLD_EXITED ? "exit status " : "signal ") +
+         std::to_string(end_->si_status);
 }
 
 Child_Process::Read Child_Process::read_line(std::string& line, std::size_t longest,

@@ -1,6 +1,7 @@
 // A command that this process runs and whose output it reads.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -31,12 +32,12 @@ class Child_Process {
   /// Asks the group to end: SIGTERM. Any thread; returns at once.
   void stop() const;
 
-  /// How it ended, for people: "exit status 1", "signal 15". Waits for the end; call it once its
-  /// output has ended.
+  /// How it ended, for people: "exit status 1", "signal 15". For one that has been asked to end;
+  /// SIGKILL to the group when it has not two seconds later.
   std::string wait();
 
  private:
-  std::optional<int> ended(std::chrono::milliseconds patience);
+  bool ended(std::chrono::milliseconds patience);
 
   pid_t pid_ = -1;
   int output_ = -1;
@@ -45,7 +46,7 @@ class Child_Process {
   std::size_t looked_at_ = 0;  // of unread_, without finding a newline
   bool passing_over_ = false;
   bool output_ended_ = false;
-  std::optional<int> status_;
+  std::optional<siginfo_t> end_;  // it keeps its process id until the destructor
 };
 
 }  // namespace portsvc

@@ -63,6 +63,28 @@ struct Limits {
 /// The limits of the process.
 Limits& limits();
 
+/// While it lives, what payloads that go on this thread give back is collected, and given back at
+/// once when it goes: the count is one word, on which all connections meet. Not for a wait.
+class Together {
+ public:
+  Together() { of_this_thread() = this; }
+  ~Together() {
+    of_this_thread() = nullptr;
+    if (bytes_ != 0) limits().queued_bytes.give_back(bytes_);
+  }
+  Together(const Together&) = delete;
+  Together& operator=(const Together&) = delete;
+
+ private:
+  friend class Queued_Bytes;
+  static Together*& of_this_thread() {
+    thread_local Together* together = nullptr;
+    return together;
+  }
+
+  std::uint64_t bytes_ = 0;
+};
+
 /// A payload's share of the queued bytes, for as long as this lives. Each counts a little more than
 /// its bytes, for what surrounds them.
 class Queued_Bytes {
@@ -78,7 +100,11 @@ class Queued_Bytes {
     return *this;
   }
   ~Queued_Bytes() {
-    if (bytes_ != 0) limits().queued_bytes.give_back(bytes_);
+    if (Together* const together = Together::of_this_thread()) {
+      together->bytes_ += bytes_;
+    } else if (bytes_ != 0) {
+      limits().queued_bytes.give_back(bytes_);
+    }
   }
 
   /// Counts a payload that has just come; false when it must be refused.

@@ -26,6 +26,7 @@ std::string executable() {
 unsigned int process_id() { return static_cast<unsigned int>(::getpid()); }
 
 void name_this_thread(const char* name) { (void)::pthread_setname_np(::pthread_self(), name); }
+
 unsigned long long process_start(unsigned int process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/stat");
   const std::string all{std::istreambuf_iterator<char>(file), {}};

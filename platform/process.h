@@ -10,6 +10,7 @@ unsigned int process_id();
 
 /// The name under which the platform's tools show this thread, at most 15 letters.
 void name_this_thread(const char* name);
+
 /// When a process was started, in clock ticks after boot; 0 when there is none.
 unsigned long long process_start(unsigned int process);
 

@@ -101,13 +101,11 @@ bool Port_Factory_Sub::ask_for(const char* name, Varo::DT_PORT_SVC::PORT_INFO& i
   // Whoever waited for the lock is spared the time that its holder has lost.
   const steady_clock::time_point lost{steady_clock::duration(time_lost_at_.load())};
   if (!exchange.begun() || steady_clock::now() < lost + after_lost_time) return false;
-  // Whoever held it for so long met a main server that is lost; finding it anew would take as long.
-  if (exchange.lasts() >= orb::peer_call_timeout() / 2) return false;
+  const orb::CallTimeout scope(exchange.time_left());  // also for finding it anew
   const Port_Factory_var peer = get_remote_point();
   bool known = false;
   bool failed = CORBA::is_nil(peer.in());
   if (!failed) try {
-      const orb::CallTimeout scope(exchange.time_left());
       known = peer->get_port_info(name, info) == result::ok;
     } catch (const CORBA::Exception&) {
       releaseRemotePoint();

@@ -270,12 +270,10 @@ class Watched {
   std::optional<observe::Endpoint> endpoint_;
 };
 
-Watched::Feeds start_feeds(const Options& options, Port_Factory_i* servant) {
+Watched::Feeds start_feeds(const Options& options, Port_Factory_Main* main) {
   Watched::Feeds feeds;
-  auto* const main = dynamic_cast<Port_Factory_Main*>(servant);
-  for (const Feed_Option& feed : options.feeds) {
-    if (main) feeds.push_back(std::make_unique<Feed>(feed, main));
-  }
+  feeds.reserve(options.feeds.size());
+  for (const Feed_Option& feed : options.feeds) feeds.push_back(std::make_unique<Feed>(feed, main));
   return feeds;
 }
 
@@ -335,7 +333,7 @@ void serve(const Options& options, StopSignal& stop, const Reread& reread, Log& 
   std::fflush(stdout);
   log_start(options, broker.corbaloc(reference.in()));
   std::optional<Heartbeat> heartbeat(std::in_place, broker, reference.in(), status);
-  const Watched::Feeds feeds = start_feeds(options, servant);
+  const Watched::Feeds feeds = start_feeds(options, main);
   std::optional<Watched::Showing> showing(std::in_place, watched, servant, feeds);
 
   unsigned int second = 0;

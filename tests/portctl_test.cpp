@@ -73,13 +73,14 @@ TEST_F(PortctlCommand, SeesClosedPipesAndReportsSignals) {
 
 TEST(PortctlServer, IsAReferenceAnAddressOrAName) {
   for (const char* reference : {"corbaloc:iiop:h:1/PortService", "IOR:0100", "corbaname::h#a"}) {
-    EXPECT_EQ(reference_text(reference), reference);
+    EXPECT_EQ(orb::reference_text(reference), reference);
   }
-  EXPECT_EQ(reference_text("plant1.local:9700"), "corbaloc:iiop:plant1.local:9700/PortService");
-  EXPECT_EQ(reference_text("h:9700", true), "corbaloc:ssliop:h:9700/PortService");
-  EXPECT_EQ(reference_text("[::1]:9700"), "corbaloc:iiop:[::1]:9700/PortService");
+  EXPECT_EQ(orb::reference_text("plant1.local:9700"),
+            "corbaloc:iiop:plant1.local:9700/PortService");
+  EXPECT_EQ(orb::reference_text("h:9700", true), "corbaloc:ssliop:h:9700/PortService");
+  EXPECT_EQ(orb::reference_text("[::1]:9700"), "corbaloc:iiop:[::1]:9700/PortService");
   for (const char* name : {"plant1", "plant:one", "a:b:9700", ":9700", "plant:", ""}) {
-    EXPECT_EQ(reference_text(name), std::nullopt) << name;
+    EXPECT_EQ(orb::reference_text(name), std::nullopt) << name;
   }
 }
 

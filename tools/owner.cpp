@@ -2,15 +2,8 @@
 
 #include <fmt/core.h>
 #include <poll.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 
 #include "idl/port_codes.h"
 #include "tools/errors.h"
@@ -25,47 +18,16 @@ namespace {
 
 constexpr const char* note_word = "portctl";
 
-std::string host_name() {
-  std::array<char, 256> name{};
-  return ::gethostname(name.data(), name.size() - 1) == 0 && name[0] ? name.data() : "localhost";
-}
-
-// When a process was started, 0 when there is none.
-unsigned long long start_of(int process) {
-  std::ifstream file(fmt::format("/proc/{}/stat", process));
-  const std::string all{std::istreambuf_iterator<char>(file), {}};
-  const auto name_end = all.rfind(')');  // the name before may hold anything
-  if (name_end == std::string::npos) return 0;
-  std::istringstream fields(all.substr(name_end + 1));
-  std::string skipped;
-  for (int field = 3; field < 22; ++field) fields >> skipped;
-  unsigned long long started = 0;
-  fields >> started;
-  return started;
+OwnerNote own_note() {
+  OwnerNote note = OwnerNote::own();
+  note.program = note_word;  // whatever the file is called
+  return note;
 }
 
 // Access mode of nobody who waits or selects.
 constexpr unsigned int access_none = 0;
 
 }  // namespace
-
-OwnerNote OwnerNote::own() { return {host_name(), ::getpid(), start_of(::getpid())}; }
-
-std::optional<OwnerNote> OwnerNote::read(const std::string& text) {
-  std::istringstream words(text);
-  std::string word;
-  OwnerNote note;
-  std::string rest;
-  if (!(words >> word >> note.host >> note.process >> note.started) || word != note_word) return {};
-  if (words >> rest || note.process <= 0) return {};
-  return note;
-}
-
-std::string OwnerNote::text() const {
-  return fmt::format("{} {} {} {}", note_word, host, process, started);
-}
-
-bool OwnerNote::has_ended() const { return host == host_name() && start_of(process) != started; }
 
 std::string owner_text(const std::optional<OwnerNote>& note) {
   if (!note) return "an owner that left no word";
@@ -76,7 +38,10 @@ std::optional<OwnerNote> note_of_owner(Port_Factory_ptr server, const std::strin
   Varo::DT_PORT_SVC::ConnectionSeq_var list;
   if (server->current_connection(list.out()) != result::ok) return {};
   for (CORBA::ULong i = 0; i < list->length(); ++i) {
-    if (port == list[i].port_name.in()) return OwnerNote::read(list[i].host.in());
+    if (port != list[i].port_name.in()) continue;
+    auto note = OwnerNote::read(list[i].host.in());
+    if (note && note->program != note_word) note.reset();
+    return note;
   }
   return {};
 }
@@ -100,7 +65,7 @@ Owner::Owner(Session& session, const std::string& port, const OwnerOptions& opti
              const Sink* sink)
     : server_(Port_Factory::_duplicate(session.server())), port_(port) {
   const auto start = steady_clock::now();
-  const OwnerNote own = OwnerNote::own();
+  const OwnerNote own = own_note();
   const bool take_over = options.take_over || options.take_over_after;
   while (!connection_) {
     try {

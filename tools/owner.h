@@ -10,31 +10,17 @@
 #include <optional>
 #include <string>
 
+#include "middleware/owner_note.h"
 #include "tools/interrupt.h"
 #include "tools/session.h"
 #include "tools/sink.h"
 
 namespace portsvc::tools {
 
-/// What portctl notes as the host text of a port it owns: enough for a later portctl of the same
-/// host to tell whether that owner still lives.
-struct OwnerNote {
-  std::string host;
-  int process = 0;
-  unsigned long long started = 0;  ///< in clock ticks after boot: process ids come back
-
-  static OwnerNote own();
-  /// The note in a host text, nothing when the text is another one.
-  static std::optional<OwnerNote> read(const std::string& text);
-  std::string text() const;
-  /// True when it names a process of this host that has ended.
-  bool has_ended() const;
-};
-
 /// "process 4711 of press-7", or "an owner that left no word".
 std::string owner_text(const std::optional<OwnerNote>& note);
 
-/// The note of a port's owner, nothing when it has left none.
+/// The note of a port's owner, nothing when it is no portctl or has left none.
 std::optional<OwnerNote> note_of_owner(Varo::DT_PORT_SVC::Port_Factory_ptr server,
                                        const std::string& port);
 

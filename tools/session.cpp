@@ -16,30 +16,6 @@ using Varo::DT_PORT_SVC::Port_Factory;
 using Varo::DT_PORT_SVC::Port_Factory_ptr;
 using Varo::DT_PORT_SVC::Port_Factory_var;
 
-namespace {
-
-// HOST:PORT, or [ADDRESS]:PORT for an address with colons.
-bool is_host_and_port(std::string_view text) {
-  const auto colon = text.rfind(':');
-  if (colon == std::string_view::npos) return false;
-  const std::string_view host = text.substr(0, colon);
-  const std::string_view port = text.substr(colon + 1);
-  if (port.empty() || port.size() > 5) return false;
-  if (port.find_first_not_of("0123456789") != std::string_view::npos) return false;
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']') return true;
-  return !host.empty() && host.find_first_of(":/[]") == std::string_view::npos;
-}
-
-}  // namespace
-
-std::optional<std::string> reference_text(const std::string& server, bool tls) {
-  for (const std::string_view scheme : {"corbaloc:", "corbaname:", "IOR:"}) {
-    if (server.compare(0, scheme.size(), scheme) == 0) return server;
-  }
-  if (!is_host_and_port(server)) return std::nullopt;
-  return fmt::format("corbaloc:{}:{}/{}", tls ? "ssliop" : "iiop", server, object_key);
-}
-
 orb::Broker& Session::broker() {
   if (!broker_) {
     orb::set_peer_call_timeout(std::chrono::seconds(options_.call_timeout));
@@ -91,7 +67,7 @@ std::string Session::directory_problem(const std::string& wanted) {
 
 Port_Factory_var Session::resolve(const std::string& server) {
   CORBA::Object_var object;
-  if (const auto reference = reference_text(server, options_.tls.in_use())) {
+  if (const auto reference = orb::reference_text(server, options_.tls.in_use())) {
     try {
       object = broker().from_text(*reference);
     } catch (const orb::Error& error) {

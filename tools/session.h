@@ -23,10 +23,6 @@ struct GlobalOptions : cli::PeerOptions {
   bool json = false;
 };
 
-/// The reference that a --server text names: itself for corbaloc, corbaname and IOR texts, a
-/// corbaloc for HOST:PORT, with TLS when that is in use; nothing when the text is a server's name.
-std::optional<std::string> reference_text(const std::string& server, bool tls = false);
-
 /// Made once, after the options have been read. Starts the broker at the first use, so that a
 /// command without a server needs none. Not thread-safe.
 class Session {

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <netdb.h>
 
+#include <algorithm>
 #include <charconv>
 #include <fstream>
 #include <iterator>
@@ -54,6 +55,11 @@ void check(const Options& options) {
   require(tls.authorities, "CERTIFICATE");
   require(tls.key, "CERTIFICATE");
   require(tls.key, "PRIVATE KEY");
+}
+
+std::chrono::milliseconds usual_timeout_within(std::chrono::milliseconds in_force) {
+  const std::chrono::milliseconds usual = peer_call_timeout();
+  return in_force.count() == 0 ? usual : std::min(usual, in_force);
 }
 
 std::string why_not_listening(const Endpoint& endpoint) {

@@ -21,6 +21,9 @@ struct Endpoint {
 /// Error.
 Endpoint parse_endpoint(const std::string& text);
 
+/// The peer call time-out, or the one already in force if that is shorter; zero is none.
+std::chrono::milliseconds usual_timeout_within(std::chrono::milliseconds in_force);
+
 /// The cause of a failure to listen, as far as it can be told.
 std::string why_not_listening(const Endpoint& endpoint);
 

@@ -487,6 +487,7 @@ std::string Remote_Caller::server() const {
 }
 
 void tell_own_name(const std::string& name) { own_name() = name; }
+
 std::uint64_t connections_served() {
   const auto* const server = connection_server.load(std::memory_order_relaxed);
   return server ? connections_of(*server) : 0;
@@ -497,6 +498,8 @@ std::uint64_t connections_taken() { return taken_connections.load(std::memory_or
 CallTimeout::CallTimeout(std::chrono::milliseconds timeout) : outer_(thread_timeout) {
   apply_thread_timeout(timeout);
 }
+
+CallTimeout::CallTimeout() : CallTimeout(usual_timeout_within(thread_timeout)) {}
 
 CallTimeout::~CallTimeout() { apply_thread_timeout(outer_); }
 

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -116,6 +117,10 @@ class Broker {
   const Entry entry_{this};
 };
 
+/// The reference that a server's address names: itself for corbaloc, corbaname and IOR texts, a
+/// corbaloc for HOST:PORT, with TLS when that is in use; nothing for what can only be a name.
+std::optional<std::string> reference_text(const std::string& server, bool tls = false);
+
 /// Time-out of a call to a peer that is not itself a wait: connect and call together.
 std::chrono::milliseconds peer_call_timeout();
 /// Changes it for the process (default 5 s).
@@ -127,8 +132,8 @@ void set_peer_call_timeout(std::chrono::milliseconds timeout);
 class CallTimeout {
  public:
   explicit CallTimeout(std::chrono::milliseconds timeout);
-  /// The time-out of a call that is not a wait.
-  CallTimeout() : CallTimeout(peer_call_timeout()) {}
+  /// The time-out of a call that is not a wait, or that of the scope around it if it is shorter.
+  CallTimeout();
   ~CallTimeout();
   CallTimeout(const CallTimeout&) = delete;
   CallTimeout& operator=(const CallTimeout&) = delete;

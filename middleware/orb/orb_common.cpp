@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <atomic>
+#include <string_view>
 
 #include "idl/port_codes.h"
 #include "middleware/orb/orb.h"
@@ -13,28 +14,24 @@ std::atomic<std::chrono::milliseconds::rep> peer_timeout_ms{5000};
 
 std::atomic<Broker*> broker_of_process{nullptr};
 
-/// What a server's refusal means, empty for another minor code.
-const char* meaning_of_refusal(unsigned int minor) {
-  switch (minor) {
-    case refusal::stopping:
-      return "the server is stopping";
-    case refusal::blocked_calls:
-      return "the server's limit of blocked calls is reached";
-    case refusal::ports:
-      return "the server's limit of ports is reached";
-    case refusal::clients:
-      return "the port's limit of clients is reached";
-    case refusal::queued_bytes:
-      return "the server's limit of queued bytes is reached";
-    default:
-      return "";
-  }
+// HOST:PORT, or [ADDRESS]:PORT for an address with colons.
+bool is_host_and_port(std::string_view text) {
+  const auto colon = text.rfind(':');
+  if (colon == std::string_view::npos) return false;
+  const std::string_view host = text.substr(0, colon);
+  const std::string_view port = text.substr(colon + 1);
+  if (port.empty() || port.size() > 5) return false;
+  if (port.find_first_not_of("0123456789") != std::string_view::npos) return false;
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') return true;
+  return !host.empty() && host.find_first_of(":/[]") == std::string_view::npos;
 }
 
 /// What an exception usually means to somebody who runs the system, empty when its name says all.
-const char* usual_meaning(const CORBA::Exception& exception) {
+std::string_view usual_meaning(const CORBA::Exception& exception) {
   const auto* const system = CORBA::SystemException::_downcast(&exception);
-  if (system && *meaning_of_refusal(system->minor())) return meaning_of_refusal(system->minor());
+  if (system) {
+    if (const ResultText* const text = refusal_text(system->minor())) return text->meaning;
+  }
   if (CORBA::TRANSIENT::_downcast(&exception)) return "the server cannot be reached";
   if (CORBA::TIMEOUT::_downcast(&exception)) return "no answer in time";
   if (CORBA::COMM_FAILURE::_downcast(&exception)) return "the connection was lost during the call";
@@ -53,6 +50,14 @@ const char* usual_meaning(const CORBA::Exception& exception) {
 }
 
 }  // namespace
+
+std::optional<std::string> reference_text(const std::string& server, bool tls) {
+  for (const std::string_view scheme : {"corbaloc:", "corbaname:", "IOR:"}) {
+    if (server.compare(0, scheme.size(), scheme) == 0) return server;
+  }
+  if (!is_host_and_port(server)) return std::nullopt;
+  return fmt::format("corbaloc:{}:{}/{}", tls ? "ssliop" : "iiop", server, object_key);
+}
 
 std::chrono::milliseconds peer_call_timeout() {
   return std::chrono::milliseconds(peer_timeout_ms.load(std::memory_order_relaxed));
@@ -104,7 +109,7 @@ Failing kind_of(const CORBA::Exception& exception) {
 }
 
 std::string describe(const CORBA::Exception& exception) {
-  const std::string meaning = usual_meaning(exception);
+  const std::string_view meaning = usual_meaning(exception);
   return meaning.empty() ? exception._name() : fmt::format("{} ({})", meaning, exception._name());
 }
 

@@ -153,6 +153,7 @@ void Port_Factory_Skeleton::_dispatch(TAO_ServerRequest& request,
   if (message && message->length() > largest_request) {
     throw CORBA::MARSHAL(0, CORBA::COMPLETED_NO);
   }
+  const Timed_Call timed(request.operation());
   const Blocked_Call counted(request.operation());
   errno = EINVAL;
   POA_Varo::DT_PORT_SVC::Port_Factory::_dispatch(request, upcall);
@@ -291,6 +292,8 @@ CORBA::Object_var Broker::from_outside(CORBA::Object_ptr served) const {
 CallTimeout::CallTimeout(std::chrono::milliseconds timeout) : outer_(thread_timeout) {
   apply_thread_timeout(timeout);
 }
+
+CallTimeout::CallTimeout() : CallTimeout(usual_timeout_within(thread_timeout)) {}
 
 CallTimeout::~CallTimeout() { apply_thread_timeout(outer_); }
 

@@ -13,7 +13,8 @@ namespace portsvc {
 class TemporaryFolder {
  public:
   TemporaryFolder() {
-    std::string pattern = std::filesystem::temp_directory_path() / "portsvc_test.XXXXXX";
+    std::string pattern =
+        std::filesystem::temp_directory_path() / ("portsvc_test." + std::string(6, 'X'));
     if (!::mkdtemp(pattern.data())) std::abort();
     path_ = pattern;
   }

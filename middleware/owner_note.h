@@ -4,10 +4,11 @@
 #include <optional>
 #include <string>
 
-namespace portsvc::client::detail {
+namespace portsvc {
 
 /// "PROGRAM HOST PROCESS START": enough for a later owner on the same host to tell whether this one
-/// still lives. The library and portctl write it as the port's connected host.
+/// still lives. The client library and portctl write it as the
+/// port's connected host.
 struct OwnerNote {
   std::string program;
   std::string host;
@@ -22,4 +23,4 @@ struct OwnerNote {
   bool has_ended() const;
 };
 
-}  // namespace portsvc::client::detail
+}  // namespace portsvc

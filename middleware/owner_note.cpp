@@ -1,4 +1,4 @@
-#include "client/owner_note.h"
+#include "middleware/owner_note.h"
 
 #include <fmt/format.h>
 
@@ -6,7 +6,7 @@
 
 #include "platform/process.h"
 
-namespace portsvc::client::detail {
+namespace portsvc {
 
 OwnerNote OwnerNote::own() {
   return {program_name(), host_name(), process_id(), process_start(process_id())};
@@ -29,4 +29,4 @@ bool OwnerNote::has_ended() const {
   return host == host_name() && process_start(process) != started;
 }
 
-}  // namespace portsvc::client::detail
+}  // namespace portsvc
