@@ -1,6 +1,5 @@
 // The directory in a file.
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
@@ -8,28 +7,10 @@
 #include <utility>
 
 #include "middleware/directory.h"
+#include "platform/file_stamp.h"
 
 namespace portsvc {
 namespace {
-
-/// What tells one state of a file from another.
-struct FileStamp {
-  ino_t inode = 0;
-  off_t size = 0;
-  std::int64_t seconds = 0;
-  std::int64_t nanoseconds = 0;
-
-  bool operator==(const FileStamp& o) const {
-    return inode == o.inode && size == o.size && seconds == o.seconds &&
-           nanoseconds == o.nanoseconds;
-  }
-
-  static FileStamp of(const std::string& path) {
-    struct stat s {};
-    if (::stat(path.c_str(), &s) != 0) return {};
-    return {s.st_ino, s.st_size, s.st_mtim.tv_sec, s.st_mtim.tv_nsec};
-  }
-};
 
 class FileDirectory final : public Directory {
  public:
@@ -39,7 +20,7 @@ class FileDirectory final : public Directory {
       : broker_(broker),
         path_(std::move(path)),
         complain_(std::move(complain)),
-        stamp_(FileStamp::of(path_)),
+        stamp_(File_Stamp::of(path_)),
         entries_(read()) {}
 
   CORBA::Object_var resolve(const std::string& server, const std::string& realm) override {
@@ -137,7 +118,7 @@ class FileDirectory final : public Directory {
 
   /// Reads the file again when it is not the one that was read last. Under the lock.
   void refresh() {
-    const FileStamp now = FileStamp::of(path_);
+    const File_Stamp now = File_Stamp::of(path_);
     if (now == stamp_) return;
     stamp_ = now;
     try {
@@ -152,7 +133,7 @@ class FileDirectory final : public Directory {
   const std::string path_;
   const Complain complain_;
   std::mutex lock_;  ///< guards the two below; the file is read under it, nothing is called
-  FileStamp stamp_;
+  File_Stamp stamp_;
   std::vector<Entry> entries_;
 };
 

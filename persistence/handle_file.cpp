@@ -1,13 +1,6 @@
 #include "persistence/handle_file.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
@@ -25,24 +18,13 @@ struct Handle_File::Image {
   std::uint32_t handles[capacity];
 };
 
-Handle_File::~Handle_File() {
-  if (image_) ::munmap(image_, sizeof(Image));
-  if (file_ >= 0) ::close(file_);
-}
-
 std::string Handle_File::open(const std::string& path) {
-  file_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  struct stat facts {};
-  void* mapped = MAP_FAILED;
-  // The disk space is taken now: a full disk must not be met by a store.
-  if (file_ >= 0 && ::fstat(file_, &facts) == 0 && S_ISREG(facts.st_mode) &&
-      ::flock(file_, LOCK_EX | LOCK_NB) == 0 &&
-      (errno = ::posix_fallocate(file_, 0, sizeof(Image))) == 0) {
-    mapped = ::mmap(nullptr, sizeof(Image), PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
+  try {
+    file_.emplace(path, sizeof(Image));
+  } catch (const std::system_error& failure) {
+    throw std::runtime_error("cannot keep " + path + ": " + failure.code().message());
   }
-  const std::string reason = std::generic_category().message(errno);
-  if (mapped == MAP_FAILED) throw std::runtime_error("cannot keep " + path + ": " + reason);
-  image_ = static_cast<Image*>(mapped);
+  image_ = static_cast<Image*>(file_->memory());
   if (std::memcmp(image_->magic, magic, sizeof magic) != 0) {
     std::memset(image_, 0, sizeof(Image));
     std::memcpy(image_->magic, magic, sizeof magic);

@@ -4,8 +4,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "platform/mapped_file.h"
 
 namespace portsvc {
 
@@ -20,7 +23,6 @@ class Handle_File {
   static constexpr std::size_t capacity = 16384;
 
   Handle_File() = default;
-  ~Handle_File();
   Handle_File(const Handle_File&) = delete;
   Handle_File& operator=(const Handle_File&) = delete;
 
@@ -39,8 +41,8 @@ class Handle_File {
   struct Image;
   void find_places();
 
-  int file_ = -1;
-  Image* image_ = nullptr;
+  std::optional<Mapped_File> file_;
+  Image* image_ = nullptr;                        // in it
   std::map<unsigned int, std::uint32_t> places_;  // by handle
   std::vector<std::uint32_t> free_;
 };

@@ -1,32 +1,29 @@
 #include "persistence/snapshot_file.h"
 
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <array>
+#include <boost/endian/conversion.hpp>
 #include <cstdio>
-#include <cstring>
+#include <filesystem>
 #include <memory>
 #include <optional>
+#include <system_error>
 
 namespace portsvc::snapshot {
 namespace {
 
 void put_u32(std::string& bytes, std::size_t at, std::uint32_t value) {
-  for (unsigned int i = 0; i < 4; ++i) bytes[at + i] = static_cast<char>(value >> (8 * i));
+  boost::endian::store_little_u32(reinterpret_cast<unsigned char*>(bytes.data() + at), value);
 }
 
 void append_u32(std::string& bytes, std::uint32_t value) {
-  bytes.resize(bytes.size() + 4);
-  put_u32(bytes, bytes.size() - 4, value);
+  bytes.resize(bytes.size() + sizeof value);
+  put_u32(bytes, bytes.size() - sizeof value, value);
 }
 
 std::uint32_t u32_at(std::string_view bytes, std::size_t at) {
-  std::uint32_t value = 0;
-  for (unsigned int i = 0; i < 4; ++i) {
-    value |= static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[at + i])) << (8 * i);
-  }
-  return value;
+  return boost::endian::load_little_u32(reinterpret_cast<const unsigned char*>(bytes.data() + at));
 }
 
 // The name in a 256-byte field, nothing when it has no terminator.
@@ -150,10 +147,10 @@ Content parse(std::string_view bytes) {
 }
 
 bool read_file(const char* path, const char* mode, std::string& bytes) {
+  std::error_code ignored;
+  if (!std::filesystem::is_regular_file(path, ignored)) return false;
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, mode), &std::fclose);
   if (!file) return false;
-  struct stat found {};
-  if (::fstat(::fileno(file.get()), &found) != 0 || !S_ISREG(found.st_mode)) return false;
   std::array<char, 65536> piece;
   for (;;) {
     const std::size_t read = std::fread(piece.data(), 1, piece.size(), file.get());

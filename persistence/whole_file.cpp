@@ -1,78 +1,84 @@
 #include "persistence/whole_file.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdio>
+#include <filesystem>
+#include <optional>
 #include <system_error>
 
+#include "platform/file.h"
 #include "platform/process.h"
+
+namespace fs = std::filesystem;
 
 namespace portsvc {
 namespace {
 
-std::string failed(const char* what, const std::string& path) {
-  return std::string("cannot ") + what + " " + path + ": " + std::generic_category().message(errno);
+std::string failed(const std::string& path, const std::system_error& why) {
+  return "cannot write " + path + ": " + why.code().message();
 }
 
-// Writes all and flushes it to the disk; closes `file` in any case.
-bool fill_and_close(int file, std::string_view bytes) {
-  bool good = true;
-  while (good && !bytes.empty()) {
-    const ssize_t written = ::write(file, bytes.data(), bytes.size());
-    if (written > 0) {
-      bytes.remove_prefix(static_cast<std::size_t>(written));
-    } else {
-      good = written < 0 && errno == EINTR;
-    }
-  }
-  good = good && ::fsync(file) == 0;
-  const int reason = errno;
-  if (::close(file) == 0) errno = reason;
-  return good;
+bool takes_no_new_file(const std::error_code& failure) {
+  return failure == std::errc::permission_denied || failure == std::errc::operation_not_permitted ||
+         failure == std::errc::read_only_file_system;
+}
+
+void fill(File file, std::string_view bytes) {
+  write_fully(file.fd(), bytes);
+  file.flush();
 }
 
 // The rename itself must survive a power cut. Some file systems cannot flush folders; nothing is
 // lost then but the newest file.
-void flush_folder_of(const std::string& path) {
-  const auto separator = path.rfind('/');
-  const std::string folder = separator == std::string::npos ? "." : path.substr(0, separator + 1);
-  const int file = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (file < 0) return;
-  (void)::fsync(file);
-  ::close(file);
+void flush_folder_of(const fs::path& path) {
+  try {
+    File(path.has_parent_path() ? path.parent_path() : ".", File::Mode::folder).flush();
+  } catch (const std::system_error&) {
+    // See above.
+  }
 }
 
 }  // namespace
 
 std::string not_a_plain_file(const std::string& path) {
-  struct stat found {};
-  if (::lstat(path.c_str(), &found) != 0 || S_ISREG(found.st_mode)) return {};
-  const char* const kind = S_ISLNK(found.st_mode)   ? "a symbolic link"
-                           : S_ISDIR(found.st_mode) ? "a folder"
-                                                    : "a device, pipe or socket";
+  std::error_code ignored;
+  const char* kind = "a device, pipe or socket";
+  switch (fs::symlink_status(path, ignored).type()) {
+    case fs::file_type::none:
+    case fs::file_type::not_found:
+    case fs::file_type::regular:
+      return {};
+    case fs::file_type::symlink:
+      kind = "a symbolic link";
+      break;
+    case fs::file_type::directory:
+      kind = "a folder";
+      break;
+    default:
+      break;
+  }
   return path + " is " + kind + ", not a plain file";
 }
 
 std::string write_whole_file(const std::string& path, std::string_view bytes) {
   std::string odd = not_a_plain_file(path);
   if (!odd.empty()) return odd;
-  constexpr int mode = 0666;
   const std::string fresh = path + unfinished;
   remove_file(fresh);  // left by a process that died
-  int file = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-  if (file < 0 && (errno == EACCES || errno == EPERM || errno == EROFS)) {
-    file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, mode);
-    if (file < 0 || !fill_and_close(file, bytes)) return failed("write", path);
-    return {};
+  std::optional<File> file;
+  try {
+    file.emplace(fresh, File::Mode::create);
+  } catch (const std::system_error& why) {
+    if (!takes_no_new_file(why.code())) return failed(fresh, why);
   }
-  if (file < 0) return failed("write", fresh);
-  if (!fill_and_close(file, bytes) || ::rename(fresh.c_str(), path.c_str()) != 0) {
-    odd = failed("write", path);
-    remove_file(fresh);
-    return odd;
+  try {
+    if (!file) {
+      fill(File(path, File::Mode::rewrite_here), bytes);
+      return {};
+    }
+    fill(std::move(*file), bytes);
+    fs::rename(fresh, path);
+  } catch (const std::system_error& why) {
+    if (file) remove_file(fresh);
+    return failed(path, why);
   }
   flush_folder_of(path);
   return {};

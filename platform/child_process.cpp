@@ -10,9 +10,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <stdexcept>
 #include <system_error>
 #include <thread>
+#include <utility>
+
+#include "platform/streams.h"
 
 namespace portsvc {
 namespace {
@@ -22,30 +24,27 @@ constexpr const char* guard =
     "{ read -r gone <&3; kill -TERM 0; } >/dev/null 2>&1 &\n"
     "exec 3<&-\n";
 
-[[noreturn]] void failed(const char* what, int error) {
-  throw std::runtime_error(std::string("cannot ") + what + ": " +
-                           std::generic_category().message(error));
-}
+/// The files that a shell is started with, by number; one below 0 is left out.
+struct Shell_Files {
+  int input = -1;  // without one /dev/null
+  int output = -1;
+  int third = -1;
+};
 
-}  // namespace
-
-Child_Process::Child_Process(const std::string& command) {
-  std::array<int, 2> ends{-1, -1};
-  std::array<int, 2> life{-1, -1};
-  if (::pipe2(ends.data(), O_CLOEXEC) != 0) failed("make a pipe", errno);
-  if (::pipe2(life.data(), O_CLOEXEC) != 0) {
-    const int error = errno;
-    for (const int end : ends) ::close(end);
-    failed("make a pipe", error);
-  }
+/// Starts /bin/sh in a process group of its own, so that all it starts can be ended with it. What
+/// this process blocks or ignores is its own affair: a pipeline of commands counts on SIGPIPE.
+pid_t start_shell(const std::string& script, const Shell_Files& given) {
   posix_spawn_file_actions_t files;
   ::posix_spawn_file_actions_init(&files);
-  ::posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  ::posix_spawn_file_actions_adddup2(&files, ends[1], STDOUT_FILENO);
-  ::posix_spawn_file_actions_adddup2(&files, life[0], 3);
+  if (given.input >= 0) {
+    ::posix_spawn_file_actions_adddup2(&files, given.input, STDIN_FILENO);
+  } else {
+    ::posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  }
+  ::posix_spawn_file_actions_adddup2(&files, given.output, STDOUT_FILENO);
+  if (given.third >= 0) ::posix_spawn_file_actions_adddup2(&files, given.third, 3);
   posix_spawnattr_t attributes;
   ::posix_spawnattr_init(&attributes);
-  // What this process blocks or ignores is its own affair.
   sigset_t none;
   sigemptyset(&none);
   sigset_t ignored = none;
@@ -55,30 +54,63 @@ Child_Process::Child_Process(const std::string& command) {
   ::posix_spawnattr_setpgroup(&attributes, 0);
   ::posix_spawnattr_setflags(
       &attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-  const std::string script = guard + command;
   const char* const arguments[] = {"sh", "-c", script.c_str(), nullptr};
-  const int error = ::posix_spawn(&pid_, "/bin/sh", &files, &attributes,
+  pid_t pid = -1;
+  const int error = ::posix_spawn(&pid, "/bin/sh", &files, &attributes,
                                   const_cast<char* const*>(arguments), environ);
   ::posix_spawnattr_destroy(&attributes);
   ::posix_spawn_file_actions_destroy(&files);
-  ::close(ends[1]);
-  ::close(life[0]);
-  output_ = ends[0];
-  lifeline_ = life[1];
-  if (error == 0) return;
-  ::close(output_);
-  ::close(lifeline_);
-  failed("start /bin/sh", error);
+  if (error != 0) {
+    throw std::system_error(error, std::generic_category(), "cannot start /bin/sh");
+  }
+  return pid;
+}
+
+/// Ends whatever is left in the group of a command and waits for the command.
+void end_group(pid_t pid) {
+  ::kill(-pid, SIGKILL);
+  while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+  }
+}
+
+/// A command that is ended, with all it has started, unless its status has been taken.
+class Filter {
+ public:
+  explicit Filter(pid_t pid) : pid_(pid) {}
+  ~Filter() {
+    if (pid_ > 0) end_group(pid_);
+  }
+  Filter(const Filter&) = delete;
+  Filter& operator=(const Filter&) = delete;
+
+  // Waits for its end; nothing when `stop` could be read before.
+  std::optional<int> status(int stop) {
+    int status = 0;
+    while (::waitpid(pid_, &status, WNOHANG) == 0) {
+      if (wait_readable({stop}, std::chrono::milliseconds(5))) return std::nullopt;
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+
+ private:
+  pid_t pid_;
+};
+
+}  // namespace
+
+Child_Process::Child_Process(const std::string& command) {
+  Pipe output;
+  Pipe life;
+  pid_ = start_shell(guard + command, {-1, output.write_end.fd(), life.read_end.fd()});
+  output_ = std::move(output.read_end);
+  lifeline_ = std::move(life.write_end);
 }
 
 Child_Process::~Child_Process() {
   if (!end_) stop();
   (void)wait();
-  ::kill(-pid_, SIGKILL);  // what it has left behind in its group, which has its number till here
-  while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-  }
-  ::close(output_);
-  ::close(lifeline_);
+  end_group(pid_);  // it has its number till here
 }
 
 void Child_Process::stop() const { ::kill(-pid_, SIGTERM); }
@@ -136,15 +168,47 @@ Child_Process::Read Child_Process::read_line(std::string& line, std::size_t long
     }
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         until - std::chrono::steady_clock::now());
-    pollfd watched{output_, POLLIN, 0};
-    const int ready = ::poll(&watched, 1, static_cast<int>(std::max<long>(left.count(), 0)));
-    if (ready == 0) return Read::nothing_yet;
-    if (ready < 0) continue;
-    std::array<char, 65536> chunk;
-    const ssize_t got = ::read(output_, chunk.data(), chunk.size());
-    if (got > 0) unread_.append(chunk.data(), static_cast<std::size_t>(got));
-    if (got == 0 || (got < 0 && errno != EINTR)) output_ended_ = true;
+    if (!wait_readable({output_.fd()}, std::max(left, std::chrono::milliseconds(0)))) {
+      return Read::nothing_yet;
+    }
+    try {
+      output_ended_ = !read_more(output_.fd(), unread_);
+    } catch (const std::system_error&) {
+      output_ended_ = true;
+    }
   }
+}
+
+std::optional<Filtered> run_filter(const std::string& command, std::string_view input, int stop) {
+  Pipe to_command;
+  Pipe from_command;
+  Filter filter(start_shell(command, {to_command.read_end.fd(), from_command.write_end.fd(), -1}));
+  to_command.read_end.close();
+  from_command.write_end.close();
+  File& feed = to_command.write_end;
+  ::fcntl(feed.fd(), F_SETFL, O_NONBLOCK);
+  if (input.empty()) feed.close();
+
+  Filtered result;
+  for (bool ended = false; !ended;) {
+    // A closed file has the number -1, which poll passes over.
+    std::array<pollfd, 3> watched{pollfd{from_command.read_end.fd(), POLLIN, 0},
+                                  pollfd{feed.fd(), POLLOUT, 0}, pollfd{stop, POLLIN, 0}};
+    (void)::poll(watched.data(), watched.size(), -1);
+    if (watched[2].revents != 0) return std::nullopt;
+    if (watched[1].revents != 0) {
+      const ssize_t written = ::write(feed.fd(), input.data(), input.size());
+      if (written > 0) input.remove_prefix(static_cast<std::size_t>(written));
+      const bool wants_no_more = written < 0 && errno != EAGAIN && errno != EINTR;
+      if (input.empty() || wants_no_more) feed.close();
+    }
+    if (watched[0].revents != 0) ended = !read_more(from_command.read_end.fd(), result.output);
+  }
+  feed.close();
+  const std::optional<int> status = filter.status(stop);
+  if (!status) return std::nullopt;
+  result.status = *status;
+  return result;
 }
 
 }  // namespace portsvc

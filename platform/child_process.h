@@ -1,4 +1,4 @@
-// A command that this process runs and whose output it reads.
+// Shell commands that this process runs and whose output it reads.
 #pragma once
 
 #include <signal.h>
@@ -8,6 +8,9 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
+
+#include "platform/file.h"
 
 namespace portsvc {
 
@@ -16,7 +19,8 @@ namespace portsvc {
 /// Used by one thread, but for stop().
 class Child_Process {
  public:
-  /// Runs `command` with /bin/sh. Throws std::runtime_error when no process can be made.
+  /// Runs `command` with /bin/sh. Throws std::system_error, with a line for people, when no process
+  /// can be made.
   explicit Child_Process(const std::string& command);
   /// stop(), if it still runs; SIGKILL to the group when it has not ended two seconds later.
   ~Child_Process();
@@ -40,13 +44,25 @@ class Child_Process {
   bool ended(std::chrono::milliseconds patience);
 
   pid_t pid_ = -1;
-  int output_ = -1;
-  int lifeline_ = -1;  // closed when this process ends, however that happens
+  File output_;
+  File lifeline_;  // closed when this process ends, however that happens
   std::string unread_;
   std::size_t looked_at_ = 0;  // of unread_, without finding a newline
   bool passing_over_ = false;
   bool output_ended_ = false;
   std::optional<siginfo_t> end_;  // it keeps its process id until the destructor
 };
+
+/// What a command printed and how it ended.
+struct Filtered {
+  std::string output;  ///< its standard output
+  int status = 0;      ///< exit status, or 128 + the signal that ended it
+};
+
+/// Runs `command` with /bin/sh as a filter: `input` on its standard input. A command that does not
+/// read its input, or that prints more than it reads, is no trouble. As soon as `stop` can be read,
+/// the command and all it has started end, and there is no answer. Throws std::system_error, with a
+/// line for people, when no process can be made.
+std::optional<Filtered> run_filter(const std::string& command, std::string_view input, int stop);
 
 }  // namespace portsvc

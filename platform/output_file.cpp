@@ -1,7 +1,5 @@
 #include "platform/output_file.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,7 +7,9 @@
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
-#include <utility>
+
+#include "platform/file.h"
+#include "platform/process.h"
 
 namespace fs = std::filesystem;
 
@@ -17,27 +17,6 @@ namespace portsvc {
 namespace {
 
 [[noreturn]] void failed(int error) { throw std::system_error(error, std::generic_category()); }
-
-class Open_File {
- public:
-  Open_File(const std::string& path, int flags, mode_t mode = 0)
-      : fd_(::open(path.c_str(), flags | O_CLOEXEC, mode)) {
-    if (fd_ < 0) failed(errno);
-  }
-  ~Open_File() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Open_File(const Open_File&) = delete;
-  Open_File& operator=(const Open_File&) = delete;
-  int fd() const { return fd_; }
-  // Some file systems say only now that the disk is full.
-  void close() {
-    if (::close(std::exchange(fd_, -1)) != 0) failed(errno);
-  }
-
- private:
-  int fd_;
-};
 
 // The standard stream that `file` is, under whatever name, or -1.
 int standard_stream(const struct stat& file) {
@@ -61,15 +40,15 @@ fs::path target_of(fs::path path) {
 }
 
 void replace(const fs::path& path, std::string_view bytes, mode_t mode) {
-  const std::string draft = path.string() + "." + std::to_string(::getpid());
+  const std::string draft = path.string() + "." + std::to_string(process_id());
   try {
-    Open_File file(draft, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    File file(draft, File::Mode::rewrite);
     if (mode != 0 && ::fchmod(file.fd(), mode) != 0) failed(errno);
     write_fully(file.fd(), bytes);
     file.close();
     fs::rename(draft, path);
   } catch (...) {
-    ::unlink(draft.c_str());
+    remove_file(draft);
     throw;
   }
 }
@@ -84,26 +63,12 @@ void write(const std::string& path, std::string_view bytes) {
   const int stream = standard_stream(file);
   if (stream >= 0) return write_fully(stream, bytes);
   if (S_ISREG(file.st_mode)) return replace(target_of(path), bytes, file.st_mode & 07777);
-  Open_File device(path, O_WRONLY);
+  File device(path, File::Mode::write);
   write_fully(device.fd(), bytes);
   device.close();
 }
 
 }  // namespace
-
-void write_fully(int file, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(file, bytes.data(), bytes.size());
-    if (written >= 0) {
-      bytes.remove_prefix(static_cast<std::size_t>(written));
-    } else if (errno == EAGAIN) {  // whoever shares the stream has made it non-blocking
-      pollfd room{file, POLLOUT, 0};
-      (void)::poll(&room, 1, -1);
-    } else if (errno != EINTR) {
-      failed(errno);
-    }
-  }
-}
 
 void write_output_file(const std::string& path, std::string_view bytes) {
   try {

@@ -9,10 +9,6 @@ namespace portsvc {
 /// True for "-", the name of standard output.
 inline bool is_standard_output(const std::string& path) { return path == "-"; }
 
-/// Writes all of `bytes` to an open file, however often the system must be asked. Throws
-/// std::system_error with the errno of the write that failed.
-void write_fully(int file, std::string_view bytes);
-
 /// Leaves `bytes`, whole, under the name `path`. A regular file and a new name get them through a
 /// temporary name beside them and a rename, so that whoever finds the file finds it whole; an
 /// earlier file's permissions stay. A symbolic link is followed, also to a file that does not exist

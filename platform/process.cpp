@@ -1,24 +1,27 @@
 #include "platform/process.h"
 
 #include <pthread.h>
-#include <sys/stat.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <system_error>
+
+namespace fs = std::filesystem;
 
 namespace portsvc {
 namespace {
 
 std::string chosen_state_folder;
 
-std::string executable() {
-  std::array<char, 4096> path{};
-  const ssize_t length = ::readlink("/proc/self/exe", path.data(), path.size());
-  return length <= 0 ? "" : std::string(path.data(), static_cast<std::size_t>(length));
+fs::path executable() {
+  std::error_code not_told;
+  return fs::read_symlink("/proc/self/exe", not_told);
 }
 
 }  // namespace
@@ -26,6 +29,19 @@ std::string executable() {
 unsigned int process_id() { return static_cast<unsigned int>(::getpid()); }
 
 void name_this_thread(const char* name) { (void)::pthread_setname_np(::pthread_self(), name); }
+
+std::optional<std::uint64_t> most_open_files() {
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) != 0) return std::nullopt;
+  return files.rlim_cur;
+}
+
+void raise_most_open_files() {
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) != 0) return;
+  files.rlim_cur = files.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &files);
+}
 
 unsigned long long process_start(unsigned int process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/stat");
@@ -41,8 +57,7 @@ unsigned long long process_start(unsigned int process) {
 }
 
 std::string program_name() {
-  const std::string full = executable();
-  std::string name = full.substr(full.rfind('/') + 1);
+  std::string name = executable().filename();
   std::replace(name.begin(), name.end(), ' ', '_');
   return name.empty() ? "program" : name;
 }
@@ -53,9 +68,8 @@ std::string host_name() {
 }
 
 std::string executable_folder() {
-  const std::string full = executable();
-  const auto separator = full.rfind('/');
-  return separator == std::string::npos ? "." : full.substr(0, separator);
+  const fs::path full = executable();
+  return full.has_parent_path() ? full.parent_path().string() : ".";
 }
 
 std::string state_folder() {
@@ -64,7 +78,10 @@ std::string state_folder() {
 
 void set_state_folder(const std::string& path) { chosen_state_folder = path; }
 
-void make_folder(const std::string& path) { (void)::mkdir(path.c_str(), 0777); }
+void make_folder(const std::string& path) {
+  std::error_code ignored;
+  fs::create_directory(path, ignored);
+}
 
 void remove_file(const std::string& path) { (void)::unlink(path.c_str()); }
 

@@ -1,6 +1,8 @@
 // Facts about the running process and the few file-system calls the system makes.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 namespace portsvc {
@@ -10,6 +12,11 @@ unsigned int process_id();
 
 /// The name under which the platform's tools show this thread, at most 15 letters.
 void name_this_thread(const char* name);
+
+/// How many files this process may have open, nothing when the system does not tell; and as many as
+/// the system lets it have, from here on.
+std::optional<std::uint64_t> most_open_files();
+void raise_most_open_files();
 
 /// When a process was started, in clock ticks after boot; 0 when there is none.
 unsigned long long process_start(unsigned int process);

@@ -3,39 +3,27 @@
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <memory>
 
+#include "platform/file.h"
+
 namespace portsvc {
 namespace {
 
-class Socket {
- public:
-  explicit Socket(int family)
-      : fd_(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {}
-  ~Socket() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-
-  /// 0 when connected, otherwise the error; ETIMEDOUT when there was no answer.
-  int connect(const addrinfo& to, std::chrono::milliseconds patience) const {
-    if (fd_ < 0) return errno;
-    if (::connect(fd_, to.ai_addr, to.ai_addrlen) == 0) return 0;
-    if (errno != EINPROGRESS) return errno;
-    pollfd answer{fd_, POLLOUT, 0};
-    if (::poll(&answer, 1, static_cast<int>(patience.count())) <= 0) return ETIMEDOUT;
-    int error = 0;
-    socklen_t size = sizeof error;
-    return ::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
-  }
-
- private:
-  int fd_;
-};
+/// 0 when connected, otherwise the error; ETIMEDOUT when there was no answer.
+int connect(const addrinfo& to, std::chrono::milliseconds patience) {
+  const File socket(::socket(to.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (socket.fd() < 0) return errno;
+  if (::connect(socket.fd(), to.ai_addr, to.ai_addrlen) == 0) return 0;
+  if (errno != EINPROGRESS) return errno;
+  pollfd answer{socket.fd(), POLLOUT, 0};
+  if (::poll(&answer, 1, static_cast<int>(patience.count())) <= 0) return ETIMEDOUT;
+  int error = 0;
+  socklen_t size = sizeof error;
+  return ::getsockopt(socket.fd(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
+}
 
 }  // namespace
 
@@ -47,7 +35,7 @@ Reach reach(const std::string& host, std::uint16_t port, std::chrono::millisecon
     return Reach::unknown_host;
   }
   const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> addresses(found, &::freeaddrinfo);
-  switch (Socket(addresses->ai_family).connect(*addresses, patience)) {
+  switch (connect(*addresses, patience)) {
     case 0:
       return Reach::connected;
     case ECONNREFUSED:

@@ -4,15 +4,15 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "platform/file.h"
 #include "platform/log.h"
+#include "platform/streams.h"
 
 namespace portsvc::server {
 namespace {
@@ -54,9 +54,7 @@ const char* journal_mark(Log_Level level) {
 /// The variable is inherited also by what has another standard error since.
 bool goes_to_journal() {
   const char* const stream = std::getenv("JOURNAL_STREAM");  // NOLINT(concurrency-mt-unsafe)
-  struct stat error_output {};
-  if (!stream || ::fstat(STDERR_FILENO, &error_output) != 0) return false;
-  return fmt::format("{}:{}", error_output.st_dev, error_output.st_ino) == stream;
+  return stream && *stream && file_identity(standard_error) == stream;
 }
 
 std::string escaped(const std::string& text) {

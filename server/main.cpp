@@ -1,7 +1,5 @@
 // port_server: hosts the servant of a main or a sub server.
 #include <fmt/core.h>
-#include <signal.h>
-#include <sys/resource.h>
 
 #include <chrono>
 #include <exception>
@@ -9,20 +7,14 @@
 
 #include "middleware/orb/orb.h"
 #include "platform/memory.h"
+#include "platform/process.h"
+#include "platform/signals.h"
 #include "server/messages.h"
 #include "server/options.h"
 #include "server/server.h"
 #include "server/stop_signal.h"
 
 namespace {
-
-/// A connection per caller: as many as the system lets this process have.
-void allow_many_connections() {
-  rlimit files{};
-  if (::getrlimit(RLIMIT_NOFILE, &files) != 0) return;
-  files.rlim_cur = files.rlim_max;
-  ::setrlimit(RLIMIT_NOFILE, &files);
-}
 
 int check_only(const portsvc::server::Options& options) {
   using namespace portsvc::server;
@@ -47,8 +39,8 @@ int main(int argc, char** argv) {
 
   if (options.check_only) return check_only(options);
 
-  ::signal(SIGPIPE, SIG_IGN);
-  allow_many_connections();
+  portsvc::ignore_broken_pipes();
+  portsvc::raise_most_open_files();  // a connection per caller
   StopSignal stop(std::chrono::seconds(9));
   try {
     run(options, stop, [&]() -> std::optional<Options> {

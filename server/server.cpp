@@ -3,7 +3,6 @@
 #include <ace/Reactor.h>
 #include <ace/Select_Reactor.h>
 #include <fmt/format.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
@@ -159,16 +158,13 @@ void set_limits(const Options& options) {
   constexpr std::uint64_t usual_connections = 16'000;
   const bool chosen = options.max_connections != 0;
   std::uint64_t connections = chosen ? options.max_connections : usual_connections;
-  rlimit files{};
-  if (::getrlimit(RLIMIT_NOFILE, &files) == 0) {
+  if (const auto files = most_open_files()) {
     // Some of the files are for connections to other servers and for what the server itself opens.
-    const std::uint64_t room =
-        files.rlim_cur - std::min<std::uint64_t>(files.rlim_cur / 2, 64 + files.rlim_cur / 8);
+    const std::uint64_t room = *files - std::min(*files / 2, 64 + *files / 8);
     if (connections > room) {
       if (chosen) {
         log(Log_Level::warning, "limit",
-            fmt::format("the limit of {} open files leaves room for {} connections", files.rlim_cur,
-                        room));
+            fmt::format("the limit of {} open files leaves room for {} connections", *files, room));
       }
       connections = room;
     }

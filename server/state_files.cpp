@@ -1,11 +1,7 @@
 #include "server/state_files.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/file.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
@@ -103,27 +99,23 @@ State_Folder::State_Folder(const std::string& folder) {
   const std::string snapshots = snapshot_folder();
   make_folder(snapshots);
   // The folder itself is locked: that needs no further file, and ends with the process.
-  locked_ = ::open(snapshots.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const bool locked = locked_ >= 0 && ::flock(locked_, LOCK_EX | LOCK_NB) == 0;
-  const std::error_code failure(errno, std::generic_category());
-  if (locked_ >= 0 && !locked && failure == std::errc::operation_would_block) {
-    ::close(locked_);
+  bool others = false;
+  try {
+    locked_ = File(snapshots, File::Mode::folder);
+    others = !locked_.lock();
+  } catch (const std::system_error& failure) {
+    tell(fmt::format("cannot lock {}: {}; nothing keeps another server out of it", snapshots,
+                     failure.code().message()));
+  }
+  if (others) {
     throw std::runtime_error(
         fmt::format("another server works in the state folder {}", state_folder()));
-  }
-  if (!locked) {
-    tell(fmt::format("cannot lock {}: {}; nothing keeps another server out of it", snapshots,
-                     failure.message()));
   }
   for (const std::string& name :
        {std::string(snapshot::file_name), std::string(snapshot::file_name) + unfinished,
         std::string(previous_name), std::string(damaged_name)}) {
     refuse_odd_file(snapshot_folder() / name);
   }
-}
-
-State_Folder::~State_Folder() {
-  if (locked_ >= 0) ::close(locked_);
 }
 
 Found_Snapshot set_aside_snapshot(Restore restore) {

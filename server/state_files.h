@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include "platform/file.h"
+
 namespace portsvc::server {
 
 /// Makes `folder`, with its parents, the process's state folder; empty leaves it beside the
@@ -13,13 +15,11 @@ class State_Folder {
   /// Throws std::runtime_error, also when another server works in the folder, or when a file that
   /// the server would write is a symbolic link or no file at all.
   explicit State_Folder(const std::string& folder);
-  /// Gives the folder free, as the process's death does.
-  ~State_Folder();
   State_Folder(const State_Folder&) = delete;
   State_Folder& operator=(const State_Folder&) = delete;
 
  private:
-  int locked_ = -1;  // the open folder of the snapshot
+  File locked_;  // the folder of the snapshot; free again when this goes, as with the process
 };
 
 /// What a start finds of earlier runs.

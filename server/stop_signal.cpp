@@ -1,27 +1,18 @@
 #include "server/stop_signal.h"
 
-#include <pthread.h>
-#include <signal.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
 #include <utility>
 
+#include "platform/signals.h"
 #include "server/options.h"
 
 namespace portsvc::server {
 
 StopSignal::StopSignal(std::chrono::seconds grace) : state_(std::make_shared<State>()) {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  sigset_t ending = signals;
-  sigaddset(&signals, SIGHUP);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
-  std::thread([signals, ending, grace, state = state_] {
+  hold_signals();
+  std::thread([grace, state = state_] {
     const auto note = [&state](auto& what, auto value) {
       {
         const std::lock_guard<std::mutex> guard(state->lock);
@@ -29,12 +20,10 @@ StopSignal::StopSignal(std::chrono::seconds grace) : state_(std::make_shared<Sta
       }
       state->asked.notify_all();
     };
-    int number = 0;
-    while (sigwait(&signals, &number) != 0 || number == SIGHUP) note(state->reload, true);
+    int number = next_held_signal();
+    for (; is_hang_up(number); number = next_held_signal()) note(state->reload, true);
     note(state->stop, number);
-    timespec left{};
-    left.tv_sec = grace.count();
-    sigtimedwait(&ending, nullptr, &left);
+    wait_for_held_end(grace);
     end_process(status::success);
   }).detach();
 }

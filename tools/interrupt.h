@@ -11,7 +11,7 @@ void catch_interrupts();
 /// The signal that arrived, 0 while none has.
 int interrupted();
 
-/// Readable from the moment a signal has arrived, for poll(). Never read it.
+/// The file that can be read from the moment a signal has arrived (platform/streams.h).
 int interrupt_fd();
 
 /// Throws Interrupted when a signal has arrived.

@@ -2,7 +2,6 @@
 
 #include <fmt/chrono.h>
 #include <fmt/core.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <boost/archive/iterators/base64_from_binary.hpp>

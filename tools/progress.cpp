@@ -1,11 +1,13 @@
 #include "tools/progress.h"
 
 #include <fmt/core.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
 #include <utility>
+
+#include "platform/file.h"
+#include "platform/streams.h"
 
 namespace portsvc::tools {
 namespace {
@@ -41,7 +43,7 @@ std::string progress_text(std::uint64_t done, std::optional<std::uint64_t> total
 Progress::Progress(std::string unit, std::optional<std::uint64_t> total, bool prints)
     : unit_(std::move(unit)),
       total_(total),
-      visible_(::isatty(STDERR_FILENO) == 1 && !(prints && ::isatty(STDOUT_FILENO) == 1)) {}
+      visible_(is_terminal(standard_error) && !(prints && is_terminal(standard_output))) {}
 
 Progress::~Progress() {
   if (shown_) std::fputs("\r\x1b[K", stderr);

@@ -1,17 +1,9 @@
 #include "tools/sink.h"
 
-#include <fcntl.h>
 #include <fmt/core.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
+#include <chrono>
 #include <system_error>
 #include <utility>
 
@@ -22,108 +14,81 @@
 namespace portsvc::tools {
 namespace {
 
-constexpr short gone_events = POLLERR | POLLHUP | POLLNVAL;
-
 // A pipe without a reader cannot be opened yet.
-int open_for_writing(const std::string& file) {
+File opened(const std::string& path) {
   for (;;) {
-    const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666);
-    if (fd >= 0) {
-      ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
-      return fd;
+    try {
+      return File(path, File::Mode::sink);
+    } catch (const std::system_error& failure) {
+      if (failure.code() != std::errc::no_such_device_or_address) {
+        throw UsageError(fmt::format("cannot write {}: {}", path, failure.code().message()));
+      }
     }
-    if (errno != ENXIO) {
-      throw UsageError(
-          fmt::format("cannot write {}: {}", file, std::generic_category().message(errno)));
-    }
-    pollfd interrupt{interrupt_fd(), POLLIN, 0};
-    (void)::poll(&interrupt, 1, 50);
+    (void)wait_readable({interrupt_fd()}, std::chrono::milliseconds(50));
     throw_if_interrupted();
   }
 }
 
 }  // namespace
 
-bool reader_gone(int fd) {
-  pollfd output{fd, 0, 0};
-  return ::poll(&output, 1, 0) > 0 && (output.revents & gone_events) != 0;
-}
-
 Sink::Sink(const std::string& file) : name_(file) {
   if (file.empty() || is_standard_output(file)) {
     name_ = "standard output";
-    fd_ = STDOUT_FILENO;
   } else {
-    fd_ = open_for_writing(file);
+    file_ = opened(file);
   }
-  struct stat is {};
-  regular_ = ::fstat(fd_, &is) == 0 && S_ISREG(is.st_mode);
-  terminal_ = ::isatty(fd_) == 1;
-  to_be_emptied_ = regular_ && fd_ != STDOUT_FILENO;
+  regular_ = is_regular_file(fd());
+  terminal_ = portsvc::is_terminal(fd());
+  to_be_emptied_ = regular_ && fd() != standard_output;
 }
 
-Sink::~Sink() {
-  if (fd_ != STDOUT_FILENO) ::close(fd_);
-}
-
-void Sink::failed(int error) const {
-  if (error == EPIPE) throw ReaderGone();
-  throw Failure(
-      fmt::format("cannot write to {}: {}", name_, std::generic_category().message(error)));
+void Sink::failed(const std::error_code& error) const {
+  if (error == std::errc::broken_pipe) throw ReaderGone();
+  throw Failure(fmt::format("cannot write to {}: {}", name_, error.message()));
 }
 
 void Sink::wait_for_room() {
-  if (std::exchange(to_be_emptied_, false) && ::ftruncate(fd_, 0) != 0) failed(errno);
+  if (std::exchange(to_be_emptied_, false)) {
+    try {
+      file_.empty();
+    } catch (const std::system_error& failure) {
+      failed(failure.code());
+    }
+  }
   if (regular_) {
     constexpr std::size_t least = 16384;
-    struct statvfs disk {};
-    if (::fstatvfs(fd_, &disk) == 0 && disk.f_bavail * disk.f_frsize < least + largest_) {
-      failed(ENOSPC);
+    const auto room = free_disk_space(fd());
+    if (room && *room < least + largest_) {
+      failed(std::make_error_code(std::errc::no_space_on_device));
     }
     return;
   }
-  std::array<pollfd, 2> watched{pollfd{fd_, POLLOUT, 0}, pollfd{interrupt_fd(), POLLIN, 0}};
-  while (::poll(watched.data(), watched.size(), -1) < 0 && errno == EINTR) {
-  }
-  if ((watched[0].revents & gone_events) != 0) throw ReaderGone();
+  if (!wait_writable(fd(), interrupt_fd())) throw ReaderGone();
   throw_if_interrupted();
-  if (!terminal_ && ::write(fd_, "", 0) < 0 && errno != EAGAIN) failed(errno);
+  if (terminal_) return;
+  if (const std::error_code failure = would_fail(fd())) failed(failure);
 }
 
 void Sink::write(std::string_view bytes) {
   largest_ = std::max(largest_, bytes.size());
   try {
-    write_fully(fd_, bytes);
-  } catch (const std::system_error& error) {
-    failed(error.code().value());
+    write_fully(fd(), bytes);
+  } catch (const std::system_error& failure) {
+    failed(failure.code());
   }
-}
-
-std::size_t Sink::unread() const {
-  int bytes = 0;
-  struct stat is {};
-  const bool pipe = ::fstat(fd_, &is) == 0 && S_ISFIFO(is.st_mode);
-  return pipe && ::ioctl(fd_, FIONREAD, &bytes) == 0 && bytes > 0 ? static_cast<std::size_t>(bytes)
-                                                                  : 0;
 }
 
 ReaderWatch::ReaderWatch(const Sink& sink, std::function<void()> on_gone) {
   if (sink.is_steady()) return;
-  stop_ = ::eventfd(0, EFD_CLOEXEC);
-  thread_ = std::thread([fd = sink.fd(), stop = stop_, on_gone = std::move(on_gone)] {
-    std::array<pollfd, 2> watched{pollfd{fd, 0, 0}, pollfd{stop, POLLIN, 0}};
-    while (::poll(watched.data(), watched.size(), -1) < 0 && errno == EINTR) {
-    }
-    if ((watched[0].revents & gone_events) != 0) on_gone();
+  thread_ = std::thread([fd = sink.fd(), stop = stop_.fd(), on_gone = std::move(on_gone)] {
+    if (wait_until_reader_gone(fd, stop)) on_gone();
   });
 }
 
 ReaderWatch::~ReaderWatch() {
   if (!thread_.joinable()) return;
-  const std::uint64_t one = 1;
-  (void)!::write(stop_, &one, sizeof(one));
+  stop_.set();
   thread_.join();
-  ::close(stop_);
 }
 
 }  // namespace portsvc::tools

@@ -7,6 +7,9 @@
 #include <string_view>
 #include <thread>
 
+#include "platform/file.h"
+#include "platform/streams.h"
+
 namespace portsvc::tools {
 
 class Sink {
@@ -15,14 +18,13 @@ class Sink {
   /// reader. What stood in a regular file goes before the first payload is taken. Throws UsageError
   /// when it cannot be opened, Interrupted.
   explicit Sink(const std::string& file);
-  ~Sink();
   Sink(const Sink&) = delete;
   Sink& operator=(const Sink&) = delete;
 
   /// A terminal or a regular file: it does not go away, so several payloads may be on their way.
   bool is_steady() const { return terminal_ || regular_; }
   bool is_terminal() const { return terminal_; }
-  int fd() const { return fd_; }
+  int fd() const { return file_.fd() >= 0 ? file_.fd() : standard_output; }
 
   /// Waits until something can be written: until a slow reader has made room. Throws ReaderGone,
   /// Failure when a disk or a device is full, Interrupted.
@@ -30,13 +32,13 @@ class Sink {
   /// Writes all of it at once. Throws ReaderGone or Failure.
   void write(std::string_view bytes);
   /// How many of the bytes lie in a pipe, read by nobody yet; also when its reader has gone.
-  std::size_t unread() const;
+  std::size_t unread() const { return unread_in_pipe(fd()); }
 
  private:
-  [[noreturn]] void failed(int error) const;
+  [[noreturn]] void failed(const std::error_code& error) const;
 
   std::string name_;
-  int fd_ = -1;
+  File file_;  // closed: it is standard output
   bool terminal_ = false;
   bool regular_ = false;
   bool to_be_emptied_ = false;
@@ -55,11 +57,8 @@ class ReaderWatch {
   ReaderWatch& operator=(const ReaderWatch&) = delete;
 
  private:
-  int stop_ = -1;  // an eventfd: readable when the watch is to end
+  Event_File stop_;  // set when the watch is to end
   std::thread thread_;
 };
-
-/// True when nobody reads what is written there.
-bool reader_gone(int fd);
 
 }  // namespace portsvc::tools

@@ -1,9 +1,5 @@
 // top: the ports of a server as a live table.
 #include <fmt/core.h>
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -15,6 +11,9 @@
 #include <vector>
 
 #include "idl/port_codes.h"
+#include "platform/file.h"
+#include "platform/streams.h"
+#include "platform/terminal.h"
 #include "tools/board_client.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
@@ -209,34 +208,21 @@ std::string headline(const Json& board) {
 /// Single keys, without an echo, and a screen of its own while it lives.
 class Screen {
  public:
-  Screen() {
-    ::tcgetattr(STDIN_FILENO, &before_);
-    termios now = before_;
-    now.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-    ::tcsetattr(STDIN_FILENO, TCSANOW, &now);
-    write_output("\x1b[?1049h\x1b[?25l");
-  }
+  Screen() { write_output("\x1b[?1049h\x1b[?25l"); }
   ~Screen() {
     std::fputs("\x1b[?25h\x1b[?1049l", stdout);
     std::fflush(stdout);
-    ::tcsetattr(STDIN_FILENO, TCSANOW, &before_);
   }
   Screen(const Screen&) = delete;
   Screen& operator=(const Screen&) = delete;
 
-  static winsize size() {
-    winsize size{};
-    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0) return {24, 80, 0, 0};
-    return size;
-  }
-
   static void show(std::vector<std::string> lines) {
-    const winsize size = Screen::size();
-    lines.resize(std::min<std::size_t>(lines.size(), size.ws_row - 1U));
+    const Terminal_Size size = terminal_size();
+    lines.resize(std::min<std::size_t>(lines.size(), size.rows - 1U));
     std::string text = "\x1b[H";
     for (const std::string& line : lines) {
       // By whole characters: the last byte that may begin one.
-      std::size_t end = std::min<std::size_t>(line.size(), size.ws_col);
+      std::size_t end = std::min<std::size_t>(line.size(), size.columns);
       while (end > 0 && end < line.size() && (line[end] & 0xc0) == 0x80) --end;
       text += line.substr(0, end) + "\x1b[K\n";
     }
@@ -245,7 +231,7 @@ class Screen {
   }
 
  private:
-  termios before_{};
+  const Single_Keys keys_;
 };
 
 class Top {
@@ -255,7 +241,7 @@ class Top {
 
   void run() {
     const bool live =
-        ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0 && !session_.options().json;
+        is_terminal(standard_input) && is_terminal(standard_output) && !session_.options().json;
     std::optional<Screen> screen;
     if (live) screen.emplace();
     for (unsigned int look = 1;; ++look) {
@@ -271,7 +257,7 @@ class Top {
  private:
   Json board() {
     std::size_t rows = options_.rows;
-    if (rows == 0) rows = ::isatty(STDOUT_FILENO) != 0 ? Screen::size().ws_row : 1000;
+    if (rows == 0) rows = is_terminal(standard_output) ? terminal_size().rows : 1000;
     return options_.metrics.empty() ? board_of(session_, options_, sort_, rows)
                                     : read_board(options_.metrics, options_.search, sort_, rows);
   }
@@ -325,12 +311,15 @@ class Top {
 
   // Until the next look; false to quit.
   bool rest(bool live) {
-    std::array<pollfd, 2> watched{pollfd{interrupt_fd(), POLLIN, 0},
-                                  pollfd{live ? STDIN_FILENO : -1, POLLIN, 0}};
-    (void)::poll(watched.data(), watched.size(), static_cast<int>(options_.interval * 1000));
+    const bool pressed = wait_readable({interrupt_fd(), live ? standard_input : -1},
+                                       std::chrono::seconds(options_.interval));
     throw_if_interrupted();
     char key = 0;
-    if (watched[1].revents != 0 && ::read(STDIN_FILENO, &key, 1) != 1) return false;
+    if (pressed) {
+      const std::optional<char> next = next_key();
+      if (!next) return false;
+      key = *next;
+    }
     static const std::map<char, const char*> sorts{
         {'n', "name"}, {'u', "queued"}, {'w', "waiting"}, {'d', "dropped"}, {'p', "put"}};
     if (const auto sort = sorts.find(key); sort != sorts.end()) sort_ = sort->second;
