@@ -22,9 +22,11 @@ install(EXPORT PortService NAMESPACE PortService:: FILE PortServiceTargets.cmake
         DESTINATION ${package_dir} COMPONENT dev)
 
 install(DIRECTORY client/include/ DESTINATION ${PORTSVC_INCLUDEDIR} COMPONENT dev)
+# Without the headers that the broker's folder keeps for itself.
 foreach(folder idl platform middleware persistence ports core roles)
   install(DIRECTORY ${folder} DESTINATION ${PORTSVC_INCLUDEDIR} COMPONENT dev
-          FILES_MATCHING PATTERN "*.h" PATTERN "*.idl" PATTERN "broker_parts.h" EXCLUDE)
+          FILES_MATCHING PATTERN "*.h" PATTERN "*.idl"
+          REGEX "orb/(connections_omniorb|endpoint|omniorb_internals|shutdown|tls)[.]h$" EXCLUDE)
 endforeach()
 install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libportservice-dev/examples
         COMPONENT dev USE_SOURCE_PERMISSIONS)

@@ -139,6 +139,9 @@ class CallTimeout {
   CallTimeout& operator=(const CallTimeout&) = delete;
 
  private:
+  // The peer call time-out, or the one already in force if that is shorter; zero is none.
+  static std::chrono::milliseconds usual_within(std::chrono::milliseconds in_force);
+
   std::chrono::milliseconds outer_;
 };
 

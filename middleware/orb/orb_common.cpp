@@ -1,10 +1,14 @@
 // What every broker does the same way.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <atomic>
+#include <fstream>
+#include <iterator>
 #include <string_view>
 
 #include "idl/port_codes.h"
+#include "middleware/orb/endpoint.h"
 #include "middleware/orb/orb.h"
 
 namespace portsvc::orb {
@@ -59,12 +63,39 @@ std::optional<std::string> reference_text(const std::string& server, bool tls) {
   return fmt::format("corbaloc:{}:{}/{}", tls ? "ssliop" : "iiop", server, object_key);
 }
 
+// A broker itself says no more than that it cannot start.
+void check(const Options& options) {
+  const Tls& tls = options.tls;
+  const Endpoint endpoint =
+      options.endpoint.empty() ? Endpoint() : parse_endpoint(options.endpoint);
+  if (!tls.in_use()) {
+    if (endpoint.tls) throw Error("a giop:ssl endpoint needs a certificate and its authorities");
+    return;
+  }
+  const auto require = [](const std::string& path, const char* what) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) throw Error(fmt::format("cannot read {}", path));
+    const std::string text(std::istreambuf_iterator<char>(file), {});
+    if (text.find(fmt::format("{}-----", what)) == std::string::npos) {
+      throw Error(fmt::format("there is no {} in {}", what, path));
+    }
+  };
+  require(tls.authorities, "CERTIFICATE");
+  require(tls.key, "CERTIFICATE");
+  require(tls.key, "PRIVATE KEY");
+}
+
 std::chrono::milliseconds peer_call_timeout() {
   return std::chrono::milliseconds(peer_timeout_ms.load(std::memory_order_relaxed));
 }
 
 void set_peer_call_timeout(std::chrono::milliseconds timeout) {
   peer_timeout_ms.store(timeout.count(), std::memory_order_relaxed);
+}
+
+std::chrono::milliseconds CallTimeout::usual_within(std::chrono::milliseconds in_force) {
+  const std::chrono::milliseconds usual = peer_call_timeout();
+  return in_force.count() == 0 ? usual : std::min(usual, in_force);
 }
 
 Broker* Broker::running() { return broker_of_process.load(); }

@@ -1,9 +1,5 @@
 // The broker for sites that run TAO: the parts of orb.h that differ from other brokers.
 #include <fmt/format.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
 #include <tao/AnyTypeCode/Any.h>
 #include <tao/CSD_Framework/CSD_Strategy_Base.h>
 #include <tao/Dynamic_TP/DTP_Config.h>
@@ -18,7 +14,6 @@
 #include <tao/Stub.h>
 #include <tao/TimeBaseC.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -28,9 +23,11 @@
 #include <vector>
 
 #include "idl/port_codes.h"
-#include "middleware/orb/broker_parts.h"
+#include "middleware/orb/endpoint.h"
 #include "middleware/orb/orb.h"
+#include "middleware/orb/shutdown.h"
 #include "middleware/orb/wire_bytes.h"
+#include "platform/sockets.h"
 
 namespace portsvc::orb {
 namespace {
@@ -71,23 +68,6 @@ Call_Threads call_threads() {
 
 void give_threads(const Call_Threads& threads, PortableServer::POA_ptr adapter) {
   if (!threads->apply_to(adapter)) throw Error("the adapter takes no threads for its calls");
-}
-
-/// The broker listens with room for five connections that have not been accepted yet, and never
-/// gives up one whose other end has vanished. Both can be set on a socket that listens already;
-/// accepted ones inherit the time-out. In `taken` milliseconds something sent must have been taken.
-void adjust_listening_sockets(std::chrono::milliseconds taken) {
-  rlimit files{};
-  ::getrlimit(RLIMIT_NOFILE, &files);
-  const int end = static_cast<int>(std::min<rlim_t>(files.rlim_cur, 4096));
-  for (int file = 0; file < end; ++file) {
-    int listens = 0;
-    socklen_t size = sizeof(listens);
-    if (::getsockopt(file, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) != 0 || !listens) continue;
-    const auto limit = static_cast<unsigned int>(taken.count());
-    ::setsockopt(file, IPPROTO_TCP, TCP_USER_TIMEOUT, &limit, sizeof(limit));
-    ::listen(file, SOMAXCONN);
-  }
 }
 
 std::atomic<std::uint64_t> largest_request{0};
@@ -204,6 +184,8 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
     // The first use of the adapter opens the endpoint; calls are held back until serve().
     const CORBA::Object_var object = impl_->orb->resolve_initial_references("RootPOA");
     impl_->root_poa = PortableServer::POA::_narrow(object.in());
+    // The broker listens with room for five connections that have not been accepted yet, and never
+    // gives up one whose other end has vanished. Both can be set on a socket that listens already.
     adjust_listening_sockets(options.message_timeout);
   } catch (const CORBA::Exception&) {
     set_running(CORBA::ORB::_nil());
@@ -293,7 +275,7 @@ CallTimeout::CallTimeout(std::chrono::milliseconds timeout) : outer_(thread_time
   apply_thread_timeout(timeout);
 }
 
-CallTimeout::CallTimeout() : CallTimeout(usual_timeout_within(thread_timeout)) {}
+CallTimeout::CallTimeout() : CallTimeout(usual_within(thread_timeout)) {}
 
 CallTimeout::~CallTimeout() { apply_thread_timeout(outer_); }
 

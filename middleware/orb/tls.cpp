@@ -1,20 +1,17 @@
 #include "middleware/orb/tls.h"
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
 #include <omniORB4/CORBA.h>
 #include <omniORB4/sslContext.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
-#include <sys/socket.h>
 
-#include <array>
 #include <mutex>
 #include <utility>
 
-#include "middleware/orb/broker_parts.h"
 #include "platform/log.h"
+#include "platform/sockets.h"
 
 namespace portsvc::orb {
 namespace {
@@ -58,20 +55,8 @@ std::string last_error() {
 }
 
 std::string address_of(const SSL* ssl) {
-  sockaddr_storage peer{};
-  socklen_t length = sizeof peer;
-  std::array<char, INET6_ADDRSTRLEN> host{};
-  if (::getpeername(SSL_get_fd(ssl), reinterpret_cast<sockaddr*>(&peer), &length) != 0) {
-    return "a client that has gone";
-  }
-  if (peer.ss_family == AF_INET) {
-    const auto* const v4 = reinterpret_cast<const sockaddr_in*>(&peer);
-    ::inet_ntop(AF_INET, &v4->sin_addr, host.data(), host.size());
-    return fmt::format("{}:{}", host.data(), ntohs(v4->sin_port));
-  }
-  const auto* const v6 = reinterpret_cast<const sockaddr_in6*>(&peer);
-  ::inet_ntop(AF_INET6, &v6->sin6_addr, host.data(), host.size());
-  return fmt::format("[{}]:{}", host.data(), ntohs(v6->sin6_port));
+  const std::string address = peer_address(SSL_get_fd(ssl));
+  return address.empty() ? "a client that has gone" : address;
 }
 
 void report_failure(const SSL* ssl) {

@@ -1,44 +1,27 @@
 // The broker as built here: the parts of orb.h that differ from other brokers.
 #include "middleware/orb/orb.h"
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
-#include <netinet/tcp.h>
-#include <omniORB4/callHandle.h>
-#include <omniORB4/internal/giopStream.h>
-#include <poll.h>
-// The rest of the broker's own headers need those before them.
-#include <omniORB4/internal/giopServer.h>
-#include <omniORB4/internal/giopStrand.h>
-#include <omniORB4/internal/giopStreamImpl.h>
-//
-#include <omniORB4/internal/GIOP_S.h>
-//
-#include <omniORB4/internal/SocketCollection.h>
 #include <omniORB4/linkHacks.h>
 #include <omniORB4/minorCode.h>
 #include <omniORB4/omniInterceptors.h>
 #include <omnithread.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <iterator>
-#include <map>
-#include <mutex>
 #include <string_view>
 #include <thread>
 #include <utility>
 
 #include "idl/port_codes.h"
-#include "middleware/orb/broker_parts.h"
+#include "middleware/orb/connections_omniorb.h"
+#include "middleware/orb/endpoint.h"
+#include "middleware/orb/omniorb_internals.h"
+#include "middleware/orb/shutdown.h"
 #include "middleware/orb/tls.h"
-#include "middleware/orb/wire_bytes.h"
-#include "platform/counters.h"
 #include "platform/limits.h"
 #include "platform/log.h"
 
@@ -67,114 +50,11 @@ std::string threads_for(const Limit& connections, const Limit& calls) {
 }
 
 // Messages are written through buffers of this size, each sent by a call of its own. The broker's
-// 8 KiB make a reply of 64 events of 4 KiB cost twice as much. It has no option for the size: the
-// member is reached through an explicit instantiation, which may name what is private.
-constexpr CORBA::ULong message_buffer_bytes = 64U << 10;
-
-template <CORBA::ULong* Member>
-struct SetMessageBuffer {
-  friend void set_message_buffer(CORBA::ULong bytes) { *Member = bytes; }
-};
-void set_message_buffer(CORBA::ULong bytes);
-template struct SetMessageBuffer<&_OMNI_NS(giopStream)::bufferSize>;
-
-// The broker tells of a new connection, not of its end; but it keeps count for itself.
-template <CORBA::ULong _OMNI_NS(giopServer)::*Member>
-struct CountConnections {
-  friend CORBA::ULong connections_of(const _OMNI_NS(giopServer) & server) {
-    return __atomic_load_n(&(server.*Member), __ATOMIC_RELAXED);
-  }
-};
-CORBA::ULong connections_of(const _OMNI_NS(giopServer) & server);
-template struct CountConnections<&_OMNI_NS(giopServer)::pd_nconnections>;
+// 8 KiB make a reply of 64 events of 4 KiB cost twice as much.
+constexpr unsigned int message_buffer_bytes = 64U << 10;
 
 // How an address begins, and what that is in a corbaloc.
 constexpr std::string_view schemes[][2] = {{"giop:tcp:", "iiop"}, {"giop:ssl:", "ssliop"}};
-
-// An IORInfo names a peer by its numeric address or by a host name.
-bool is_numeric(const char* host) {
-  std::array<unsigned char, sizeof(in6_addr)> parsed{};
-  return host && (::inet_pton(AF_INET, host, parsed.data()) == 1 ||
-                  ::inet_pton(AF_INET6, host, parsed.data()) == 1);
-}
-
-/// A host's name or address, an IPv6 one in brackets, written otherwise.
-std::string other_spelling(std::string host) {
-  in_addr v4{};
-  in6_addr v6{};
-  if (::inet_pton(AF_INET, host.c_str(), &v4) == 1)
-    return fmt::format("{:#010x}", ntohl(v4.s_addr));
-  if (host.front() == '[' &&
-      ::inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &v6) == 1) {
-    std::string text;
-    for (std::size_t i = 0; i < sizeof v6.s6_addr; i += 2) {
-      text += fmt::format("{}{:02X}{:02X}", i == 0 ? '[' : ':', v6.s6_addr[i], v6.s6_addr[i + 1]);
-    }
-    return text + ']';
-  }
-  for (char& letter : host) {
-    if (std::islower(static_cast<unsigned char>(letter)) != 0) {
-      letter = static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
-    }
-  }
-  return host;
-}
-
-/// Counts the connections this process opens, by the address of the peer.
-class ConnectionCounter {
- public:
-  void opened(const std::string& address) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    ++total_;
-    ++by_address_[address];
-  }
-
-  std::uint64_t total() const {
-    const std::lock_guard<std::mutex> guard(lock_);
-    return total_;
-  }
-
-  std::uint64_t to(const std::string& address) const {
-    const std::lock_guard<std::mutex> guard(lock_);
-    const auto found = by_address_.find(address);
-    return found == by_address_.end() ? 0 : found->second;
-  }
-
- private:
-  mutable std::mutex lock_;  ///< guards both counts; nothing is taken under it
-  std::uint64_t total_ = 0;
-  std::map<std::string, std::uint64_t> by_address_;
-};
-
-ConnectionCounter& connection_counter() {
-  static ConnectionCounter counter;
-  return counter;
-}
-
-/// The file descriptor of a connection, which the broker keeps to itself and its derived classes.
-class Socket : public _OMNI_NS(SocketHolder) {
- public:
-  static int of(_OMNI_NS(giopConnection) * connection) {
-    auto* const holder = dynamic_cast<_OMNI_NS(SocketHolder)*>(connection);
-    return holder ? holder->*(&Socket::pd_socket) : -1;
-  }
-};
-
-// A reply that is not taken: the broker's own time-out would make the socket non-blocking and poll
-// it for every reply, a sixth of what the server does for a small call. The kernel watches it for
-// nothing, so it watches the connection and the reply is sent without the broker's time-out. A
-// request that stops half-way keeps that one, once its first buffer is full; one that stops before
-// has not begun for the broker, and ends with its scan for idle connections.
-unsigned int message_timeout_ms = 0;
-
-std::atomic<std::uint64_t> taken_connections{0};
-// Null before the first connection and once the broker goes.
-std::atomic<const _OMNI_NS(giopServer)*> connection_server{nullptr};
-
-// A peer whose machine is gone says nothing; while it owes no answer only such probes find out. The
-// kernel gives the connection up once they have gone unanswered for the time-out above.
-constexpr int seconds_before_probes = 10;
-constexpr int seconds_between_probes = 5;
 
 Seldom_Log& damaged_messages() {
   static Seldom_Log log;
@@ -206,31 +86,6 @@ void log_line(const char* line) {
   }
 }
 
-CORBA::Boolean watch_connection(
-    _OMNI_NS(omniInterceptors)::serverAcceptConnection_T::info_T& info) {
-  if (!limits().connections.allows(connections_of(*info.strand.server) - 1)) {  // it counts itself
-    info.reject = true;
-    info.why = "limit of connections";
-    return false;
-  }
-  count(taken_connections);
-  connection_server.store(info.strand.server, std::memory_order_relaxed);
-  const int socket = Socket::of(info.strand.connection);
-  const auto set = [socket](int level, int option, int value) {
-    ::setsockopt(socket, level, option, &value, sizeof value);
-  };
-  set(IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<int>(message_timeout_ms));
-  set(SOL_SOCKET, SO_KEEPALIVE, 1);
-  set(IPPROTO_TCP, TCP_KEEPIDLE, seconds_before_probes);
-  set(IPPROTO_TCP, TCP_KEEPINTVL, seconds_between_probes);
-  return true;
-}
-
-CORBA::Boolean leave_reply_to_kernel(_OMNI_NS(omniInterceptors)::serverSendReply_T::info_T& info) {
-  info.giop_s.clearDeadline();
-  return true;
-}
-
 // A message whose arguments cannot be read; one whose head cannot be read the broker tells of
 // itself.
 CORBA::Boolean log_damaged(_OMNI_NS(omniInterceptors)::serverSendException_T::info_T& info) {
@@ -247,46 +102,6 @@ std::atomic<bool> stopping{false};
 // The adapter of a broker that shuts down would answer OBJ_ADAPTER, which no client expects.
 CORBA::Boolean refuse_while_stopping(_OMNI_NS(omniInterceptors)::serverReceiveRequest_T::info_T&) {
   if (stopping) throw CORBA::TRANSIENT(refusal::stopping, CORBA::COMPLETED_NO);
-  return true;
-}
-
-/// Set while this thread must not open connections.
-thread_local bool* refused_connection = nullptr;
-/// Set when a request of this thread is begun on a connection.
-thread_local bool request_begun = false;
-
-CORBA::Boolean note_request(_OMNI_NS(omniInterceptors)::clientSendRequest_T::info_T&) {
-  request_begun = true;
-  return true;
-}
-
-CORBA::Boolean count_connection(_OMNI_NS(omniInterceptors)::clientOpenConnection_T::info_T& info) {
-  if (refused_connection) {
-    *refused_connection = true;
-    info.reject = true;
-    return false;
-  }
-  connection_counter().opened(info.peeraddress());
-  return true;
-}
-
-// The service context in which connect_port says which server calls; others ignore it.
-constexpr CORBA::ULong server_name_context = 0x50530001;
-
-std::string& own_name() {
-  static std::string name;
-  return name;
-}
-
-CORBA::Boolean add_own_name(_OMNI_NS(omniInterceptors)::clientSendRequest_T::info_T& info) {
-  const std::string& name = own_name();
-  if (name.empty() || std::strcmp(info.operation(), "connect_port") != 0) return true;
-  const CORBA::ULong last = info.service_contexts.length();
-  info.service_contexts.length(last + 1);
-  IOP::ServiceContext& context = info.service_contexts[last];
-  context.context_id = server_name_context;
-  context.context_data.length(static_cast<CORBA::ULong>(name.size()));
-  std::memcpy(context.context_data.get_buffer(), name.data(), name.size());
   return true;
 }
 
@@ -328,8 +143,7 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
   omniORB::setLogFunction(log_line);
   const std::string trace =
       std::to_string(std::max(options.trace, options.endpoint.empty() ? 0U : 1U));
-  message_timeout_ms = static_cast<unsigned int>(options.message_timeout.count());
-  const std::string message_timeout = std::to_string(message_timeout_ms);
+  const std::string message_timeout = std::to_string(options.message_timeout.count());
   const std::pair<const char*, const char*> wanted[] = {
       {"traceLevel", trace.c_str()},
       {"giopMaxMsgSize", max_message.c_str()},
@@ -361,14 +175,10 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
     // Its environment may ask for more.
     traced = traced || omniORB::traceInvocations || omniORB::traceInvocationReturns;
     set_message_buffer(message_buffer_bytes);
-    omniORB::getInterceptors()->clientOpenConnection.add(count_connection);
-    omniORB::getInterceptors()->clientSendRequest.add(add_own_name);
-    omniORB::getInterceptors()->clientSendRequest.add(note_request);
-    omniORB::getInterceptors()->serverAcceptConnection.add(watch_connection);
+    watch_connections(options.message_timeout);
     stopping = false;
     omniORB::getInterceptors()->serverReceiveRequest.add(refuse_while_stopping);
     omniORB::getInterceptors()->serverSendException.add(log_damaged);
-    omniORB::getInterceptors()->serverSendReply.add(leave_reply_to_kernel);
     if (options.endpoint.empty()) return;
     // The first use of the adapter opens the endpoint; calls are held back until serve().
     const CORBA::Object_var object = impl_->orb->resolve_initial_references("RootPOA");
@@ -394,7 +204,7 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
 }
 
 Broker::~Broker() {
-  connection_server = nullptr;
+  forget_connections();
   try {
     while (!shutdown(std::chrono::hours(1))) {
     }
@@ -466,51 +276,13 @@ CORBA::Object_var Broker::from_outside(CORBA::Object_ptr served) const {
   return from_text(text);
 }
 
-bool Remote_Caller::gone() const {
-  auto* const call = dynamic_cast<_OMNI_NS(GIOP_S)*>(call_.iop_s());
-  const int socket = call ? Socket::of(call->strand().connection) : -1;
-  if (socket < 0) return false;
-  pollfd end{socket, POLLRDHUP, 0};
-  return ::poll(&end, 1, 0) > 0 && (end.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
-}
-
-std::string Remote_Caller::server() const {
-  auto* const call = dynamic_cast<_OMNI_NS(GIOP_S)*>(call_.iop_s());
-  if (!call) return {};
-  const IOP::ServiceContextList& contexts = call->service_contexts();
-  for (CORBA::ULong i = 0; i < contexts.length(); ++i) {
-    if (contexts[i].context_id != server_name_context) continue;
-    const auto& name = contexts[i].context_data;
-    return std::string(reinterpret_cast<const char*>(name.get_buffer()), name.length());
-  }
-  return {};
-}
-
-void tell_own_name(const std::string& name) { own_name() = name; }
-
-std::uint64_t connections_served() {
-  const auto* const server = connection_server.load(std::memory_order_relaxed);
-  return server ? connections_of(*server) : 0;
-}
-
-std::uint64_t connections_taken() { return taken_connections.load(std::memory_order_relaxed); }
-
 CallTimeout::CallTimeout(std::chrono::milliseconds timeout) : outer_(thread_timeout) {
   apply_thread_timeout(timeout);
 }
 
-CallTimeout::CallTimeout() : CallTimeout(usual_timeout_within(thread_timeout)) {}
+CallTimeout::CallTimeout() : CallTimeout(usual_within(thread_timeout)) {}
 
 CallTimeout::~CallTimeout() { apply_thread_timeout(outer_); }
-
-OpenConnectionsOnly::OpenConnectionsOnly(bool& refused) {
-  refused_connection = &refused;
-  request_begun = false;
-}
-
-bool OpenConnectionsOnly::had_connection() const { return request_begun; }
-
-OpenConnectionsOnly::~OpenConnectionsOnly() { refused_connection = nullptr; }
 
 std::vector<Address> addresses(CORBA::Object_ptr object) {
   std::vector<Address> all;
@@ -524,19 +296,6 @@ std::vector<Address> addresses(CORBA::Object_ptr object) {
     if (port != 0) all.push_back({address->host(), static_cast<std::uint16_t>(port), tls});
   }
   return all;
-}
-
-std::uint64_t connections_opened(CORBA::Object_ptr object) {
-  if (CORBA::is_nil(object)) return 0;
-  const omniIOR_var ior = object->_PR_getobj()->_getIOR();
-  std::uint64_t count = 0;
-  for (const auto* address : ior->getIORInfo()->addresses()) {
-    // The connections are known by numeric address. A host's name may stand for several of them
-    // and change its meaning, so the whole count is the one that cannot miss a connection.
-    if (!is_numeric(address->host())) return connection_counter().total();
-    count += connection_counter().to(address->address());
-  }
-  return count;
 }
 
 }  // namespace portsvc::orb
