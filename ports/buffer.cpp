@@ -1,24 +1,11 @@
 #include "ports/buffer.h"
 
-#include <cerrno>
 #include <cstring>
-#include <new>
 #include <utility>
 
-namespace {
+#include "platform/octets.h"
 
-std::unique_ptr<unsigned char[]> copy_of(const void* data, unsigned int size) {
-  if (size == 0 || data == nullptr) return nullptr;
-  std::unique_ptr<unsigned char[]> bytes(new (std::nothrow) unsigned char[size]);
-  if (!bytes) {
-    errno = ENOMEM;
-    return nullptr;
-  }
-  std::memcpy(bytes.get(), data, size);
-  return bytes;
-}
-
-}  // namespace
+using portsvc::copy_of;
 
 vrBuffer::vrBuffer(unsigned int size, const void* data) : vrBuffer(size, copy_of(data, size)) {}
 

@@ -63,6 +63,10 @@ class Port_impl : public boost::enable_shared_from_this<Port_impl> {
                                unsigned int& owner) = 0;
   virtual void push_event(const Event_ptr& event) = 0;
   virtual void push_event_front(const Event_ptr& event) = 0;
+  /// Either of the two.
+  void push_event(const Event_ptr& event, bool front) {
+    front ? push_event_front(event) : push_event(event);
+  }
   /// The owner takes the oldest packet or event. `source` and `data` are written on 0 only.
   virtual unsigned int receive(unsigned int& source, vrBuffer& data, unsigned int timeout) = 0;
   /// The owner takes up to `maximum` events (at least one). Packet ports answer 0 with none.

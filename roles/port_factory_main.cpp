@@ -75,11 +75,7 @@ int Port_Factory_Main::process_event_data(Port_impl* port, unsigned int handle,
                                           const vrBuffer& data, bool front) {
   const auto event =
       boost::make_shared<Counted_Event>(handle, vrBuffer(data), Queued_Bytes(data.size()));
-  if (front) {
-    port->push_event_front(event);
-  } else {
-    port->push_event(event);
-  }
+  port->push_event(event, front);
   for (const std::string& server : sub_servers_) {
     if (port->copy_enable() == 0) continue;
     auto request = std::make_unique<SendEventRequest>(port->name(), server.c_str(),
@@ -133,11 +129,7 @@ CORBA::ULong Port_Factory_Main::update(const char* name, unsigned int handle,
   const auto port = get_port(name);
   if (!port) return result::unknown_handle;
   const auto event = event_from_wire(handle, data, orb::may_take_arguments());
-  if (front) {
-    port->push_event_front(event);
-  } else {
-    port->push_event(event);
-  }
+  port->push_event(event, front);
   return result::ok;
 } catch (const std::bad_alloc&) {
   return no_memory(result::out_of_memory);

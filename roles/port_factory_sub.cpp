@@ -223,11 +223,7 @@ CORBA::ULong Port_Factory_Sub::update(const char* name, unsigned int handle,
   auto port = get_port(name);
   if (!port) port = create_clon_port(name);
   if (!port) return result::failed;
-  if (front) {
-    port->push_event_front(event);
-  } else {
-    port->push_event(event);
-  }
+  port->push_event(event, front);
   return result::ok;
 } catch (const std::bad_alloc&) {
   return no_memory(result::out_of_memory);

@@ -13,6 +13,7 @@
 #include "middleware/orb/served_calls.h"
 #include "platform/caller.h"
 #include "platform/limits.h"
+#include "platform/octets.h"
 
 #if !defined(PORTSVC_ORB_TAO)
 #include <omniORB4/callHandle.h>
@@ -46,13 +47,8 @@ class Own_Arguments {
 inline Octets copy(const Varo::DATA_BUFFER& data) {
   Octets octets;
   if (data.length() == 0) return octets;
-  octets.bytes.reset(new (std::nothrow) unsigned char[data.length()]);
-  if (!octets.bytes) {
-    errno = ENOMEM;
-    return octets;
-  }
-  octets.size = data.length();
-  std::memcpy(octets.bytes.get(), bytes_of(data), octets.size);
+  octets.bytes = copy_of(bytes_of(data), data.length());
+  if (octets.bytes) octets.size = data.length();
   return octets;
 }
 
