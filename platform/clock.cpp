@@ -1,11 +1,11 @@
 #include "platform/clock.h"
 
-#include <sched.h>
-#include <time.h>
-
 #include <atomic>
+#include <chrono>
+#include <thread>
 
 #include "platform/poller.h"
+#include "platform/time_value.h"
 
 namespace portsvc {
 namespace {
@@ -13,20 +13,16 @@ namespace {
 class SystemClock final : public Clock {
  public:
   ACE_Time_Value now() const override {
-    timespec t{};
-    ::clock_gettime(CLOCK_REALTIME, &t);
-    return ACE_Time_Value(t.tv_sec, static_cast<suseconds_t>(t.tv_nsec / 1000));
+    using namespace std::chrono;
+    return time_value(duration_cast<microseconds>(system_clock::now().time_since_epoch()));
   }
 
   void pause(const ACE_Time_Value& length, const void*) override {
     if (length == ACE_Time_Value::zero) {
-      ::sched_yield();
-      return;
+      std::this_thread::yield();
+    } else {
+      std::this_thread::sleep_for(length_of(length));
     }
-    timespec t{};
-    t.tv_sec = length.sec();
-    t.tv_nsec = static_cast<long>(length.usec()) * 1000;
-    ::nanosleep(&t, nullptr);
   }
 
   void rest(const ACE_Time_Value& length, const Waited_On& what,
@@ -35,8 +31,7 @@ class SystemClock final : public Clock {
       pause(length, what.object);
       return;
     }
-    const auto due = Sleeper::Time::now() + std::chrono::seconds(length.sec()) +
-                     std::chrono::microseconds(length.usec());
+    const auto due = Sleeper::Time::now() + length_of(length);
     Places places(what.topics, what.topic_count);
     while (!ready() && Sleeper::of_this_thread()->sleep_until(due)) places.take_again();
   }

@@ -3,10 +3,12 @@
 #include <thread>
 #include <utility>
 
+#include "platform/time_value.h"
+
 namespace portsvc {
 namespace {
 
-const std::chrono::microseconds period(polling_pause.sec() * 1000000 + polling_pause.usec());
+const std::chrono::microseconds period = length_of(polling_pause);
 // Turns that are due within this time are taken together, so that many waits that began at
 // different moments do not keep the thread busy with waking up.
 constexpr std::chrono::microseconds tolerance(500);

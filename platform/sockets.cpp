@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <utility>
 
 #include "platform/process.h"
 
@@ -22,11 +23,12 @@ void set(int socket, int level, int option, int value) {
 
 }  // namespace
 
-std::vector<unsigned char> address_octets(const std::string& host) {
-  std::vector<unsigned char> octets(sizeof(in6_addr));
-  if (::inet_pton(AF_INET6, host.c_str(), octets.data()) == 1) return octets;
-  octets.resize(sizeof(in_addr));
-  if (::inet_pton(AF_INET, host.c_str(), octets.data()) == 1) return octets;
+boost::container::static_vector<unsigned char, 16> address_octets(const std::string& host) {
+  for (const auto& [family, size] :
+       {std::pair(AF_INET, sizeof(in_addr)), std::pair(AF_INET6, sizeof(in6_addr))}) {
+    boost::container::static_vector<unsigned char, 16> octets(size);
+    if (::inet_pton(family, host.c_str(), octets.data()) == 1) return octets;
+  }
   return {};
 }
 

@@ -1,15 +1,15 @@
 // What a broker does not do with its sockets, and addresses as text. Sockets are given by number.
 #pragma once
 
+#include <boost/container/static_vector.hpp>
 #include <chrono>
 #include <string>
-#include <vector>
 
 namespace portsvc {
 
 /// The octets of a numeric address, 4 or 16; none for a name. An IPv6 address stands without
 /// brackets.
-std::vector<unsigned char> address_octets(const std::string& host);
+boost::container::static_vector<unsigned char, 16> address_octets(const std::string& host);
 
 /// Whether the host has an address. May ask a name server.
 bool host_is_known(const std::string& host);
