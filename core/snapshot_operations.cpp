@@ -32,7 +32,7 @@ ACE_Thread_Mutex& file_lock() {
 
 const char* Port_Factory_i::get_snap_path() {
   if (snapshot_path_.empty()) {
-    std::string path = state_folder() + "/" + snapshot::folder_name + "/";
+    std::string path = snapshot::folder() + "/";
     make_folder(path);
     if (!realm_.empty()) path += realm_ + "/";
     make_folder(path);

@@ -10,6 +10,8 @@
 #include <optional>
 #include <system_error>
 
+#include "platform/process.h"
+
 namespace portsvc::snapshot {
 namespace {
 
@@ -56,6 +58,8 @@ class Cursor {
 };
 
 }  // namespace
+
+std::string folder() { return std::filesystem::path(state_folder()) / "SnapShot"; }
 
 Section_Writer::Section_Writer(std::uint32_t marker) {
   append_u32(bytes_, marker);

@@ -33,8 +33,9 @@ constexpr std::size_t name_size = 256;
 constexpr std::size_t port_record_size = 268;
 constexpr std::size_t subscription_record_size = 260;
 
-/// Where a server keeps its snapshot: this folder of its state folder, and the file's name.
-constexpr const char* folder_name = "SnapShot";
+/// Where a server keeps its snapshot: the folder, which lies in its state folder, and the file's
+/// name.
+std::string folder();
 constexpr const char* file_name = "portsnap.snp";
 
 /// True when a name fits a record.

@@ -30,7 +30,7 @@ void refuse_odd_file(const std::string& path) {
 constexpr const char* previous_name = "portsnap.previous";
 constexpr const char* damaged_name = "portsnap.damaged";
 
-fs::path snapshot_folder() { return fs::path(state_folder()) / snapshot::folder_name; }
+fs::path snapshot_folder() { return snapshot::folder(); }
 
 struct Candidate {
   explicit Candidate(const char* name) : path(snapshot_folder() / name) {
