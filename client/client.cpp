@@ -19,6 +19,7 @@ using detail::Wait;
 namespace {
 
 constexpr std::chrono::seconds slice(1);
+constexpr std::chrono::milliseconds time_between_looks(50);
 
 std::string new_box_name() {
   std::random_device random;
@@ -62,6 +63,7 @@ Result select_one(const std::vector<Entry*>& entries, const std::vector<State*>&
       });
     }
     if (result) {
+      wait.got_through();
       for (CORBA::ULong i = 0; i < handles.length(); ++i) {
         if (handles[i] == found && !ready) ready = entries[i];
       }
@@ -93,6 +95,8 @@ Connection::Connection(Connection&&) noexcept = default;
 Connection& Connection::operator=(Connection&&) noexcept = default;
 
 void Connection::cancel() { link_->cancel(); }
+
+std::string Connection::explain(Result failed) const { return link_->explain(failed); }
 
 Result Connection::ping() {
   return link_->call([](Port_Factory_ptr server) {
@@ -151,6 +155,35 @@ Result Connection::release(const std::string& name) {
   return link_->call([&](Port_Factory_ptr server) -> unsigned int {
     return server->disconnect_port(known.port_id);
   });
+}
+
+Result Connection::hosts(std::map<std::string, std::string>& hosts) {
+  return link_->call([&](Port_Factory_ptr server) -> unsigned int {
+    Varo::DT_PORT_SVC::ConnectionSeq_var list;
+    const unsigned int code = server->current_connection(list.out());
+    hosts.clear();
+    for (CORBA::ULong i = 0; i < list->length(); ++i) {
+      hosts.emplace(list[i].port_name.in(), list[i].host.in());
+    }
+    return code;
+  });
+}
+
+Result Connection::set_host(const std::string& name, const std::string& host) {
+  return link_->call([&](Port_Factory_ptr server) -> unsigned int {
+    return server->set_connected_host(name.c_str(), host.c_str());
+  });
+}
+
+Result Connection::owner_word(const std::string& name, std::optional<OwnerWord>& word) {
+  word.reset();
+  std::map<std::string, std::string> texts;
+  const Result read = hosts(texts);
+  const auto text = texts.find(name);
+  if (text != texts.end()) {
+    if (const auto note = OwnerNote::read(text->second)) word = detail::word_of(*note);
+  }
+  return read;
 }
 
 Result Connection::put(const std::string& box, Bytes event) {
@@ -218,6 +251,52 @@ Result Connection::set_persistent(const std::string& box, bool persistent) {
 Result Connection::save_snapshot() {
   return link_->call(
       [](Port_Factory_ptr server) -> unsigned int { return server->make_snapshot(); });
+}
+
+Result Connection::download_snapshot(
+    std::string& bytes,
+    const std::function<bool(std::uint64_t here, std::uint64_t all)>& progress) {
+  bytes.clear();
+  // The handle's reference may name the server in another way than this connection, so calls to it
+  // find connections of their own.
+  const auto limited = [this](const auto& call) {
+    try {
+      const orb::CallTimeout limit(link_->options().call_timeout);
+      return call();
+    } catch (const CORBA::Exception& exception) {
+      return detail::result_of(exception);
+    }
+  };
+  Varo::FileHandle_var file;
+  const Result opened = link_->call([&](Port_Factory_ptr server) -> unsigned int {
+    file = server->openSnapShot();
+    return CORBA::is_nil(file.in()) ? result::snapshot_not_writable : result::ok;
+  });
+  if (!opened) return opened;
+  CORBA::Long size = 0;
+  Result read =
+      limited([&] { return Result(file->size(size) == 0 ? result::ok : result::failed); });
+  while (read && bytes.size() < static_cast<std::size_t>(size)) {
+    if (link_->cancelled() ||
+        (progress && !progress(bytes.size(), static_cast<std::uint64_t>(size)))) {
+      read = Result(failure::cancelled);
+      break;
+    }
+    read = limited([&] {
+      CORBA::Long length = 256 * 1024;
+      Varo::DATA_BUFFER_var data;
+      const auto offset = static_cast<CORBA::Long>(bytes.size());
+      if (file->read(offset, length, data.out()) != 0 || length <= 0) return Result(result::failed);
+      bytes.append(reinterpret_cast<const char*>(data->get_buffer()), data->length());
+      return Result();
+    });
+  }
+  // A handle that stays open is closed by the server once nobody uses it.
+  (void)limited([&] {
+    file->close();
+    return Result();
+  });
+  return read;
 }
 
 // --- Client
@@ -332,6 +411,37 @@ Result Subscription::take(Payload& event, Timeout timeout) {
 }
 Result Subscription::take(std::vector<Payload>& events, unsigned int most, Timeout timeout) {
   return impl_->take(events, most, timeout);
+}
+
+Result take(const std::vector<Box*>& boxes, Box*& from, std::vector<Payload>& events,
+            unsigned int most, Timeout timeout) {
+  from = nullptr;
+  if (boxes.empty()) return Result(result::nothing_selected);
+  detail::Link& link = boxes.front()->impl_->link();
+  Wait wait(link, boxes.front()->impl_->ended(), timeout);
+  constexpr int looks_between_questions = 20;
+  for (int look = 1;; ++look) {
+    Result result(result::timed_out);
+    for (Box* const box : boxes) {
+      Ownership& owned = *box->impl_;
+      if (&owned.link() != &link) return Result(result::access_refused);
+      std::uint64_t life = 0;
+      result = owned.take_now(events, most, life);
+      if (result) from = box;
+      if (result == result::timed_out && look % looks_between_questions == 0) {
+        if (const Result still = owned.still_owned(life); !still) result = still;
+      }
+      if (result != result::timed_out) break;
+    }
+    if (result || result == result::timed_out) wait.got_through();
+    if (result || result == failure::cancelled) return result;
+    if (result == result::timed_out) {
+      if (wait.over()) return result;
+      (void)link.pause(time_between_looks, boxes.front()->impl_->ended());
+    } else if (!wait.goes_on_after(result, true)) {
+      return wait.cancelled() ? Result(failure::cancelled) : detail::for_callers(result);
+    }
+  }
 }
 
 // --- selections

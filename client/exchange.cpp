@@ -16,7 +16,7 @@ constexpr std::chrono::seconds longest_proxied_wait = std::chrono::hours(1);
 
 Exchange::Exchange(std::shared_ptr<Link> link, std::string port, Access access)
     : link_(std::move(link)), port_(std::move(port)), access_(access) {
-  hold().check("connect to " + port_);
+  link_->check("connect to " + port_, hold());
 }
 
 Exchange::~Exchange() { give_up_handle(); }
@@ -93,6 +93,7 @@ Result Exchange::send(Bytes packet, Wait& wait) {
           },
           packet.size());
       if (result) {
+        wait.got_through();
         ++replies_due_;
         return result;
       }
@@ -130,6 +131,7 @@ Result Exchange::wait_reply(Payload& reply, Wait& wait) {
                            return code;
                          });
     if (result) {
+      wait.got_through();
       if (replies_due_ != 0) --replies_due_;
       return result;
     }

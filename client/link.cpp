@@ -24,7 +24,15 @@ constexpr std::chrono::milliseconds time_to_notice(10);
 // A request of this size is too large for hardly any server.
 constexpr std::size_t hardly_too_large = 32 << 10;
 
-// The broker of the process: the one that serves, or else one for all Connections.
+// The last failure of this thread, as the broker has told it.
+struct Last_Failure {
+  orb::Failing kind = orb::Failing::other;
+  std::string words;
+};
+thread_local Last_Failure last_failure;
+
+}  // namespace
+
 std::shared_ptr<orb::Broker> broker_for(const Options& options) {
   static std::mutex lock;  // guards what follows; held while a broker starts
   static std::weak_ptr<orb::Broker> shared;
@@ -44,13 +52,15 @@ std::shared_ptr<orb::Broker> broker_for(const Options& options) {
   orb::Options settings;
   settings.max_message = options.max_message;
   settings.tls = {options.tls.authorities, options.tls.key};
+  settings.trace = options.trace;
+  orb::set_peer_call_timeout(options.call_timeout);
   try {
     auto broker = std::make_shared<orb::Broker>(settings);
     shared = broker;
     chosen = options;
     return broker;
   } catch (const orb::Error& error) {
-    throw Error(error.what(), Result(failure::broker));
+    throw Error(error.what(), Result(failure::bad_options));
   }
 }
 
@@ -64,9 +74,8 @@ std::shared_ptr<Directory> directory_for(const orb::Broker& broker, const Option
   return nullptr;
 }
 
-}  // namespace
-
 Result result_of(const CORBA::Exception& exception) {
+  last_failure = {orb::kind_of(exception), orb::describe(exception)};
   const auto* const system = CORBA::SystemException::_downcast(&exception);
   if (!system) return Result(failure::broker);
   if (refusal_text(system->minor())) return Result(system->minor());
@@ -83,6 +92,10 @@ Result result_of(const CORBA::Exception& exception) {
   }
   return Result(failure::broker);
 }
+
+orb::Failing last_failing() { return last_failure.kind; }
+
+const std::string& last_words() { return last_failure.words; }
 
 void show(Varo::DATA_BUFFER& data, Bytes bytes) {
   if (bytes.size() == 0) return;
@@ -235,7 +248,7 @@ Link::Link(const std::string& server, const Options& options)
     CORBA::ULong unused = 0;
     return static_cast<unsigned int>(port_service->gen_evc_code(unused));
   });
-  reached.check(server);
+  if (!reached) throw Error(explain(reached), reached);
 }
 
 Result Link::look_up(CORBA::Object_var& object) {
@@ -243,16 +256,24 @@ Result Link::look_up(CORBA::Object_var& object) {
   if (const auto text = orb::reference_text(server_, tls)) {
     try {
       object = broker_->from_text(*text);
-    } catch (const orb::Error&) {
+    } catch (const orb::Error& error) {
       // The text of a corbaname is looked up at once, so what failed is that look-up.
       const bool name = text->compare(0, 10, "corbaname:") == 0;
+      last_failure = {orb::Failing::other, error.what()};
       return Result(name ? failure::unreachable : failure::bad_address);
     }
     return Result();
   }
-  if (!directory_) return Result(failure::bad_address);
+  if (!directory_) {
+    last_failure = {
+        orb::Failing::other,
+        fmt::format("'{}' is no reference and no HOST:PORT; a server's name takes a directory or a "
+                    "naming service",
+                    server_)};
+    return Result(failure::bad_address);
+  }
   object = directory_->resolve(server_, options_.realm);
-  return CORBA::is_nil(object.in()) ? Result(failure::bad_address) : Result();
+  return Result(CORBA::is_nil(object.in()) ? failure::not_listed : result::ok);
 }
 
 Result Link::target(Target& target) {
@@ -272,10 +293,12 @@ Result Link::target(Target& target) {
   } catch (const CORBA::Exception& exception) {
     return result_of(exception);
   } catch (const orb::Error&) {
-    return Result(failure::bad_address);
+    last_failure = {orb::Failing::not_connected, "the reference has no address for this side"};
+    return Result(failure::unreachable);
   }
   const std::lock_guard<std::mutex> guard(lock_);
   if (!target_.lives) target_ = target;
+  latest_ = target_.server;
   target = target_;
   return Result();
 }
@@ -313,8 +336,14 @@ std::uint64_t Link::life() {
 
 Port_Factory_var Link::reference() {
   Target now;
-  target(now).check(server_);
+  check(server_, target(now));
   return now.server;
+}
+
+void Link::check(const std::string& what, Result result) {
+  if (result) return;
+  if (result_text(result.code()) || result == failure::cancelled) result.check(what);
+  throw Error(fmt::format("{}: {}", what, explain(result)), result);
 }
 
 void Link::cancel() {
@@ -354,8 +383,8 @@ std::chrono::seconds Wait::left(std::chrono::seconds most) const {
 bool Wait::goes_on_after(Result failure, bool repeatable) {
   switch (failure.code()) {
     case failure::unreachable:
-    case failure::no_service:   // the server is just starting
-    case failure::bad_address:  // not in the directory
+    case failure::no_service:  // the server is just starting
+    case failure::not_listed:
     case refusal::stopping:
     case result::no_peer:
     case result::unknown_handle:  // the server has come back without the port
@@ -377,8 +406,14 @@ bool Wait::goes_on_after(Result failure, bool repeatable) {
     if (left <= std::chrono::milliseconds(0)) return false;
     time = std::min(time, left);
   }
+  if (!std::exchange(lost_, true) && link_.options().on_lost) link_.options().on_lost(failure);
   pause_ = std::min(pause_ * 2, longest);
   return link_.pause(time, ended_);
+}
+
+void Wait::got_through() {
+  pause_ = shortest;
+  if (std::exchange(lost_, false) && link_.options().on_found) link_.options().on_found();
 }
 
 }  // namespace portsvc::client::detail

@@ -32,6 +32,9 @@ inline Result for_callers(Result result) {
 
 /// The code for a failed call.
 Result result_of(const CORBA::Exception& exception);
+/// The last failure of this thread, as the broker has told it.
+orb::Failing last_failing();
+const std::string& last_words();
 
 /// Lets a sequence show the bytes where they lie.
 void show(Varo::DATA_BUFFER& data, Bytes bytes);
@@ -90,6 +93,11 @@ class Lives {
   std::thread beats_;
 };
 
+/// The directory of the options, null when they name none; throws Error.
+std::shared_ptr<Directory> directory_for(const orb::Broker& broker, const Options& options);
+/// The broker of the process: the one that serves, or else one for all Connections.
+std::shared_ptr<orb::Broker> broker_for(const Options& options);
+
 /// One server for one Connection and what is made with it. Any thread.
 class Link {
  public:
@@ -116,6 +124,10 @@ class Link {
   std::uint64_t life();
   /// The reference that calls would go to; throws Error.
   Port_Factory_var reference();
+  /// As Connection::explain().
+  std::string explain(Result failed);
+  /// Throws Error, with what can be found out about it, unless it is a success.
+  void check(const std::string& what, Result result);
 
   /// Ends all pauses of this link; wake() has their conditions looked at.
   void cancel();
@@ -140,9 +152,10 @@ class Link {
   const std::shared_ptr<orb::Broker> broker_;
   std::shared_ptr<Directory> directory_;
 
-  std::mutex lock_;  // guards target_ and changed_; nothing is called under it
+  std::mutex lock_;  // guards what follows; nothing is called under it
   std::condition_variable changed_;
   Target target_;
+  Port_Factory_var latest_;  // of target_, also when that has been forgotten
   std::atomic<bool> cancelled_{false};
 };
 
@@ -163,7 +176,7 @@ class Wait {
   /// been carried out is tried again only if it is `repeatable`.
   bool goes_on_after(Result failure, bool repeatable);
   /// A call has got through.
-  void got_through() { pause_ = shortest; }
+  void got_through();
 
  private:
   static constexpr std::chrono::milliseconds shortest{250};
@@ -173,6 +186,7 @@ class Wait {
   const std::atomic<bool>& ended_;
   const std::optional<std::chrono::steady_clock::time_point> end_;
   std::chrono::milliseconds pause_{shortest};
+  bool lost_ = false;  // on_lost has been told
 };
 
 }  // namespace portsvc::client::detail

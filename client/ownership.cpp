@@ -1,5 +1,7 @@
 #include "client/ownership.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -14,6 +16,10 @@ constexpr std::chrono::milliseconds time_between_looks(200);
 
 }  // namespace
 
+OwnerWord word_of(const OwnerNote& note) {
+  return {note.program, note.host, note.process, note.has_ended()};
+}
+
 Ownership::Ownership(std::shared_ptr<Link> link, What what, std::string name, OwnerOptions options,
                      std::vector<unsigned int> codes)
     : link_(std::move(link)),
@@ -26,7 +32,7 @@ Ownership::Ownership(std::shared_ptr<Link> link, What what, std::string name, Ow
   std::uint64_t life = 0;
   const Result held = hold(id, life);
   if (!held && what_ == What::subscription) release();
-  held.check("own " + name_);
+  link_->check("own " + name_, held);
 }
 
 Ownership::~Ownership() { release(); }
@@ -39,12 +45,29 @@ unsigned int Ownership::id() const {
 void Ownership::cancel() {
   ended_ = true;
   link_->wake();
+  std::unique_lock<std::mutex> lock(lock_);
+  if (taking_ == 0) return;
+  const unsigned int id = id_;
+  const std::uint64_t life = life_;
+  lock.unlock();
+  // The server asks after each pause whether the owner still wants to wait. This one has no access
+  // mode any more, and still has the port.
+  constexpr unsigned int access_none = 0;
+  (void)link_->call_in(life, std::chrono::seconds(0), [&](Port_Factory_ptr server) -> unsigned int {
+    const unsigned int code = server->disconnect_port(id);
+    if (code != result::ok) return code;
+    CORBA::ULong again = 0;
+    CORBA::ULong other = 0;
+    return server->connect_port(name_.c_str(), again, CONNECT_OWNER, access_none, other);
+  });
+  lock.lock();
+  changed_.wait_for(lock, link_->options().call_timeout, [this] { return taking_ == 0; });
 }
 
 Result Ownership::hold(unsigned int& id, std::uint64_t& life) {
   life = link_->life();
   std::unique_lock<std::mutex> lock(lock_);
-  connected_.wait(lock, [this] { return !connecting_; });
+  changed_.wait(lock, [this] { return !connecting_; });
   if (life != 0 && life_ == life) {
     id = id_;
     return Result();
@@ -62,7 +85,7 @@ Result Ownership::hold(unsigned int& id, std::uint64_t& life) {
       id_ = id;
     }
     lock.unlock();
-    connected_.notify_all();
+    changed_.notify_all();
     return result;
   };
   // The first call of all finds out which life it is.
@@ -186,8 +209,8 @@ Result Ownership::take_over(bool mine, steady_clock::time_point since, bool& wai
   const bool itself = mine && (text.empty() || text == note_);
   const bool ended =
       note && note->has_ended() && (options_.take_over || options_.take_over_after.has_value());
-  const bool late =
-      options_.take_over_after && steady_clock::now() - since >= *options_.take_over_after;
+  const auto waited = std::chrono::duration_cast<std::chrono::seconds>(steady_clock::now() - since);
+  const bool late = options_.take_over_after && waited >= *options_.take_over_after;
   if (!itself && !ended && !late) {
     wait = options_.take_over_after.has_value();
     return wait ? Result() : Result(result::owner_exists);
@@ -198,7 +221,13 @@ Result Ownership::take_over(bool mine, steady_clock::time_point since, bool& wai
     return code == result::ok ? static_cast<unsigned int>(server->disconnect_port(info.port_id))
                               : code;
   });
-  return released == result::not_connected ? Result() : released;
+  if (!released && released != result::not_connected) return released;
+  if (!itself && options_.on_take_over) {
+    options_.on_take_over(fmt::format(
+        "{}{}", note ? word_of(*note).text() : "an owner that left no word",
+        ended ? ", which has ended" : fmt::format(", after waiting {} s", waited.count())));
+  }
+  return Result();
 }
 
 void Ownership::lose(std::uint64_t life) {
@@ -206,52 +235,98 @@ void Ownership::lose(std::uint64_t life) {
   if (life_ == life) life_ = 0;
 }
 
+class Ownership::Taking {
+ public:
+  explicit Taking(Ownership& owned) : owned_(owned) {
+    const std::lock_guard<std::mutex> guard(owned_.lock_);
+    ++owned_.taking_;
+  }
+  ~Taking() {
+    const std::lock_guard<std::mutex> guard(owned_.lock_);
+    --owned_.taking_;
+    owned_.changed_.notify_all();
+  }
+  Taking(const Taking&) = delete;
+  Taking& operator=(const Taking&) = delete;
+
+ private:
+  Ownership& owned_;
+};
+
+Result Ownership::attempt(std::chrono::seconds slice, const Take& take, std::uint64_t& life) {
+  for (bool again = false;;) {
+    unsigned int id = 0;
+    Result result = hold(id, life);
+    if (!result) return result;
+    const Taking taking(*this);
+    // A cancellation that comes from here on sees the call; one that came before is seen here.
+    if (ended_ || link_->cancelled()) return Result(failure::cancelled);
+    result = link_->call_in(life, slice, [&](Port_Factory_ptr server) {
+      return take(server, id, static_cast<unsigned int>(slice.count()));
+    });
+    if (result == result::unknown_handle) lose(life);  // the port has gone, its server has not
+    if (!link_->options().reconnect) return result;
+    if (result == stale) continue;
+    if (result == result::unknown_handle && !std::exchange(again, true)) continue;
+    return result;
+  }
+}
+
+Result Ownership::still_owned(std::uint64_t life) {
+  Varo::DT_PORT_SVC::PORT_INFO info{};
+  const auto ask = [&](Port_Factory_ptr server) -> unsigned int {
+    return server->get_port_info(name_.c_str(), info);
+  };
+  const Result known = link_->call_in(life, std::chrono::seconds(0), ask);
+  const bool released = known && info.kind != PORT_SLAVE && info.owner_connected == 0;
+  return Result(released ? result::not_connected : result::ok);
+}
+
 Result Ownership::wait(Timeout timeout, const Take& take, std::uint64_t& life) {
   Wait wait(*link_, ended_, timeout);
   const bool looks_only =
       timeout.seconds().count() == 0 && (what_ != What::port || options_.access == Access::select);
-  for (bool again = false;;) {
+  for (;;) {
     if (wait.cancelled()) return Result(failure::cancelled);
-    unsigned int id = 0;
-    Result result = hold(id, life);
-    if (result) {
-      const std::chrono::seconds slice(looks_only ? 0 : 1);
-      result = link_->call_in(life, slice, [&](Port_Factory_ptr server) {
-        return take(server, id, static_cast<unsigned int>(slice.count()));
-      });
-      if (result) return result;
-      if (result == result::timed_out) {
-        if (looks_only || wait.over()) return result;
-        wait.got_through();
-        continue;
-      }
-      if (result == result::unknown_handle) lose(life);  // the port has gone, its server has not
-      if (link_->options().reconnect) {
-        if (result == stale) continue;
-        if (result == result::unknown_handle && !std::exchange(again, true)) continue;
-      }
+    Result result = attempt(std::chrono::seconds(looks_only ? 0 : 1), take, life);
+    if (result == result::timed_out && !looks_only) {
+      wait.got_through();
+      const Result owned = still_owned(life);
+      if (owned && !wait.over()) continue;
+      return owned ? result : owned;
     }
-    if (looks_only || !wait.goes_on_after(result, true)) {
-      return wait.cancelled() ? Result(failure::cancelled) : for_callers(result);
+    if (result) wait.got_through();
+    if (result || looks_only || !wait.goes_on_after(result, true)) {
+      return !result && wait.cancelled() ? Result(failure::cancelled) : for_callers(result);
     }
   }
 }
 
+namespace {
+
+Ownership::Take taking_events(std::vector<Payload>& events, unsigned int most) {
+  return [&events, most](Port_Factory_ptr server, unsigned int id,
+                         unsigned int seconds) -> unsigned int {
+    Varo::DATA_BUFFER_SEQ_var list;
+    const unsigned int code = server->packet_receive_n(id, list.out(), most, seconds);
+    events.reserve(list->length());
+    for (CORBA::ULong i = 0; i < list->length(); ++i) events.push_back(payload_of(list[i]));
+    // Only a packet port, which somebody has made in the box's place, answers nothing.
+    return code == result::ok && events.empty() ? result::access_refused : code;
+  };
+}
+
+}  // namespace
+
 Result Ownership::take(std::vector<Payload>& events, unsigned int most, Timeout timeout) {
   events.clear();
   std::uint64_t life = 0;
-  const Result taken = wait(
-      timeout,
-      [&](Port_Factory_ptr server, unsigned int id, unsigned int seconds) {
-        Varo::DATA_BUFFER_SEQ_var list;
-        const unsigned int code = server->packet_receive_n(id, list.out(), most, seconds);
-        events.reserve(list->length());
-        for (CORBA::ULong i = 0; i < list->length(); ++i) events.push_back(payload_of(list[i]));
-        return code;
-      },
-      life);
-  // Only a packet port, which somebody has made in the box's place, answers nothing.
-  return taken && events.empty() ? Result(result::access_refused) : taken;
+  return wait(timeout, taking_events(events, most), life);
+}
+
+Result Ownership::take_now(std::vector<Payload>& events, unsigned int most, std::uint64_t& life) {
+  events.clear();
+  return attempt(std::chrono::seconds(0), taking_events(events, most), life);
 }
 
 void Ownership::release() {

@@ -11,8 +11,12 @@
 #include <vector>
 
 #include "client/link.h"
+#include "middleware/owner_note.h"
 
 namespace portsvc::client::detail {
+
+/// What callers are told of a note.
+OwnerWord word_of(const OwnerNote& note);
 
 class Ownership {
  public:
@@ -33,6 +37,12 @@ class Ownership {
   /// life in which it has taken.
   Result wait(Timeout timeout, const Take& take, std::uint64_t& life);
   Result take(std::vector<Payload>& events, unsigned int most, Timeout timeout);
+  /// Takes what there is, without waiting, and tells in which life.
+  Result take_now(std::vector<Payload>& events, unsigned int most, std::uint64_t& life);
+  /// After a take has found nothing: not_connected when somebody has released the port. The server
+  /// lets whoever knows the id go on waiting, for nothing. Of a proxy it is not asked: its owner
+  /// comes back by itself when the main server does.
+  Result still_owned(std::uint64_t life);
 
   Link& link() const { return *link_; }
   const std::string& name() const { return name_; }
@@ -40,6 +50,7 @@ class Ownership {
   std::atomic<bool>& ended() { return ended_; }
   unsigned int id() const;
   std::uint64_t gaps() const { return gaps_.load(); }
+  /// Ends the waits; when it returns none of them is in the server.
   void cancel();
 
   /// Sees to it that the port is owned in the life that the server is in.
@@ -48,6 +59,10 @@ class Ownership {
   void lose(std::uint64_t life);
 
  private:
+  class Taking;
+
+  /// One call of `take`, connecting first if need be. `stale`: at once again, in another life.
+  Result attempt(std::chrono::seconds slice, const Take& take, std::uint64_t& life);
   Result connect(bool again, unsigned int& id);
   Result take_over(bool again, std::chrono::steady_clock::time_point since, bool& wait);
   Result make_box();
@@ -64,8 +79,9 @@ class Ownership {
   std::atomic<std::uint64_t> gaps_{0};
 
   mutable std::mutex lock_;  // guards what follows; nothing is called under it
-  std::condition_variable connected_;
+  std::condition_variable changed_;
   bool connecting_ = false;
+  int taking_ = 0;  // calls of `take` that are under way
   unsigned int id_ = 0;
   std::uint64_t life_ = 0;  // in which the port is owned, 0: in none
 };

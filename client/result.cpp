@@ -12,8 +12,9 @@ constexpr ResultText other_texts[] = {
     {failure::lost, "lost", "the server was lost, restarted, or did not answer in time"},
     {failure::too_large, "too_large", "the message is larger than the largest message"},
     {failure::cancelled, "cancelled", "cancelled"},
-    {failure::bad_address, "bad_address",
-     "no reference, no HOST:PORT and no name of the directory"},
+    {failure::bad_address, "bad_address", "no reference and no HOST:PORT"},
+    {failure::bad_options, "bad_options", "the broker cannot start with these options"},
+    {failure::not_listed, "not_listed", "the directory does not list the server"},
     {failure::no_service, "no_service", "what answers there is no port service"},
     {failure::broker, "broker", "the broker failed"},
 };

@@ -86,7 +86,8 @@ Pipe::Pipe() {
 }
 
 Event_File::Event_File() : file_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (file_.fd() < 0) failed(errno);
+  if (file_.fd() >= 0) return;
+  throw std::system_error(errno, std::generic_category(), "cannot make an event");
 }
 
 void Event_File::set() const noexcept {

@@ -1,11 +1,12 @@
 // The pieces of portctl that need no server: its command filter, its input and output, the texts
-// that name a server, and waits in slices.
+// that name a server, and interruptions.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <future>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -18,17 +19,15 @@
 #include "tools/errors.h"
 #include "tools/input.h"
 #include "tools/interrupt.h"
+#include "tools/interrupt_watch.h"
 #include "tools/message_limit.h"
 #include "tools/output.h"
 #include "tools/progress.h"
 #include "tools/session.h"
 #include "tools/shell_command.h"
-#include "tools/waiting.h"
 
 namespace portsvc::tools {
 namespace {
-
-using std::chrono::steady_clock;
 
 // More than the pipes in both directions hold together.
 constexpr std::size_t large = 3 << 20;
@@ -177,26 +176,6 @@ TEST_F(Portctl, ReadsLinesAsTheyArrive) {
   ::close(ends[0]);
 }
 
-TEST_F(Portctl, WaitsInSlicesUntilSomethingHappensOrTheTimeIsUsedUp) {
-  int calls = 0;
-  const auto wait = [&](unsigned int seconds) {
-    ++calls;
-    std::this_thread::sleep_for(std::chrono::seconds(seconds));
-    return calls == 2 ? result::ok : result::timed_out;
-  };
-  EXPECT_EQ(wait_in_slices(0, result::timed_out, wait), result::ok);
-  EXPECT_EQ(calls, 2);
-  const auto start = steady_clock::now();
-  EXPECT_EQ(wait_in_slices(2, result::timed_out, wait), result::timed_out);
-  const auto waited = steady_clock::now() - start;
-  EXPECT_GE(waited, std::chrono::milliseconds(1900));
-  EXPECT_LT(waited, std::chrono::milliseconds(2900));
-  // Any other code is an answer.
-  EXPECT_EQ(wait_in_slices(0, result::reply_timed_out,
-                           [](unsigned int) { return result::unknown_handle; }),
-            result::unknown_handle);
-}
-
 // The last test: an interruption cannot be taken back.
 TEST_F(Portctl, EndsWaitsAndCommandsWhenInterrupted) {
   EXPECT_EXIT(
@@ -205,18 +184,14 @@ TEST_F(Portctl, EndsWaitsAndCommandsWhenInterrupted) {
           std::this_thread::sleep_for(std::chrono::milliseconds(200));
           ::kill(::getpid(), SIGTERM);
         }).detach();
+        std::promise<void> told;
+        const InterruptWatch watch([&] { told.set_value(); });
         try {
           (void)run_shell_command("sleep 30 | sleep 30", "");
         } catch (const Interrupted&) {
-          bool slice_begun = false;
-          try {
-            (void)wait_in_slices(0, result::timed_out, [&](unsigned int) {
-              slice_begun = true;
-              return result::timed_out;
-            });
-          } catch (const Interrupted&) {
-            std::_Exit(slice_begun ? 1 : interrupted());
-          }
+          // Who is blocked in a remote call hears of it from the watch.
+          const auto heard = told.get_future().wait_for(std::chrono::seconds(20));
+          std::_Exit(heard == std::future_status::ready ? interrupted() : 1);
         }
         std::_Exit(2);
       },

@@ -5,22 +5,20 @@
 #include <chrono>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "idl/port_codes.h"
+#include "portsvc/stubs.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
 #include "tools/interrupt.h"
+#include "tools/interrupt_watch.h"
 #include "tools/output.h"
 
 namespace portsvc::tools {
 namespace {
 
-using Varo::DT_PORT_SVC::Port_Factory;
 using Varo::DT_PORT_SVC::Port_Factory_ptr;
-using Varo::DT_PORT_SVC::Port_Factory_var;
-using Varo::DT_PORT_SVC::PORT_INFO;
 
 struct MasterOptions {
   std::string port;
@@ -32,8 +30,11 @@ void describe_master(CLI::App& command, MasterOptions& options) {
 
 void master(Session& session, const MasterOptions& options) {
   CORBA::String_var server;
-  check("ask for the server that keeps " + options.port,
-        session.server()->inquire_master(options.port.c_str(), server.out()));
+  const auto ask = [&](Port_Factory_ptr main) -> unsigned int {
+    return main->inquire_master(options.port.c_str(), server.out());
+  };
+  session.check("ask for the server that keeps " + options.port,
+                client::call(session.server(), ask));
   if (session.options().json) {
     print_json({{"port", options.port}, {"master", server.in()}});
   } else {
@@ -41,15 +42,20 @@ void master(Session& session, const MasterOptions& options) {
   }
 }
 
+client::Result list_subs(Session& session, std::vector<std::string>& names) {
+  return client::call(session.server(), [&](Port_Factory_ptr server) -> unsigned int {
+    Varo::STRING_LIST_var list;
+    const unsigned int code = server->get_remote_sub(list.out());
+    for (CORBA::ULong i = 0; i < list->length(); ++i) names.emplace_back(list[i].in());
+    return code;
+  });
+}
+
 void subs(Session& session, const NoOptions&) {
-  Varo::STRING_LIST_var list;
-  check("list sub servers", session.server()->get_remote_sub(list.out()));
-  Json names = Json::array();
-  for (CORBA::ULong i = 0; i < list->length(); ++i) names.push_back(list[i].in());
+  std::vector<std::string> names;
+  session.check("list sub servers", list_subs(session, names));
   if (session.options().json) return print_json(names);
-  for (const Json& name : names) {
-    write_output(printable(name.get_ref<const std::string&>()) + "\n");
-  }
+  for (const std::string& name : names) write_output(printable(name) + "\n");
 }
 
 struct MoveOptions {
@@ -68,21 +74,16 @@ void describe_move(CLI::App& command, MoveOptions& options) {
 
 // A main server knows its sub servers; a sub server knows nobody, so there only a directory helps.
 bool is_known(Session& session, const std::string& name) {
-  const GlobalOptions& options = session.options();
-  if (!options.directory.empty() || !options.naming.empty()) {
-    for (const char* role : {role_main, role_sub}) {
-      const auto names = session.directory().servers(role, options.realm);
-      if (std::find(names.begin(), names.end(), name) != names.end()) return true;
-    }
-    return false;
+  std::vector<std::string> names;
+  if (session.has_directory()) {
+    for (const auto& server : session.servers()) names.push_back(server.name);
+  } else {
+    const client::Result listed = list_subs(session, names);
+    if (listed == result::no_consumers) return false;  // a main server without sub servers
+    session.check("list sub servers", listed);
+    if (names.empty()) return true;
   }
-  Varo::STRING_LIST_var list;
-  const unsigned int code = session.server()->get_remote_sub(list.out());
-  if (code != result::ok) return false;  // a main server without sub servers
-  for (CORBA::ULong i = 0; i < list->length(); ++i) {
-    if (name == list[i].in()) return true;
-  }
-  return list->length() == 0;
+  return std::find(names.begin(), names.end(), name) != names.end();
 }
 
 void move(Session& session, const MoveOptions& options) {
@@ -91,8 +92,11 @@ void move(Session& session, const MoveOptions& options) {
         "move {}: no server '{}' is known (see: portctl subs); --force moves it all the same",
         options.port, options.to));
   }
-  check(fmt::format("move {} to {}", options.port, options.to),
-        session.server()->force_toslave(options.to.c_str(), options.port.c_str()));
+  const auto force = [&](Port_Factory_ptr server) -> unsigned int {
+    return server->force_toslave(options.to.c_str(), options.port.c_str());
+  };
+  session.check(fmt::format("move {} to {}", options.port, options.to),
+                client::call(session.server(), force));
 }
 
 // --- refresh
@@ -109,40 +113,41 @@ void describe_refresh(CLI::App& command, RefreshOptions& options) {
       ->option_text("SERVER");
 }
 
-std::optional<PORT_INFO> port_info(Port_Factory_ptr server, const std::string& name) {
-  PORT_INFO info{};
-  if (server->get_port_info(name.c_str(), info) != result::ok) return std::nullopt;
-  return info;
-}
-
 // A sub server lists no consumers and says so with success; a main server without any answers a
 // code of its own.
-bool is_sub_server(Port_Factory_ptr server) {
-  Varo::STRING_LIST_var list;
-  return server->get_remote_sub(list.out()) == result::ok && list->length() == 0;
+bool is_sub_server(Session& session) {
+  std::vector<std::string> names;
+  const client::Result listed = list_subs(session, names);
+  if (listed != result::no_consumers) session.check("list sub servers", listed);
+  return listed && names.empty();
 }
 
 // Without its main server a sub server could not clone again what is deleted. A main server that
 // has just come back is found within a few beats of the sub server's probe.
-void wait_for_main_server(Session& session, Port_Factory_ptr sub) {
+void wait_for_main_server(Session& session) {
   using std::chrono::steady_clock;
   const auto end = steady_clock::now() + std::chrono::seconds(session.options().call_timeout);
-  for (;;) {
+  const auto ask = [](Port_Factory_ptr sub) -> unsigned int {
     CORBA::String_var unused;
-    if (sub->inquire_master("", unused.out()) != result::failed) return;
+    return sub->inquire_master("", unused.out());
+  };
+  for (;;) {
+    const client::Result asked = client::call(session.server(), ask);
+    const bool unreached = asked == result::failed;
+    if (!unreached && !result_text(asked.code())) session.check("ask for the main server", asked);
+    if (!unreached) return;
     if (steady_clock::now() >= end) {
-      throw ResultError("the sub server does not reach its main server", result::failed);
+      session.check("the sub server does not reach its main server", asked);
     }
-    throw_if_interrupted();
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    pause_for(std::chrono::milliseconds(200));
   }
 }
 
 // What was done about one proxy.
 struct Refreshed {
   std::string port;
-  CORBA::ULong old_id = 0;
-  CORBA::ULong new_id = 0;
+  unsigned int old_id = 0;
+  unsigned int new_id = 0;
 };
 
 void print_refreshed(const std::vector<Refreshed>& done, bool json) {
@@ -162,38 +167,38 @@ void print_refreshed(const std::vector<Refreshed>& done, bool json) {
 }
 
 // The new id of a proxy that is deleted and, being named again, cloned anew.
-CORBA::ULong clone_again(Port_Factory_ptr sub, const std::string& name) {
-  check("delete the proxy " + name, sub->delete_port(name.c_str()));
-  check("clone " + name + " from the main server",
-        static_cast<unsigned int>(sub->exist(name.c_str())));
-  const auto info = port_info(sub, name);
-  return info ? info->port_id : 0;
+unsigned int clone_again(Session& session, const std::string& name) {
+  client::Connection& sub = session.server();
+  session.check("delete the proxy " + name, sub.remove(name));
+  const client::Result unknown(result::unknown_name);
+  bool cloned = false;
+  const client::Result named = sub.exists(name, cloned);
+  session.check("clone " + name + " from the main server", named && !cloned ? unknown : named);
+  client::PortInfo info;
+  return sub.info(name, info) ? info.port_id : 0;
 }
 
 void refresh(Session& session, const RefreshOptions& options) {
-  Port_Factory_ptr sub = session.server();
-  if (!is_sub_server(sub)) {
+  client::Connection& sub = session.server();
+  if (!is_sub_server(session)) {
     throw Failure("refresh is for sub servers: this server is a main server");
   }
-  wait_for_main_server(session, sub);
-  Port_Factory_var main = Port_Factory::_nil();
-  if (!options.main.empty()) main = session.resolve(options.main);
+  wait_for_main_server(session);
+  std::optional<client::Connection> main;
+  if (!options.main.empty()) main.emplace(session.connect(options.main));
 
-  Varo::STRING_LIST_var ports;
-  Varo::STRING_LIST_var boxes;
-  check("list ports", sub->patch_object_name(ports.out(), boxes.out()));
+  std::vector<std::string> ports;
+  std::vector<std::string> boxes;
+  session.check("list ports", sub.list(ports, boxes));
   std::vector<Refreshed> done;
   try {
-    for (CORBA::ULong i = 0; i < ports->length(); ++i) {
+    for (const std::string& name : ports) {
       throw_if_interrupted();
-      const std::string name = ports[i].in();
-      const auto copy = port_info(sub, name);
-      if (!copy || copy->kind != PORT_SLAVE) continue;
-      if (!CORBA::is_nil(main.in())) {
-        const auto original = port_info(main, name);
-        if (original && original->port_id == copy->port_id) continue;
-      }
-      done.push_back({name, copy->port_id, clone_again(sub, name)});
+      client::PortInfo copy;
+      if (!sub.info(name, copy) || copy.kind != PORT_SLAVE) continue;
+      client::PortInfo original;
+      if (main && main->info(name, original) && original.port_id == copy.port_id) continue;
+      done.push_back({name, copy.port_id, clone_again(session, name)});
     }
   } catch (...) {
     print_refreshed(done, session.options().json);

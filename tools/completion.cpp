@@ -119,25 +119,21 @@ class Asking {
 void offer_ports(const Words& globals, const std::string& start, bool packet_ports, bool boxes) {
   const Asking asking(globals);
   Session session(asking.options());
-  Varo::STRING_LIST_var ports;
-  Varo::STRING_LIST_var event_boxes;
-  check("list ports", session.server()->patch_object_name(ports.out(), event_boxes.out()));
-  for (CORBA::ULong i = 0; packet_ports && i < ports->length(); ++i) {
-    offer(start, ports[i].in(), "packet port");
-  }
-  for (CORBA::ULong i = 0; boxes && i < event_boxes->length(); ++i) {
-    offer(start, event_boxes[i].in(), "event box");
-  }
+  Words ports;
+  Words event_boxes;
+  session.check("list ports", session.server().list(ports, event_boxes));
+  if (!packet_ports) ports.clear();
+  if (!boxes) event_boxes.clear();
+  for (const std::string& port : ports) offer(start, port, "packet port");
+  for (const std::string& box : event_boxes) offer(start, box, "event box");
 }
 
 void offer_servers(const Words& globals, const std::string& start) {
   const Asking asking(globals);
-  if (asking.options().directory.empty() && asking.options().naming.empty()) return;
-  Session session(asking.options());
-  for (const char* role : {role_main, role_sub}) {
-    for (const auto& name : session.directory().servers(role, asking.options().realm)) {
-      offer(start, name, std::string(role) == role_main ? "main server" : "sub server");
-    }
+  const Session session(asking.options());
+  if (!session.has_directory()) return;
+  for (const auto& server : session.servers()) {
+    offer(start, server.name, server.is_main ? "main server" : "sub server");
   }
 }
 
@@ -186,7 +182,6 @@ void complete(const std::vector<std::string>& words) {
     }
   } catch (const std::exception&) {
     // Nothing can be offered; a message would stand in the middle of what is being typed.
-  } catch (const CORBA::Exception&) {
   }
 }
 

@@ -8,17 +8,25 @@
 
 namespace portsvc::tools {
 
-std::string code_text(unsigned int code) {
-  const ResultText* text = result_text(code);
-  if (!text) return fmt::format("{} unknown result code", code);
-  return fmt::format("{} {}: {}", code, text->name, text->meaning);
+int status_of(client::Result result) {
+  if (result_text(result.code())) return status::failed;
+  const bool usage =
+      result == client::failure::bad_address || result == client::failure::bad_options;
+  return usage ? status::bad_usage : status::unreachable;
 }
 
-ResultError::ResultError(const std::string& what, unsigned int code)
-    : std::runtime_error(what + ": " + code_text(code)), code_(code) {}
-
-void check(const std::string& what, unsigned int code) {
-  if (code != result::ok) throw ResultError(what, code);
+std::string with_options(const std::string& line) {
+  struct Hint {
+    const char* word;
+    const char* options;
+  };
+  for (const Hint& hint : {Hint{"TLS", "--tls-ca, --tls-key"},
+                           Hint{"takes a directory or a naming service", "--directory, --naming"},
+                           Hint{"no answer within the time of a call", "--call-timeout"}}) {
+    if (line.find(hint.word) != std::string::npos)
+      return fmt::format("{} ({})", line, hint.options);
+  }
+  return line;
 }
 
 void warn(const std::string& message) { fmt::print(stderr, "portctl: {}\n", message); }

@@ -1,8 +1,11 @@
-// The ways in which a command of portctl ends early, one class for each exit status.
+// The ways in which a command of portctl ends early: client::Error, for what the server answers or
+// does not, and these; and the exit status of each.
 #pragma once
 
 #include <stdexcept>
 #include <string>
+
+#include "portsvc/client.h"
 
 namespace portsvc::tools {
 
@@ -14,6 +17,9 @@ constexpr int bad_usage = 2;    ///< the command line, or a file or reference it
 constexpr int unreachable = 3;  ///< the server could not be reached
 constexpr int interrupted = 128;
 }  // namespace status
+
+/// The status of a command that has failed like this.
+int status_of(client::Result result);
 
 /// The command line asks for something impossible.
 class UsageError : public std::runtime_error {
@@ -33,18 +39,6 @@ class Unreachable : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The server answered a result code other than 0. The text names the operation, the code and
-/// what the code means.
-class ResultError : public std::runtime_error {
- public:
-  /// `what` says what was tried, for example "send to orders".
-  ResultError(const std::string& what, unsigned int code);
-  unsigned int code() const { return code_; }
-
- private:
-  unsigned int code_;
-};
-
 /// The user asked the command to end.
 class Interrupted : public std::exception {
  public:
@@ -57,11 +51,8 @@ class ReaderGone : public std::exception {
   const char* what() const noexcept override { return "nobody reads the output"; }
 };
 
-/// "2017 send_timed_out: no owner took the packet before the time-out".
-std::string code_text(unsigned int code);
-
-/// Throws ResultError when `code` is not 0.
-void check(const std::string& what, unsigned int code);
+/// The client library's line on a failure, with portctl's options where they help.
+std::string with_options(const std::string& line);
 
 /// One line on standard error: "portctl: ...".
 void warn(const std::string& message);

@@ -2,6 +2,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "idl/port_codes.h"
+#include "portsvc/stubs.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
 #include "tools/input.h"
@@ -20,7 +22,6 @@
 #include "tools/output.h"
 #include "tools/owner.h"
 #include "tools/progress.h"
-#include "tools/waiting.h"
 
 namespace portsvc::tools {
 namespace {
@@ -46,11 +47,10 @@ void describe_put(CLI::App& command, PutOptions& options) {
 void put(Session& session, const PutOptions& options) {
   const std::string payload = read_payload(options.payload);
   check_size(payload.size(), session.options().max_message);
-  Port_Factory_ptr server = session.server();
-  const Varo::DATA_BUFFER event = to_buffer(payload);
-  check("put into " + options.box, with_payload(server, payload.size(), [&] {
-          return server->send_event(options.box.c_str(), event);
-        }));
+  client::Connection& server = session.server();
+  session.check("put into " + options.box, with_payload(server, payload.size(), [&] {
+                  return server.put(options.box, payload);
+                }));
 }
 
 // An event code, written signed or unsigned: -1 and 4294967295 are the same code.
@@ -83,17 +83,13 @@ void describe_declare(CLI::App& command, DeclareOptions& options) {
 constexpr std::size_t event_overhead = 8;
 
 void declare_events(Session& session, unsigned int code, const std::vector<std::string>& events) {
-  Varo::DATA_BUFFER_SEQ list;
-  list.length(static_cast<CORBA::ULong>(events.size()));
+  const std::vector<client::Bytes> list(events.begin(), events.end());
   std::size_t bytes = 0;
-  for (std::size_t i = 0; i < events.size(); ++i) {
-    list[static_cast<CORBA::ULong>(i)] = to_buffer(events[i]);
-    bytes += events[i].size() + event_overhead;
-  }
+  for (const std::string& event : events) bytes += event.size() + event_overhead;
   check_size(bytes, session.options().max_message);
-  Port_Factory_ptr server = session.server();
-  check(fmt::format("declare event {}", code),
-        with_payload(server, bytes, [&] { return server->declare_event_n(code, list, 0); }));
+  client::Connection& server = session.server();
+  session.check(fmt::format("declare event {}", code),
+                with_payload(server, bytes, [&] { return server.declare(code, list); }));
 }
 
 // Lines that have arrived together go to the server together.
@@ -130,11 +126,10 @@ void declare(Session& session, const DeclareOptions& options) {
   payload.file = options.file;
   const std::string event = read_payload(payload);
   check_size(event.size(), session.options().max_message);
-  Port_Factory_ptr server = session.server();
-  const Varo::DATA_BUFFER data = to_buffer(event);
-  check(fmt::format("declare event {}", options.code), with_payload(server, event.size(), [&] {
-          return server->declare_event(options.wire_code(), data, 0);
-        }));
+  client::Connection& server = session.server();
+  session.check(fmt::format("declare event {}", options.code),
+                with_payload(server, event.size(),
+                             [&] { return server.declare(options.wire_code(), event); }));
 }
 
 struct SubscribeOptions {
@@ -148,8 +143,8 @@ void describe_subscribe(CLI::App& command, SubscribeOptions& options) {
 }
 
 void subscribe(Session& session, const SubscribeOptions& options) {
-  check(fmt::format("subscribe {} to event {}", options.box, options.code),
-        session.server()->add_event(options.box.c_str(), static_cast<std::uint32_t>(options.code)));
+  session.check(fmt::format("subscribe {} to event {}", options.box, options.code),
+                session.server().subscribe(options.box, static_cast<std::uint32_t>(options.code)));
 }
 
 // --- taking events
@@ -190,33 +185,34 @@ void describe_watch(CLI::App& command, WatchOptions& options) {
   describe_reconnect(command, options.reconnect);
 }
 
-using Owners = std::deque<Owner>;
-
 class Watch {
  public:
   Watch(Session& session, const WatchOptions& options)
-      : options_(options),
+      : session_(session),
+        options_(options),
         printer_({session.options().json, options.raw, options.file, options.timestamps,
-                  options.boxes.size() > 1}) {}
+                  options.boxes.size() > 1}),
+        boxes_(patiently(session, options.reconnect, [&] { return own_all(); })),
+        watch_(printer_.sink(), [this] {
+          reader_gone_ = true;
+          // A take that waits must not take anything for nobody.
+          for (client::Box& box : boxes_) box.cancel();
+        }) {
+    for (client::Box& box : boxes_) in_turn_.push_back(&box);
+  }
 
   // Takes and prints until all that was asked for is there.
-  void run(Session& session, const std::function<void()>& connected) {
-    Port_Factory_ptr server = session.server();
-    Owners owners;
-    for (const std::string& box : options_.boxes) {
-      owners.emplace_back(session, box, options_.owner, &printer_.sink());
-    }
-    connected();
-    Progress progress("events", expected(server), options_.file.empty());
+  void run() {
+    Progress progress("events", expected(), options_.file.empty());
     try {
       while (options_.count == 0 || taken_ < options_.count) {
-        if (!round(server, owners)) return;
+        if (!take()) return;
         progress.reached(taken_);
       }
     } catch (const Interrupted&) {
       throw;
     } catch (const std::exception&) {
-      put_back(server);
+      put_back();
       throw;
     }
   }
@@ -225,77 +221,67 @@ class Watch {
   // An event that has been taken. As long as its bytes may lie in a pipe it is not forgotten.
   struct Taken {
     std::string box;
-    Varo::DATA_BUFFER event;
+    client::Payload event;
     std::size_t bytes = 0;  // as shown
     bool shown = false;
   };
 
+  std::deque<client::Box> own_all() {
+    std::deque<client::Box> boxes;
+    for (const std::string& box : options_.boxes) {
+      boxes.push_back(own<client::Box>(session_, box, options_.owner));
+    }
+    return boxes;
+  }
+
   // How many events there will be, as far as that is known.
-  std::optional<std::uint64_t> expected(Port_Factory_ptr server) const {
+  std::optional<std::uint64_t> expected() const {
     if (options_.count != 0) return options_.count;
     if (!options_.drain) return std::nullopt;
     std::uint64_t all = 0;
     for (const std::string& box : options_.boxes) {
-      CORBA::ULong held = 0;
-      if (server->event_count(box.c_str(), held) == result::ok) all += held;
+      unsigned int held = 0;
+      if (session_.server().count(box, held)) all += held;
     }
     return all;
   }
 
-  // False when a drained box, or each of them, is empty.
-  bool round(Port_Factory_ptr server, const Owners& owners) {
-    const bool waits = !options_.drain && owners.size() == 1;
-    bool any = false;
-    for (std::size_t i = 0; i < owners.size(); ++i) {
-      if (options_.count != 0 && taken_ == options_.count) return true;
-      any = take(server, owners[i], options_.boxes[i], waits) || any;
-    }
-    if (any || waits) {
-      idle_since_ = steady_clock::now();
-      return true;
-    }
-    if (options_.drain) return false;
-    if (options_.timeout != 0 &&
-        steady_clock::now() - idle_since_ >= std::chrono::seconds(options_.timeout)) {
-      check("watch", result::timed_out);
-    }
-    pause_for(std::chrono::milliseconds(50));  // there is no wait for several boxes
-    return true;
-  }
-
-  bool take(Port_Factory_ptr server, const Owner& owner, const std::string& box, bool waits) {
+  // False when all boxes have been drained.
+  bool take() {
     printer_.sink().wait_for_room();
     const unsigned int most = printer_.sink().is_steady() ? options_.batch : 1;
     const unsigned int wanted =
         options_.count == 0 ? most : std::min(most, options_.count - taken_);
-    Varo::DATA_BUFFER_SEQ_var events;
-    unsigned int code = result::ok;
-    if (waits) {
-      code = wait_in_slices(options_.timeout, result::timed_out, [&](unsigned int seconds) {
-        const unsigned int answer =
-            server->packet_receive_n(owner.handle(), events.out(), wanted, seconds);
-        if (answer != result::ok && owner.reader_gone()) throw ReaderGone();
-        if (answer == result::timed_out) owner.throw_if_released();
-        return answer;
-      });
-    } else {
-      throw_if_interrupted();
-      code = server->packet_receive_n(owner.handle(), events.out(), wanted, 0);
-      if (code != result::ok && owner.reader_gone()) throw ReaderGone();
-      if (code == result::timed_out) return false;
+    const client::Timeout timeout =
+        options_.drain ? client::Timeout(std::chrono::seconds(0)) : timeout_of(options_.timeout);
+    client::Box* from = in_turn_.front();
+    std::vector<client::Payload> events;
+    const client::Result taken = in_turn_.size() == 1
+                                     ? from->take(events, wanted, timeout)
+                                     : client::take(in_turn_, from, events, wanted, timeout);
+    if (!taken) {
+      if (reader_gone_) throw ReaderGone();
+      if (options_.drain && taken == result::timed_out) return false;
+      const bool one = options_.boxes.size() == 1;
+      session_.check(one ? "watch " + options_.boxes.front() : "watch", taken);
     }
-    check("watch " + box, code);
-    if (events->length() == 0) throw Failure(box + " is no event box");
-    taken_ += events->length();
+    show(from->name(), std::move(events));
+    // The others first, the next time.
+    std::rotate(in_turn_.begin(), std::find(in_turn_.begin(), in_turn_.end(), from) + 1,
+                in_turn_.end());
+    return true;
+  }
+
+  void show(const std::string& box, std::vector<client::Payload> events) {
+    taken_ += static_cast<unsigned int>(events.size());
     const std::size_t first = recent_.size();
-    for (CORBA::ULong i = 0; i < events->length(); ++i) recent_.push_back({box, events[i]});
+    for (client::Payload& event : events) recent_.push_back({box, std::move(event)});
     for (std::size_t i = first; i < recent_.size(); ++i) {
-      recent_[i].bytes = printer_.print(recent_[i].event, box);
+      recent_[i].bytes = printer_.print(recent_[i].event.text(), box);
       recent_[i].shown = true;
       shown_ += recent_[i].bytes;
     }
     forget_what_was_read();
-    return true;
   }
 
   void forget_what_was_read() {
@@ -307,36 +293,36 @@ class Watch {
   }
 
   // What nobody has read goes back into its box, at the end.
-  void put_back(Port_Factory_ptr server) {
+  void put_back() {
     if (reader_gone(printer_.sink().fd())) {
       forget_what_was_read();
     } else {
       while (!recent_.empty() && recent_.front().shown) recent_.pop_front();
     }
     for (const Taken& taken : recent_) {
-      const unsigned int code = server->send_event(taken.box.c_str(), taken.event);
-      if (code != result::ok) {
+      if (const client::Result put = session_.server().put(taken.box, taken.event); !put) {
         warn(fmt::format("an event taken from {} could not be shown, nor put back: {}", taken.box,
-                         code_text(code)));
+                         put.text()));
       }
     }
     recent_.clear();
   }
 
-  using steady_clock = std::chrono::steady_clock;
+  Session& session_;
   const WatchOptions& options_;
   PayloadPrinter printer_;
   std::deque<Taken> recent_;
   std::size_t shown_ = 0;  // the sum of their bytes
   unsigned int taken_ = 0;
-  steady_clock::time_point idle_since_ = steady_clock::now();
+  std::atomic<bool> reader_gone_{false};
+  std::deque<client::Box> boxes_;
+  std::vector<client::Box*> in_turn_;
+  const ReaderWatch watch_;  // goes before the boxes that it cancels
 };
 
 void watch(Session& session, const WatchOptions& options) {
-  Watch watch(session, options);
   try {
-    keep_connected(session, options.reconnect,
-                   [&](const std::function<void()>& connected) { watch.run(session, connected); });
+    Watch(session, options).run();
   } catch (const Interrupted&) {
     if (options.count != 0) throw;
   }
@@ -353,9 +339,8 @@ void describe_box(CLI::App& command, BoxOptions& options) {
 }
 
 void count(Session& session, const BoxOptions& options) {
-  CORBA::ULong events = 0;
-  check("count the events of " + options.box,
-        session.server()->event_count(options.box.c_str(), events));
+  unsigned int events = 0;
+  session.check("count the events of " + options.box, session.server().count(options.box, events));
   if (session.options().json) {
     print_json({{"box", options.box}, {"events", events}});
   } else {
@@ -364,7 +349,7 @@ void count(Session& session, const BoxOptions& options) {
 }
 
 void clear(Session& session, const BoxOptions& options) {
-  check("clear " + options.box, session.server()->clear_event(options.box.c_str()));
+  session.check("clear " + options.box, session.server().clear(options.box));
 }
 
 struct SwitchOptions {
@@ -380,14 +365,16 @@ void describe_switch(CLI::App& command, SwitchOptions& options) {
 }
 
 void persistent(Session& session, const SwitchOptions& options) {
-  check("set persistence of " + options.box,
-        session.server()->setPersistent(options.box.c_str(), options.state == "on" ? 1 : 0));
+  session.check("set persistence of " + options.box,
+                session.server().set_persistent(options.box, options.state == "on"));
 }
 
 void copy(Session& session, const SwitchOptions& options) {
-  const CORBA::Long code =
-      session.server()->copy_enable(options.box.c_str(), options.state == "on" ? 1 : 0);
-  check("set copying of " + options.box, static_cast<unsigned int>(code));
+  const auto enable = [&](Port_Factory_ptr server) {
+    return static_cast<unsigned int>(
+        server->copy_enable(options.box.c_str(), options.state == "on" ? 1 : 0));
+  };
+  session.check("set copying of " + options.box, client::call(session.server(), enable));
 }
 
 }  // namespace

@@ -87,16 +87,4 @@ void check_size(std::size_t payload_bytes, std::uint64_t max_message) {
   }
 }
 
-Varo::DATA_BUFFER to_buffer(const std::string& bytes) {
-  Varo::DATA_BUFFER buffer;
-  buffer.length(static_cast<CORBA::ULong>(bytes.size()));
-  if (!bytes.empty()) std::memcpy(buffer.get_buffer(), bytes.data(), bytes.size());
-  return buffer;
-}
-
-std::string to_bytes(const Varo::DATA_BUFFER& buffer) {
-  if (buffer.length() == 0) return {};
-  return {reinterpret_cast<const char*>(buffer.get_buffer()), buffer.length()};
-}
-
 }  // namespace portsvc::tools

@@ -5,8 +5,6 @@
 #include <optional>
 #include <string>
 
-#include "middleware/orb/orb.h"
-
 namespace portsvc::tools {
 
 /// Where a payload comes from, as the command line says.
@@ -40,9 +38,5 @@ class LineReader {
 
 /// Throws UsageError when a message with so many payload bytes would be larger than `max_message`.
 void check_size(std::size_t payload_bytes, std::uint64_t max_message);
-
-/// Payload bytes, to and from their wire type.
-Varo::DATA_BUFFER to_buffer(const std::string& bytes);
-std::string to_bytes(const Varo::DATA_BUFFER& buffer);
 
 }  // namespace portsvc::tools

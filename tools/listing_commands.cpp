@@ -7,7 +7,6 @@
 #include "idl/port_codes.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
-#include "tools/failures.h"
 #include "tools/interrupt.h"
 #include "tools/output.h"
 #include "tools/progress.h"
@@ -15,9 +14,8 @@
 namespace portsvc::tools {
 namespace {
 
-using Varo::DT_PORT_SVC::Port_Factory_ptr;
-using Varo::DT_PORT_SVC::Port_Factory_var;
-using Varo::DT_PORT_SVC::PORT_INFO;
+using client::PortInfo;
+using Hosts = std::map<std::string, std::string>;
 
 // --- reading
 
@@ -25,57 +23,52 @@ using Varo::DT_PORT_SVC::PORT_INFO;
 // info.
 struct PortRow {
   std::string name;
-  std::optional<PORT_INFO> info;
+  std::optional<PortInfo> info;
   std::optional<unsigned int> events;  // event boxes only
   std::string host;
 };
 
-PortRow read_port(Port_Factory_ptr server, const std::string& name,
-                  const std::map<std::string, std::string>& hosts) {
-  PortRow row;
+client::Result read_port(client::Connection& server, const std::string& name, PortRow& row) {
   row.name = name;
-  PORT_INFO info{};
-  if (server->get_port_info(name.c_str(), info) != result::ok) return row;
-  row.info = info;
-  CORBA::ULong count = 0;
-  if (info.kind == PORT_EVENTBOX && server->event_count(name.c_str(), count) == result::ok) {
-    row.events = count;
+  PortInfo info;
+  client::Result read = server.info(name, info);
+  if (read) row.info = info;
+  unsigned int count = 0;
+  if (read && info.kind == PORT_EVENTBOX) {
+    read = server.count(name, count);
+    if (read) row.events = count;
   }
-  const auto host = hosts.find(name);
-  if (host != hosts.end()) row.host = host->second;
-  return row;
+  // A port that has gone is no failure.
+  return result_text(read.code()) ? client::Result() : read;
 }
 
-std::map<std::string, std::string> read_hosts(Port_Factory_ptr server) {
-  Varo::DT_PORT_SVC::ConnectionSeq_var list;
-  check("list connections", server->current_connection(list.out()));
-  std::map<std::string, std::string> hosts;
-  for (CORBA::ULong i = 0; i < list->length(); ++i) {
-    hosts.emplace(list[i].port_name.in(), list[i].host.in());
-  }
+Hosts read_hosts(Session& session) {
+  Hosts hosts;
+  session.check("list connections", session.server().hosts(hosts));
   return hosts;
 }
 
-std::vector<PortRow> read_ports(Port_Factory_ptr server) {
-  Varo::STRING_LIST_var ports;
-  Varo::STRING_LIST_var boxes;
-  check("list ports", server->patch_object_name(ports.out(), boxes.out()));
-  const auto hosts = read_hosts(server);
-  std::vector<PortRow> rows;
-  Progress progress("ports", std::uint64_t{ports->length()} + boxes->length(), false);
-  for (const Varo::STRING_LIST* names : {&ports.in(), &boxes.in()}) {
-    for (CORBA::ULong i = 0; i < names->length(); ++i) {
-      throw_if_interrupted();
-      rows.push_back(read_port(server, (*names)[i].in(), hosts));
-      progress.reached(rows.size());
-    }
+client::Result read_ports(client::Connection& server, std::vector<PortRow>& rows) {
+  std::vector<std::string> names;
+  std::vector<std::string> boxes;
+  if (const auto listed = server.list(names, boxes); !listed) return listed;
+  Hosts hosts;
+  if (const auto listed = server.hosts(hosts); !listed) return listed;
+  names.insert(names.end(), boxes.begin(), boxes.end());
+  Progress progress("ports", names.size(), false);
+  for (const std::string& name : names) {
+    throw_if_interrupted();
+    PortRow& row = rows.emplace_back();
+    if (const auto read = read_port(server, name, row); !read) return read;
+    row.host = hosts[name];
+    progress.reached(rows.size());
   }
-  return rows;
+  return {};
 }
 
 // The owner of a proxy connects at the main server; its access mode is known only there.
-std::string owner_text(const PORT_INFO& info) {
-  if (info.owner_connected == 0) return "-";
+std::string owner_text(const PortInfo& info) {
+  if (!info.owner_connected) return "-";
   if (info.owner_access == ACCESS_WAIT) return "wait";
   return info.owner_access == ACCESS_SELECT ? "select" : "yes";
 }
@@ -86,7 +79,7 @@ Json port_json(const PortRow& row) {
   object["kind"] = kind_name(row.info->kind);
   object["kind_code"] = row.info->kind;
   object["port_id"] = row.info->port_id;
-  object["owner_connected"] = row.info->owner_connected != 0;
+  object["owner_connected"] = row.info->owner_connected;
   object["owner_access"] = row.info->owner_access;
   object["limit"] = row.info->limit;
   if (row.events) object["events"] = *row.events;
@@ -108,7 +101,7 @@ void print_rows(const std::vector<PortRow>& rows, bool json) {
       table.add({printable(row.name), "?", "?", "?", "?", "?", "?"});
       continue;
     }
-    const PORT_INFO& info = *row.info;
+    const PortInfo& info = *row.info;
     table.add({printable(row.name), std::string(kind_name(info.kind)), std::to_string(info.port_id),
                owner_text(info), std::to_string(info.limit),
                row.events ? std::to_string(*row.events) : "-",
@@ -135,16 +128,14 @@ struct ServerPorts {
   std::string problem;
 };
 
-ServerPorts read_server(Session& session, const std::string& server) {
+ServerPorts read_server(const Session& session, const std::string& server) {
   ServerPorts read;
   read.server = server;
-  Port_Factory_var factory;
   try {
-    factory = session.resolve(server);
-    read.rows = read_ports(factory);
-  } catch (const CORBA::Exception& exception) {
-    read.problem = failure_text(server, factory.in(), session.options(), exception);
-  } catch (const std::runtime_error& error) {
+    client::Connection connection = session.connect(server);
+    const client::Result listed = read_ports(connection, read.rows);
+    if (!listed) read.problem = connection.explain(listed);
+  } catch (const client::Error& error) {
     read.problem = error.what();
   }
   return read;
@@ -153,7 +144,7 @@ ServerPorts read_server(Session& session, const std::string& server) {
 std::string cell(const PortRow& row) {
   if (!row.info) return "?";
   std::string text = fmt::format("{} {}", kind_name(row.info->kind), row.info->port_id);
-  if (row.info->owner_connected != 0) text += " owner:" + owner_text(*row.info);
+  if (row.info->owner_connected) text += " owner:" + owner_text(*row.info);
   if (row.events) text += fmt::format(" events:{}", *row.events);
   return text;
 }
@@ -182,12 +173,10 @@ void print_side_by_side(const std::vector<ServerPorts>& servers) {
 
 void list_all(Session& session) {
   std::vector<ServerPorts> servers;
-  for (const char* role : {role_main, role_sub}) {
-    for (const auto& name : session.directory().servers(role, session.options().realm)) {
-      servers.push_back(read_server(session, name));
-    }
+  for (const auto& server : session.servers()) servers.push_back(read_server(session, server.name));
+  if (servers.empty()) {
+    throw Unreachable(client::not_listed_text(session.client_options(), "servers"));
   }
-  if (servers.empty()) throw Unreachable(session.directory_problem("servers"));
   if (session.options().json) {
     Json list = Json::array();
     for (const ServerPorts& server : servers) {
@@ -204,7 +193,7 @@ void list_all(Session& session) {
   std::string silent;
   for (const ServerPorts& server : servers) {
     if (server.problem.empty()) continue;
-    warn(server.problem);
+    warn(with_options(server.problem));
     silent += (silent.empty() ? "" : ", ") + server.server;
   }
   if (!silent.empty()) throw Unreachable("the list lacks the ports of " + silent);
@@ -212,7 +201,9 @@ void list_all(Session& session) {
 
 void list(Session& session, const ListOptions& options) {
   if (options.all) return list_all(session);
-  print_rows(read_ports(session.server()), session.options().json);
+  std::vector<PortRow> rows;
+  session.check("list ports", read_ports(session.server(), rows));
+  print_rows(rows, session.options().json);
 }
 
 // --- info and connections
@@ -226,10 +217,12 @@ void describe_name(CLI::App& command, NameOptions& options) {
 }
 
 void info(Session& session, const NameOptions& options) {
-  Port_Factory_ptr server = session.server();
-  PORT_INFO described{};
-  check("look up " + options.name, server->get_port_info(options.name.c_str(), described));
-  const PortRow row = read_port(server, options.name, read_hosts(server));
+  client::Connection& server = session.server();
+  PortInfo described;
+  session.check("look up " + options.name, server.info(options.name, described));
+  PortRow row;
+  session.check("look up " + options.name, read_port(server, options.name, row));
+  row.host = read_hosts(session)[options.name];
   if (session.options().json) {
     print_json(port_json(row));
   } else {
@@ -238,7 +231,7 @@ void info(Session& session, const NameOptions& options) {
 }
 
 void connections(Session& session, const NoOptions&) {
-  const auto hosts = read_hosts(session.server());
+  const Hosts hosts = read_hosts(session);
   if (session.options().json) {
     Json list = Json::array();
     for (const auto& [port, host] : hosts) list.push_back({{"port", port}, {"host", host}});

@@ -1,6 +1,7 @@
 // portctl: the port service from the command line.
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <string_view>
 
@@ -10,11 +11,11 @@
 #include "tools/errors.h"
 #include "tools/interrupt.h"
 #include "tools/output.h"
-#include "tools/waiting.h"
 
 namespace {
 
 using namespace portsvc::tools;
+namespace client = portsvc::client;
 
 int run(Session& session, const Commands& commands) {
   try {
@@ -32,9 +33,10 @@ int run(Session& session, const Commands& commands) {
   } catch (const Unreachable& error) {
     warn(error.what());
     return status::unreachable;
-  } catch (const CORBA::Exception& exception) {
-    warn(session.explain(exception));
-    return status::unreachable;
+  } catch (const client::Error& error) {
+    if (error.result() == client::failure::cancelled) return status::interrupted + interrupted();
+    warn(with_options(error.what()));
+    return status_of(error.result());
   } catch (const std::exception& error) {
     warn(error.what());
     return status::failed;
@@ -63,8 +65,8 @@ int main(int argc, char** argv) {
   {
     Session session(options);
     result = run(session, commands);
-    // A thread that waits in a remote call would keep the broker from ending.
-    if (left_a_call_behind()) std::_Exit(result);
   }
+  // What was interrupted may have left a thread in a remote call, which would not end.
+  if (interrupted() != 0) std::_Exit(result);
   return result;
 }

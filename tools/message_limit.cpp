@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <chrono>
 
+#include "idl/port_codes.h"
+#include "portsvc/stubs.h"
 #include "tools/errors.h"
 #include "tools/interrupt.h"
 
@@ -18,16 +20,15 @@ using Varo::DT_PORT_SVC::Port_Factory_ptr;
 constexpr std::size_t always_passes = 4096;
 
 // A reply to nobody: every server refuses it, and it changes nothing.
-bool passes(Port_Factory_ptr server, std::size_t bytes) {
+bool passes(const client::Connection& server, std::size_t bytes) {
   throw_if_interrupted();
   Varo::DATA_BUFFER data;
   data.length(static_cast<CORBA::ULong>(bytes));
-  try {
-    (void)server->packet_replay(0, data, 0);
-    return true;
-  } catch (const CORBA::SystemException&) {
-    return false;
-  }
+  const client::Result refused =
+      client::call(server, [&](Port_Factory_ptr port_service) -> unsigned int {
+        return port_service->packet_replay(0, data, 0);
+      });
+  return result_text(refused.code()) != nullptr;
 }
 
 }  // namespace
@@ -46,22 +47,17 @@ std::optional<std::pair<std::size_t, std::size_t>> feel_for_limit(
   return std::pair(good, bad);
 }
 
-unsigned int with_payload(Port_Factory_ptr server, std::size_t bytes,
-                          const std::function<unsigned int()>& call) {
-  try {
-    return call();
-  } catch (const CORBA::SystemException& exception) {
-    const orb::Failing failing = orb::kind_of(exception);
-    if (failing != orb::Failing::lost && failing != orb::Failing::too_large) throw;
-    if (bytes <= always_passes) throw;
-    const auto limit =
-        feel_for_limit(bytes, [&](std::size_t size) { return passes(server, size); });
-    if (!limit) throw;
-    throw UsageError(
-        fmt::format("a payload of {} bytes is above the server's largest message: {} bytes pass, "
-                    "{} do not (--max-message of the server)",
-                    bytes, limit->first, limit->second));
-  }
+client::Result with_payload(const client::Connection& server, std::size_t bytes,
+                            const std::function<client::Result()>& call) {
+  const client::Result done = call();
+  if (done != client::failure::lost && done != client::failure::too_large) return done;
+  if (bytes <= always_passes) return done;
+  const auto limit = feel_for_limit(bytes, [&](std::size_t size) { return passes(server, size); });
+  if (!limit) return done;
+  throw UsageError(
+      fmt::format("a payload of {} bytes is above the server's largest message: {} bytes pass, "
+                  "{} do not (--max-message of the server)",
+                  bytes, limit->first, limit->second));
 }
 
 }  // namespace portsvc::tools

@@ -7,7 +7,7 @@
 #include <optional>
 #include <utility>
 
-#include "middleware/orb/orb.h"
+#include "portsvc/client.h"
 
 namespace portsvc::tools {
 
@@ -17,9 +17,9 @@ namespace portsvc::tools {
 std::optional<std::pair<std::size_t, std::size_t>> feel_for_limit(
     std::size_t failed, const std::function<bool(std::size_t)>& passes);
 
-/// Makes `call`, whose payload has `bytes`, and answers its result code. Throws UsageError with
-/// both figures when it fails because of the server's limit; otherwise what the call throws.
-unsigned int with_payload(Varo::DT_PORT_SVC::Port_Factory_ptr server, std::size_t bytes,
-                          const std::function<unsigned int()>& call);
+/// Makes `call`, whose payload has `bytes`, and answers its result. Throws UsageError with both
+/// figures when it fails because of the server's limit.
+client::Result with_payload(const client::Connection& server, std::size_t bytes,
+                            const std::function<client::Result()>& call);
 
 }  // namespace portsvc::tools

@@ -11,7 +11,6 @@
 #include <system_error>
 
 #include "tools/errors.h"
-#include "tools/input.h"
 
 namespace portsvc::tools {
 namespace {
@@ -134,9 +133,9 @@ PayloadPrinter::PayloadPrinter(const Options& options) : options_(options), sink
   }
 }
 
-std::size_t PayloadPrinter::print(const Varo::DATA_BUFFER& payload, const std::string& port,
+std::size_t PayloadPrinter::print(std::string_view payload, const std::string& port,
                                   std::optional<unsigned int> source) {
-  std::string bytes = to_bytes(payload);
+  std::string bytes(payload);
   if (options_.json) {
     Json object;
     if (options_.timestamps) object["time"] = time_now();

@@ -9,7 +9,6 @@
 #include <string_view>
 #include <vector>
 
-#include "middleware/orb/orb.h"
 #include "tools/sink.h"
 
 namespace portsvc::tools {
@@ -63,7 +62,7 @@ class PayloadPrinter {
 
   /// Writes a payload of `port` at once and answers how many bytes that took. `source` is the
   /// sender's handle, where there is one.
-  std::size_t print(const Varo::DATA_BUFFER& payload, const std::string& port,
+  std::size_t print(std::string_view payload, const std::string& port,
                     std::optional<unsigned int> source = {});
 
  private:

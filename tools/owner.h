@@ -1,63 +1,48 @@
-// Owning a port: connecting, also after a crash and when the server comes and goes, and ending a
-// take that waits in the server.
+// Owning a port or a box for a command: the options about it, and what is told of other owners.
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <atomic>
+#include <algorithm>
 #include <chrono>
-#include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 
-#include "middleware/owner_note.h"
-#include "tools/interrupt.h"
+#include "portsvc/client.h"
+#include "tools/errors.h"
+#include "tools/interrupt_watch.h"
 #include "tools/session.h"
-#include "tools/sink.h"
 
 namespace portsvc::tools {
 
-/// "process 4711 of press-7", or "an owner that left no word".
-std::string owner_text(const std::optional<OwnerNote>& note);
-
-/// The note of a port's owner, nothing when it is no portctl or has left none.
-std::optional<OwnerNote> note_of_owner(Varo::DT_PORT_SVC::Port_Factory_ptr server,
-                                       const std::string& port);
-
 struct OwnerOptions {
-  bool take_over = false;
-  std::optional<unsigned int> take_over_after;
+  bool take_over = false;                       ///< from one of this host that has ended
+  std::optional<unsigned int> take_over_after;  ///< from anybody, after so many seconds
 };
 
+/// The options --take-over and --take-over-after.
 void describe_owner(CLI::App& command, OwnerOptions& options);
 
-/// A port that this process owns, until the destructor.
-class Owner {
- public:
-  /// Connects. When the port has an owner already: takes the port over as `options` say, or throws
-  /// ResultError. With a sink, waits of this owner end when its reader goes.
-  Owner(Session& session, const std::string& port, const OwnerOptions& options,
-        const Sink* sink = nullptr);
+/// What the client library is told of them.
+client::OwnerOptions library_options(const OwnerOptions& options, const std::string& port);
 
-  CORBA::ULong handle() const { return connection_->handle(); }
-  bool reader_gone() const { return reader_gone_.load(); }
+/// "portctl, process 17 of press-7", or that there is no word.
+std::string owner_text(const std::optional<client::OwnerWord>& word);
 
-  /// For a take that has found nothing: throws ResultError when somebody has released the port
-  /// meanwhile. The server lets whoever knows the id go on waiting, for nothing. Of a proxy it is
-  /// not asked: its owner comes back by itself when the main server does.
-  void throw_if_released() const;
+/// `owner_exists`, with who owns the port and what can be done.
+[[noreturn]] void refuse_owned(Session& session, const OwnerOptions& options,
+                               const std::string& port);
 
- private:
-  /// Ends a take of this owner that waits in the server without letting it take anything: the
-  /// server asks after each pause whether the owner still wants to wait.
-  void end_take();
-
-  Varo::DT_PORT_SVC::Port_Factory_var server_;
-  std::string port_;
-  std::atomic<bool> reader_gone_{false};
-  std::unique_ptr<Connection> connection_;
-  std::optional<ReaderWatch> watch_;  // goes before the connection that it uses
-};
+/// Makes the owner of a port or of a box: `Kind` is client::Owner or client::Box.
+template <class Kind>
+Kind own(Session& session, const std::string& port, const OwnerOptions& options) {
+  client::Connection& server = session.server();
+  try {
+    return Kind(server, port, library_options(options, port));
+  } catch (const client::Error& error) {
+    if (error.result() != result::owner_exists) throw;
+  }
+  refuse_owned(session, options, port);
+}
 
 /// Whether a command goes on when the server is lost.
 struct Reconnect {
@@ -68,13 +53,24 @@ struct Reconnect {
 /// The options --reconnect and --no-reconnect.
 void describe_reconnect(CLI::App& command, Reconnect& reconnect);
 
-/// Calls `serve(connected)`, and again after pauses that grow from a quarter of a second to half a
-/// minute, when it throws because the server is lost or knows the port no more. `connected` tells
-/// that there is a connection.
-void keep_connected(Session& session, const Reconnect& reconnect,
-                    const std::function<void(const std::function<void()>& connected)>& serve);
+/// Whether it may pass: a server that is away, or one that does not have the port yet.
+bool may_pass(client::Result failed);
 
-/// Pauses; throws Interrupted.
-void pause_for(std::chrono::milliseconds time);
+/// What `make` makes of the session's server. With --reconnect said in so many words it waits until
+/// the server is there, and what is asked of it.
+template <class Make>
+auto patiently(Session& session, const Reconnect& reconnect, Make make) {
+  constexpr std::chrono::milliseconds longest{30000};
+  if (reconnect.on) session.go_on_when_lost();
+  for (std::chrono::milliseconds pause{250};; pause = std::min(pause * 2, longest)) {
+    try {
+      return make();
+    } catch (const client::Error& error) {
+      if (!reconnect.also_at_first || !may_pass(error.result())) throw;
+      if (pause.count() == 250) warn(with_options(error.what()) + "; trying again");
+    }
+    pause_for(pause);
+  }
+}
 
 }  // namespace portsvc::tools

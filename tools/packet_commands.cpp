@@ -1,12 +1,11 @@
 // send, receive, serve and select: packets through ports.
 #include <fmt/core.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
-#include <functional>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -15,22 +14,23 @@
 #include <vector>
 
 #include "idl/port_codes.h"
+#include "platform/file.h"
+#include "platform/streams.h"
+#include "portsvc/stubs.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
 #include "tools/input.h"
+#include "tools/interrupt.h"
 #include "tools/message_limit.h"
 #include "tools/output.h"
 #include "tools/owner.h"
 #include "tools/progress.h"
 #include "tools/shell_command.h"
-#include "tools/waiting.h"
 
 namespace portsvc::tools {
 namespace {
 
-using Varo::DT_PORT_SVC::Port_Factory;
 using Varo::DT_PORT_SVC::Port_Factory_ptr;
-using Varo::DT_PORT_SVC::Port_Factory_var;
 
 // --- send
 
@@ -64,77 +64,60 @@ void describe_send(CLI::App& command, SendOptions& options) {
                    "Send with packet_foward_front, which packet ports accept and drop");
 }
 
-// A reply through a proxy: the proxy ends its connection to the main server with every wait,
-// whether a reply came or not, so a second wait would miss the reply. The longest wait without a
-// limit is one that nobody leaves behind for ever.
-constexpr unsigned int longest_proxied_wait = 3600;
-
 class Sender {
  public:
   Sender(Session& session, const SendOptions& options)
-      : session_(session),
-        options_(options),
-        server_(session.server()),
-        connection_(server_, options.port, CONNECT_CLIENT,
-                    options.no_block ? ACCESS_SELECT : ACCESS_WAIT) {
-    if (!options.wait) return;
-    Varo::DT_PORT_SVC::PORT_INFO info{};
-    check("look up " + options.port, server_->get_port_info(options.port.c_str(), info));
-    through_proxy_ = info.kind == PORT_SLAVE;
-  }
+      : session_(session), options_(options), client_(connect(session, options)) {}
 
   void send(const std::string& payload) {
     check_size(payload.size(), session_.options().max_message);
-    const Varo::DATA_BUFFER data = to_buffer(payload);
-    // A send whose time-out ran out has put nothing into the port, so it can be repeated.
-    const unsigned int code =
-        wait_in_slices(options_.timeout, result::send_timed_out, [&](unsigned int seconds) {
-          return with_payload(server_, payload.size(), [&] {
-            return options_.front
-                       ? server_->packet_foward_front(connection_.handle(), data, seconds)
-                       : server_->packet_foward(connection_.handle(), data, seconds);
-          });
-        });
-    if (code == result::unknown_handle) refuse_event_box();
-    check("send to " + options_.port, code);
+    const client::Result sent = with_payload(session_.server(), payload.size(), [&] {
+      return options_.front ? send_front(payload)
+                            : client_.send(payload, timeout_of(options_.timeout));
+    });
+    session_.check("send to " + options_.port, sent);
   }
 
   std::string reply() {
-    struct Call {
-      Port_Factory_var server;
-      CORBA::ULong handle;
-      Varo::DATA_BUFFER_var data;
-    };
-    auto call = std::make_shared<Call>();
-    call->server = Port_Factory::_duplicate(server_);
-    call->handle = connection_.handle();
-    const auto wait = [call](unsigned int seconds) {
-      return call->server->packet_replay_wait(call->handle, call->data.out(), seconds);
-    };
-    const unsigned int code =
-        through_proxy_ ? wait_in_one_call(
-                             options_.timeout == 0 ? longest_proxied_wait : options_.timeout, wait)
-                       : wait_in_slices(options_.timeout, result::reply_timed_out, wait);
-    check("wait for the reply of " + options_.port, code);
-    return to_bytes(call->data.in());
+    client::Payload reply;
+    session_.check("wait for the reply of " + options_.port,
+                   client_.wait_reply(reply, timeout_of(options_.timeout)));
+    return std::string(reply.text());
   }
 
  private:
-  // Event boxes let clients connect and then know none of them.
-  void refuse_event_box() {
-    Varo::DT_PORT_SVC::PORT_INFO info{};
-    if (server_->get_port_info(options_.port.c_str(), info) == result::ok &&
-        info.kind == PORT_EVENTBOX) {
-      throw ResultError(options_.port + " is an event box (see: portctl event put)",
-                        result::unknown_handle);
+  static client::Client connect(Session& session, const SendOptions& options) {
+    try {
+      return client::Client(session.server(), options.port,
+                            options.no_block ? client::Access::select : client::Access::wait);
+    } catch (const client::Error& error) {
+      if (error.result() != result::access_refused) throw;
+      throw client::Error(
+          options.port + " is an event box (see: portctl event put): " + error.result().text(),
+          error.result());
     }
+  }
+
+  // Packet ports drop such a packet, so the library has no call for it.
+  client::Result send_front(const std::string& payload) const {
+    Varo::DATA_BUFFER data;
+    data.length(static_cast<CORBA::ULong>(payload.size()));
+    std::copy(payload.begin(), payload.end(), data.get_buffer());
+    return client::call(session_.server(), [&](Port_Factory_ptr server) {
+      CORBA::ULong handle = 0;
+      CORBA::ULong owner = 0;
+      unsigned int code =
+          server->connect_port(options_.port.c_str(), handle, CONNECT_CLIENT, ACCESS_WAIT, owner);
+      if (code != result::ok) return code;
+      code = server->packet_foward_front(handle, data, options_.timeout);
+      (void)server->disconnect_port(handle);
+      return code;
+    });
   }
 
   Session& session_;
   const SendOptions& options_;
-  Port_Factory_ptr server_;
-  Connection connection_;
-  bool through_proxy_ = false;
+  client::Client client_;
 };
 
 void send_lines(Session& session, const SendOptions& options) {
@@ -149,7 +132,7 @@ void send_lines(Session& session, const SendOptions& options) {
     if (session.options().json) {
       print_json_line(payload_json(reply));
     } else {
-      write_output((::isatty(STDOUT_FILENO) == 1 ? shown_on_terminal(reply) : reply) + "\n");
+      write_output((is_terminal(standard_output) ? shown_on_terminal(reply) : reply) + "\n");
       flush_output();
     }
   }
@@ -168,7 +151,7 @@ void send(Session& session, const SendOptions& options) {
   if (!options.wait) return;
   const std::string reply = sender.reply();
   if (session.options().json) return print_json(payload_json(reply));
-  if (::isatty(STDOUT_FILENO) != 1) return write_output(reply);
+  if (!is_terminal(standard_output)) return write_output(reply);
   const std::string shown = shown_on_terminal(reply);
   write_output(shown);
   if (shown.empty() || shown.back() != '\n') write_output("\n");
@@ -202,32 +185,14 @@ void describe_receive(CLI::App& command, ReceiveOptions& options) {
   describe_owner(command, options.owner);
 }
 
-struct Packet {
-  CORBA::ULong source = 0;
-  Varo::DATA_BUFFER_var data;
-};
-
-// The next packet of the port that `owner` is connected to.
-void take(Port_Factory_ptr server, CORBA::ULong owner, const std::string& port,
-          unsigned int timeout, Packet& packet, const std::function<void()>& on_nothing) {
-  const unsigned int code = wait_in_slices(timeout, result::timed_out, [&](unsigned int seconds) {
-    const unsigned int answer =
-        server->packet_receive(owner, packet.source, packet.data.out(), seconds);
-    if (answer != result::ok) on_nothing();
-    return answer;
-  });
-  check("receive from " + port, code);
-}
-
 // Answers the sender of a packet. One that has gone meanwhile is no reason to stop.
-void answer(Port_Factory_ptr server, std::uint64_t max_message, const std::string& port,
-            CORBA::ULong source, const std::string& reply) {
-  check_size(reply.size(), max_message);
-  const Varo::DATA_BUFFER data = to_buffer(reply);
-  const unsigned int code =
-      with_payload(server, reply.size(), [&] { return server->packet_replay(source, data, 0); });
-  if (code != result::ok) {
-    warn(fmt::format("answer client {} of {}: {}", source, port, code_text(code)));
+void answer(Session& session, client::Owner& owner, const client::Sender& sender,
+            const std::string& reply) {
+  check_size(reply.size(), session.options().max_message);
+  const client::Result answered =
+      with_payload(session.server(), reply.size(), [&] { return owner.reply(sender, reply); });
+  if (!answered) {
+    warn(fmt::format("answer client {} of {}: {}", sender.handle, owner.port(), answered.text()));
   }
 }
 
@@ -237,27 +202,29 @@ std::optional<std::uint64_t> total_of(unsigned int count) {
 
 void receive(Session& session, const ReceiveOptions& options) {
   PayloadPrinter printer({session.options().json, options.raw, options.file});
-  Port_Factory_ptr server = session.server();
-  const Owner owner(session, options.port, options.owner, &printer.sink());
-  Packet packet;
+  auto owner = own<client::Owner>(session, options.port, options.owner);
+  // A take that waits must not take anything once nobody reads it.
+  std::atomic<bool> reader_gone{false};
+  const ReaderWatch watch(printer.sink(), [&] {
+    reader_gone = true;
+    owner.cancel();
+  });
+  client::Packet packet;
   Progress progress("packets", total_of(options.count), options.file.empty());
   try {
     for (unsigned int taken = 0; options.count == 0 || taken < options.count; ++taken) {
       printer.sink().wait_for_room();
-      take(server, owner.handle(), options.port, options.timeout, packet, [&] {
-        if (owner.reader_gone()) throw ReaderGone();
-        owner.throw_if_released();
-      });
+      const client::Result received = owner.receive(packet, timeout_of(options.timeout));
+      if (!received && reader_gone) throw ReaderGone();
+      session.check("receive from " + options.port, received);
       try {
-        printer.print(packet.data.in(), options.port, packet.source);
+        printer.print(packet.data.text(), options.port, packet.from.handle);
       } catch (const std::exception&) {
         warn(fmt::format("a packet of {} bytes was taken and could not be shown",
-                         packet.data->length()));
+                         packet.data.size()));
         throw;
       }
-      if (options.reply) {
-        answer(server, session.options().max_message, options.port, packet.source, *options.reply);
-      }
+      if (options.reply) answer(session, owner, packet.from, *options.reply);
       progress.reached(taken + 1);
     }
   } catch (const Interrupted&) {
@@ -303,8 +270,8 @@ void describe_serve(CLI::App& command, ServeOptions& options) {
 // Runs the command for packets, up to --parallel of them at the same time.
 class Handlers {
  public:
-  Handlers(const ServeOptions& options, std::uint64_t max_message)
-      : options_(options), max_message_(max_message) {}
+  Handlers(Session& session, const ServeOptions& options, client::Owner& owner)
+      : session_(session), options_(options), owner_(owner) {}
   ~Handlers() { wait(0); }
   Handlers(const Handlers&) = delete;
   Handlers& operator=(const Handlers&) = delete;
@@ -317,12 +284,11 @@ class Handlers {
     return failures_ == 0 || options_.on_error != "stop";
   }
 
-  void start(Port_Factory_ptr server, CORBA::ULong source, std::string input) {
+  void start(const client::Packet& packet) {
     const std::lock_guard<std::mutex> guard(mutex_);
     ++running_;
-    Port_Factory_var own = Port_Factory::_duplicate(server);
-    std::thread([this, own, source, input = std::move(input)] {
-      const bool good = handle(own, source, input);
+    std::thread([this, sender = packet.from, input = std::string(packet.data.text())] {
+      const bool good = handle(sender, input);
       const std::lock_guard<std::mutex> done(mutex_);
       if (!good) ++failures_;
       --running_;
@@ -342,31 +308,27 @@ class Handlers {
     changed_.wait(lock, [&] { return running_ <= most; });
   }
 
-  bool handle(const Port_Factory_var& server, CORBA::ULong source, const std::string& input) const {
+  bool handle(const client::Sender& sender, const std::string& input) const {
     try {
       const CommandResult done = run_shell_command(options_.command, input);
       const bool good = done.status == 0;
       if (!good) {
-        warn(fmt::format("client {} of {}: the command ended with status {}", source, options_.port,
-                         done.status));
+        warn(fmt::format("client {} of {}: the command ended with status {}", sender.handle,
+                         options_.port, done.status));
       }
-      if (good || options_.on_error == "reply") {
-        const orb::CallTimeout limit;
-        answer(server.in(), max_message_, options_.port, source, done.output);
-      }
+      if (good || options_.on_error == "reply") answer(session_, owner_, sender, done.output);
       return good;
     } catch (const Interrupted&) {
       return true;
-    } catch (const CORBA::Exception& exception) {
-      warn(fmt::format("no answer to client {}: {}", source, orb::describe(exception)));
     } catch (const std::exception& error) {
-      warn(fmt::format("no answer to client {}: {}", source, error.what()));
+      warn(fmt::format("no answer to client {}: {}", sender.handle, error.what()));
     }
     return false;
   }
 
+  Session& session_;
   const ServeOptions& options_;
-  const std::uint64_t max_message_;
+  client::Owner& owner_;
   std::mutex mutex_;  // guards what follows; nothing is called under it
   std::condition_variable changed_;
   unsigned int running_ = 0;
@@ -374,21 +336,16 @@ class Handlers {
 };
 
 void serve(Session& session, const ServeOptions& options) {
-  Handlers handlers(options, session.options().max_message);
-  unsigned int taken = 0;
+  auto owner = patiently(session, options.reconnect,
+                         [&] { return own<client::Owner>(session, options.port, options.owner); });
+  Handlers handlers(session, options, owner);  // a client must be answered while there is an owner
+  client::Packet packet;
   try {
-    keep_connected(session, options.reconnect, [&](const std::function<void()>& connected) {
-      Port_Factory_ptr server = session.server();
-      const Owner owner(session, options.port, options.owner);
-      connected();
-      Packet packet;
-      while ((options.count == 0 || taken < options.count) && handlers.wait_for_room()) {
-        take(server, owner.handle(), options.port, 0, packet, [&] { owner.throw_if_released(); });
-        ++taken;
-        handlers.start(server, packet.source, to_bytes(packet.data.in()));
-      }
-      handlers.failures();  // a client must be answered while the port has its owner
-    });
+    for (unsigned int taken = 0;
+         (options.count == 0 || taken < options.count) && handlers.wait_for_room(); ++taken) {
+      session.check("receive from " + options.port, owner.receive(packet));
+      handlers.start(packet);
+    }
   } catch (const Interrupted&) {
     if (options.count != 0) throw;
   }
@@ -417,36 +374,34 @@ void describe_select(CLI::App& command, SelectOptions& options) {
 }
 
 void select(Session& session, const SelectOptions& options) {
-  Port_Factory_ptr server = session.server();
-  std::deque<Connection> owners;
-  Varo::PORT_HANDLE_SET handles;
-  handles.length(static_cast<CORBA::ULong>(options.ports.size()));
-  for (std::size_t i = 0; i < options.ports.size(); ++i) {
-    owners.emplace_back(server, options.ports[i], CONNECT_OWNER, ACCESS_SELECT);
-    handles[static_cast<CORBA::ULong>(i)] = owners.back().handle();
+  client::Connection& server = session.server();
+  client::OwnerOptions selecting;
+  selecting.access = client::Access::select;
+  std::deque<client::Owner> owners;
+  std::vector<client::Owner*> watched;
+  for (const std::string& port : options.ports) {
+    watched.push_back(&owners.emplace_back(server, port, selecting));
   }
-  CORBA::ULong ready = 0;
-  check("select", wait_in_slices(options.timeout, result::timed_out, [&](unsigned int seconds) {
-          return server->select_event_port(handles, ready, seconds);
-        }));
-  const auto owner = std::find_if(owners.begin(), owners.end(),
-                                  [&](const Connection& each) { return each.handle() == ready; });
-  if (owner == owners.end()) throw Failure("the server selected a port that it was not asked for");
-  const std::string& port = options.ports[static_cast<std::size_t>(owner - owners.begin())];
+  client::Owner* ready = nullptr;
+  session.check("select", client::select(watched, ready, timeout_of(options.timeout)));
 
-  Packet packet;
-  if (options.receive) take(server, ready, port, 0, packet, [] {});
+  client::Packet packet;
+  if (options.receive) {
+    session.check("receive from " + ready->port(), ready->receive(packet, std::chrono::seconds(0)));
+  }
   if (session.options().json) {
-    Json object{{"port", port}, {"port_id", ready}};
+    Json object{{"port", ready->port()}, {"port_id", ready->port_id()}};
     if (options.receive) {
-      object["source"] = packet.source;
-      object.update(payload_json(to_bytes(packet.data.in())));
+      object["source"] = packet.from.handle;
+      object.update(payload_json(std::string(packet.data.text())));
     }
     print_json(object);
   } else {
-    if (!options.raw) write_output(port + "\n");
+    if (!options.raw) write_output(ready->port() + "\n");
     flush_output();
-    if (options.receive) PayloadPrinter({false, options.raw, ""}).print(packet.data.in(), port);
+    if (options.receive) {
+      PayloadPrinter({false, options.raw, ""}).print(packet.data.text(), ready->port());
+    }
   }
 }
 

@@ -1,13 +1,17 @@
 // create, rm, exists, release, host, ping, clear and codes.
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <limits>
 #include <map>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "idl/port_codes.h"
+#include "portsvc/stubs.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
 #include "tools/interrupt.h"
@@ -67,25 +71,23 @@ void describe_create(CLI::App& command, CreateOptions& options) {
 }
 
 // The server would answer success and leave the port of the other kind as it is.
-void refuse_other_kind(Port_Factory_ptr server, const std::string& name, unsigned int kind) {
-  Varo::STRING_LIST_var ports;
-  Varo::STRING_LIST_var boxes;
-  check("list ports", server->patch_object_name(ports.out(), boxes.out()));
-  const Varo::STRING_LIST& others = kind == PORT_EVENTBOX ? ports.in() : boxes.in();
-  for (CORBA::ULong i = 0; i < others.length(); ++i) {
-    if (name != others[i].in()) continue;
-    throw Failure(fmt::format(
-        "create {}: it exists and is {}; see: portctl info", name,
-        kind == PORT_EVENTBOX ? "a packet port, no event box" : "an event box, no packet port"));
-  }
+void refuse_other_kind(Session& session, const std::string& name, unsigned int kind) {
+  std::vector<std::string> ports;
+  std::vector<std::string> boxes;
+  session.check("list ports", session.server().list(ports, boxes));
+  const auto& others = kind == PORT_EVENTBOX ? ports : boxes;
+  if (std::find(others.begin(), others.end(), name) == others.end()) return;
+  throw Failure(fmt::format(
+      "create {}: it exists and is {}; see: portctl info", name,
+      kind == PORT_EVENTBOX ? "a packet port, no event box" : "an event box, no packet port"));
 }
 
 void create(Session& session, const CreateOptions& options) {
   if (options.name.empty()) throw UsageError("a port needs a name");
   const unsigned int kind = kind_code(options.kind);
-  refuse_other_kind(session.server(), options.name, kind);
-  check("create " + options.name,
-        session.server()->create_port(options.name.c_str(), kind, options.limit));
+  refuse_other_kind(session, options.name, kind);
+  session.check("create " + options.name,
+                session.server().create(options.name, kind, options.limit));
 }
 
 struct RemoveOptions {
@@ -99,14 +101,15 @@ void describe_remove(CLI::App& command, RemoveOptions& options) {
 
 void remove(Session& session, const RemoveOptions& options) {
   for (const std::string& name : options.names) {
-    check("remove " + name, session.server()->delete_port(name.c_str()));
+    session.check("remove " + name, session.server().remove(name));
   }
 }
 
 void exists(Session& session, const NameOptions& options) {
-  const CORBA::Long code = session.server()->exist(options.name.c_str());
-  if (session.options().json) print_json({{"port", options.name}, {"exists", code == 0}});
-  check("look for " + options.name, static_cast<unsigned int>(code));
+  bool found = false;
+  session.check("look for " + options.name, session.server().exists(options.name, found));
+  if (session.options().json) print_json({{"port", options.name}, {"exists", found}});
+  if (!found) session.check("look for " + options.name, client::Result(result::unknown_name));
 }
 
 struct ReleaseOptions {
@@ -121,19 +124,20 @@ void describe_release(CLI::App& command, ReleaseOptions& options) {
 
 // Frees a port whose owner died without disconnecting; what is queued stays for the next owner.
 void release(Session& session, const ReleaseOptions& options) {
-  Port_Factory_ptr server = session.server();
-  Varo::DT_PORT_SVC::PORT_INFO info{};
-  check("look for " + options.name, server->get_port_info(options.name.c_str(), info));
-  if (info.owner_connected != 0 && !options.force) {
-    const auto note = note_of_owner(server, options.name);
-    if (!note || !note->has_ended()) {
+  client::Connection& server = session.server();
+  client::PortInfo info;
+  session.check("look for " + options.name, server.info(options.name, info));
+  if (info.owner_connected && !options.force) {
+    std::optional<client::OwnerWord> word;
+    session.check("look for the owner of " + options.name, server.owner_word(options.name, word));
+    if (!word || !word->ended) {
       throw Failure(fmt::format(
           "release {}: {} owns it and may still live; it would lose the port. If it is dead, say "
           "--force",
-          options.name, owner_text(note)));
+          options.name, owner_text(word)));
     }
   }
-  check("release " + options.name, server->disconnect_port(info.port_id));
+  session.check("release " + options.name, server.release(options.name));
 }
 
 struct HostOptions {
@@ -147,8 +151,8 @@ void describe_host(CLI::App& command, HostOptions& options) {
 }
 
 void set_host(Session& session, const HostOptions& options) {
-  check("set the host of " + options.name,
-        session.server()->set_connected_host(options.name.c_str(), options.host.c_str()));
+  session.check("set the host of " + options.name,
+                session.server().set_host(options.name, options.host));
 }
 
 struct PingOptions {
@@ -163,13 +167,12 @@ void describe_ping(CLI::App& command, PingOptions& options) {
 
 void ping(Session& session, const PingOptions& options) {
   using Milliseconds = std::chrono::duration<double, std::milli>;
-  Port_Factory_ptr server = session.server();
-  server->heart_bit();  // the first call opens the connection
+  client::Connection& server = session.server();
   Json list = Json::array();
   for (unsigned int i = 0; i < options.count; ++i) {
     throw_if_interrupted();
     const auto start = std::chrono::steady_clock::now();
-    server->heart_bit();
+    session.check("ping", server.ping());
     const Milliseconds taken = std::chrono::steady_clock::now() - start;
     if (session.options().json) {
       list.push_back(taken.count());
@@ -192,7 +195,10 @@ void clear(Session& session, const ClearOptions& options) {
   if (!options.yes) {
     throw UsageError("clear removes every port, event box and subscription: say --yes");
   }
-  session.server()->clearAll();
+  session.check("clear", client::call(session.server(), [](Port_Factory_ptr server) {
+                  server->clearAll();
+                  return result::ok;
+                }));
 }
 
 struct Code {

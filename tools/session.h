@@ -1,15 +1,14 @@
-// One run of portctl: its options for all commands, the broker, the server it talks to, and the
-// connections to ports that end with it.
+// One run of portctl: its options for all commands and the server it talks to.
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "cli/peer_options.h"
-#include "middleware/directory.h"
-#include "middleware/orb/orb.h"
+#include "portsvc/client.h"
+#include "tools/interrupt_watch.h"
 
 namespace portsvc::tools {
 
@@ -23,8 +22,9 @@ struct GlobalOptions : cli::PeerOptions {
   bool json = false;
 };
 
-/// Made once, after the options have been read. Starts the broker at the first use, so that a
-/// command without a server needs none. Not thread-safe.
+/// Made once, after the options have been read. Connects at the first use, so that a command
+/// without a server needs none. Not thread-safe, but for what is said. Its operations throw
+/// client::Error.
 class Session {
  public:
   explicit Session(const GlobalOptions& options) : options_(options) {}
@@ -33,55 +33,37 @@ class Session {
 
   const GlobalOptions& options() const { return options_; }
 
-  /// The server of --server; the session keeps the reference. Throws UsageError for a text that
-  /// is no reference, Unreachable when no port service answers there.
-  Varo::DT_PORT_SVC::Port_Factory_ptr server();
+  /// Lets waits go on when the server is lost and comes back, with a word about it on standard
+  /// error. Before the first server().
+  void go_on_when_lost() { goes_on_ = true; }
 
-  /// Looks the server up anew at its next use: after a restart it may have another address.
-  void forget_server() { server_ = Varo::DT_PORT_SVC::Port_Factory::_nil(); }
+  /// The server of --server. An interruption ends waits there with failure::cancelled.
+  client::Connection& server();
 
-  /// What a failed call to the server of --server means, and what to do.
-  std::string explain(const CORBA::Exception& exception) const;
+  /// Any other server, by reference or name.
+  client::Connection connect(const std::string& server) const;
 
-  /// Any other server, by reference or name; throws as server().
-  Varo::DT_PORT_SVC::Port_Factory_var resolve(const std::string& server);
+  /// Throws unless `result`, of a call to server(), is a success: Interrupted after a cancellation,
+  /// else client::Error. `what` says what was tried, for example "create orders". Any thread.
+  void check(const std::string& what, client::Result result);
 
-  /// The directory of --directory or --naming. Throws UsageError when there is none.
-  Directory& directory();
+  /// The servers of --directory or --naming. Throws UsageError when neither was given.
+  std::vector<client::ListedServer> servers() const;
+  bool has_directory() const { return !options_.directory.empty() || !options_.naming.empty(); }
 
-  /// Why the directory has no answer to a question about `wanted` ("server 'line7'"): it does not
-  /// answer itself, or it knows other servers only.
-  std::string directory_problem(const std::string& wanted);
+  /// What the client library is told.
+  client::Options client_options() const;
 
  private:
-  orb::Broker& broker();
-
   const GlobalOptions& options_;
-  // Destroyed from the last to the first: references before the broker.
-  std::unique_ptr<orb::Broker> broker_;
-  std::unique_ptr<orb::CallTimeout> call_timeout_;  // of every call that is no wait
-  std::shared_ptr<Directory> directory_;
-  Varo::DT_PORT_SVC::Port_Factory_var server_;
+  bool goes_on_ = false;
+  std::optional<client::Connection> server_;
+  std::optional<InterruptWatch> watch_;  // goes before what it cancels
 };
 
-/// A connection to a port as its owner or as a client, ended by the destructor whatever happens
-/// to the command.
-class Connection {
- public:
-  /// Connects; `mode` and `access` are those of connect_port. Throws ResultError; the server must
-  /// outlive the connection.
-  Connection(Varo::DT_PORT_SVC::Port_Factory_ptr server, const std::string& port, unsigned int mode,
-             unsigned int access);
-  ~Connection();
-  Connection(const Connection&) = delete;
-  Connection& operator=(const Connection&) = delete;
-
-  /// The port id for an owner, the client handle for a client.
-  CORBA::ULong handle() const { return handle_; }
-
- private:
-  Varo::DT_PORT_SVC::Port_Factory_ptr server_;
-  CORBA::ULong handle_ = 0;
-};
+/// The time-out of an option that reads 0 as: as long as it takes.
+inline client::Timeout timeout_of(unsigned int seconds) {
+  return seconds == 0 ? client::forever : client::Timeout(std::chrono::seconds(seconds));
+}
 
 }  // namespace portsvc::tools

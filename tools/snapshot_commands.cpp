@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "idl/port_codes.h"
 #include "persistence/snapshot_file.h"
 #include "platform/output_file.h"
+#include "portsvc/stubs.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
 #include "tools/input.h"
@@ -20,68 +22,42 @@
 namespace portsvc::tools {
 namespace {
 
+using Varo::DT_PORT_SVC::Port_Factory_ptr;
+
 void save(Session& session, const NoOptions&) {
-  check("save the snapshot", session.server()->make_snapshot());
+  session.check("save the snapshot", session.server().save_snapshot());
 }
 
 void load(Session& session, const NoOptions&) {
-  check("load the snapshot", session.server()->load_snapshot());
+  const auto load = [](Port_Factory_ptr server) {
+    return static_cast<unsigned int>(server->load_snapshot());
+  };
+  session.check("load the snapshot", client::call(session.server(), load));
 }
 
 struct FileOptions {
   std::string file;
 };
 
-// The server's open snapshot, closed whatever happens.
-class RemoteFile {
- public:
-  explicit RemoteFile(Varo::FileHandle_ptr handle) : handle_(handle) {
-    if (CORBA::is_nil(handle_.in())) throw Failure("the server cannot open its snapshot file");
-  }
-  ~RemoteFile() {
-    try {
-      handle_->close();
-    } catch (const CORBA::Exception&) {
-      // The server closes a handle that is used no more.
-    }
-  }
-  RemoteFile(const RemoteFile&) = delete;
-  RemoteFile& operator=(const RemoteFile&) = delete;
-
-  std::string read_all() {
-    CORBA::Long size = 0;
-    if (handle_->size(size) != 0) throw Failure("the server cannot tell the snapshot's size");
-    std::string bytes;
-    Progress progress("bytes", static_cast<std::uint64_t>(size), false);
-    for (;;) {
-      throw_if_interrupted();
-      CORBA::Long length = chunk;
-      Varo::DATA_BUFFER_var data;
-      const auto offset = static_cast<CORBA::Long>(bytes.size());
-      if (handle_->read(offset, length, data.out()) != 0) {
-        throw Failure(fmt::format("the server cannot read its snapshot at byte {}", offset));
-      }
-      if (length == 0) break;
-      bytes += to_bytes(data.in());
-      progress.reached(bytes.size());
-    }
-    if (bytes.size() != static_cast<std::size_t>(size)) {
-      throw Failure(fmt::format("the server delivered {} of {} bytes", bytes.size(), size));
-    }
-    return bytes;
-  }
-
- private:
-  static constexpr CORBA::Long chunk = 256 * 1024;
-  Varo::FileHandle_var handle_;
-};
+std::string read_snapshot(Session& session) {
+  std::string bytes;
+  std::optional<Progress> shown;
+  const client::Result read =
+      session.server().download_snapshot(bytes, [&](std::uint64_t here, std::uint64_t all) {
+        if (!shown) shown.emplace("bytes", all, false);
+        shown->reached(here);
+        return interrupted() == 0;
+      });
+  session.check("read the snapshot", read);
+  return bytes;
+}
 
 void describe_download(CLI::App& command, FileOptions& options) {
   command.add_option("FILE", options.file, "Where to write it; - is standard output")->required();
 }
 
 void download(Session& session, const FileOptions& options) {
-  write_output_file(options.file, RemoteFile(session.server()->openSnapShot()).read_all());
+  write_output_file(options.file, read_snapshot(session));
 }
 
 std::vector<std::string> problems(const snapshot::Content& content) {
@@ -168,7 +144,7 @@ void show(Session& session, const FileOptions& options) {
 }
 
 void subscriptions(Session& session, const NoOptions&) {
-  const auto content = snapshot::parse(RemoteFile(session.server()->openSnapShot()).read_all());
+  const auto content = snapshot::parse(read_snapshot(session));
   Json list = Json::array();
   Table table({"CODE", "BOX"});
   for (const auto& subscription : content.subscriptions) {

@@ -24,8 +24,6 @@ namespace portsvc::tools {
 namespace {
 
 using std::chrono::steady_clock;
-using Varo::DT_PORT_SVC::Port_Factory_ptr;
-using Varo::DT_PORT_SVC::PORT_INFO;
 
 struct TopOptions {
   std::string metrics;
@@ -56,20 +54,22 @@ void describe_top(CLI::App& command, TopOptions& options) {
 
 // --- what there is, in the shape of the board
 
-Json port_of(Port_Factory_ptr server, const std::string& name,
+Json port_of(Session& session, const std::string& name,
              const std::map<std::string, std::string>& hosts) {
-  PORT_INFO info{};
-  if (server->get_port_info(name.c_str(), info) != result::ok) return nullptr;
+  client::PortInfo info;
+  const client::Result known = session.server().info(name, info);
+  if (known == result::no_such_port) return nullptr;
+  session.check("look up " + name, known);
   Json port{{"name", printable(name)},
             {"kind", info.kind == PORT_EVENTBOX ? "box"
                      : info.kind == PORT_SLAVE  ? "proxy"
                                                 : "packet"},
             {"limit", info.limit},
-            {"owner", info.owner_connected != 0}};
+            {"owner", info.owner_connected}};
   const auto host = hosts.find(name);
   port["host"] = host == hosts.end() ? "" : printable(host->second);
-  CORBA::ULong events = 0;
-  if (info.kind == PORT_EVENTBOX && server->event_count(name.c_str(), events) == result::ok) {
+  unsigned int events = 0;
+  if (info.kind == PORT_EVENTBOX && session.server().count(name, events)) {
     port["packets"] = {{"queued", events}};
   }
   return port;
@@ -77,30 +77,25 @@ Json port_of(Port_Factory_ptr server, const std::string& name,
 
 Json board_of(Session& session, const TopOptions& options, const std::string& sort,
               std::size_t limit) {
-  Port_Factory_ptr server = session.server();
-  Varo::STRING_LIST_var ports;
-  Varo::STRING_LIST_var boxes;
-  check("list ports", server->patch_object_name(ports.out(), boxes.out()));
   std::vector<std::string> names;
-  for (const Varo::STRING_LIST* list : {&ports.in(), &boxes.in()}) {
-    for (CORBA::ULong i = 0; i < list->length(); ++i) {
-      std::string name = (*list)[i].in();
-      if (name.find(options.search) != std::string::npos) names.push_back(std::move(name));
-    }
-  }
+  std::vector<std::string> boxes;
+  session.check("list ports", session.server().list(names, boxes));
+  names.insert(names.end(), boxes.begin(), boxes.end());
+  const std::size_t all = names.size();
+  names.erase(std::remove_if(names.begin(), names.end(),
+                             [&](const std::string& name) {
+                               return name.find(options.search) == std::string::npos;
+                             }),
+              names.end());
   std::sort(names.begin(), names.end());
-  Varo::DT_PORT_SVC::ConnectionSeq_var connections;
-  check("list connections", server->current_connection(connections.out()));
   std::map<std::string, std::string> hosts;
-  for (CORBA::ULong i = 0; i < connections->length(); ++i) {
-    hosts.emplace(connections[i].port_name.in(), connections[i].host.in());
-  }
+  session.check("list connections", session.server().hosts(hosts));
   Json rows = Json::array();
   for (const std::string& name : names) {
     // All have to be asked for when the fullest are wanted.
     if (sort == "name" && rows.size() == limit) break;
     throw_if_interrupted();
-    if (Json port = port_of(server, name, hosts); !port.is_null()) rows.push_back(std::move(port));
+    if (Json port = port_of(session, name, hosts); !port.is_null()) rows.push_back(std::move(port));
   }
   if (sort == "queued") {
     const auto queued = [](const Json& port) {
@@ -109,7 +104,6 @@ Json board_of(Session& session, const TopOptions& options, const std::string& so
     std::stable_sort(rows.begin(), rows.end(),
                      [&](const Json& a, const Json& b) { return queued(a) > queued(b); });
   }
-  const std::size_t all = ports->length() + boxes->length();
   while (rows.size() > limit) rows.erase(rows.size() - 1);
   return {{"ports_total", all}, {"ports", std::move(rows)}};
 }
@@ -298,9 +292,8 @@ class Top {
       lines.insert(lines.begin(), headline(board));
     } catch (const Unreachable& failure) {
       lines = {failure.what()};
-    } catch (const CORBA::Exception& failure) {
-      session_.forget_server();
-      lines = {session_.explain(failure)};
+    } catch (const client::Error& failure) {
+      lines = {with_options(failure.what())};
     }
     lines.insert(lines.begin() + 1,
                  fmt::format("sort: {} (keys: n name, u queued, w waiting, d dropped, p put; q "

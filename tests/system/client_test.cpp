@@ -99,7 +99,7 @@ TEST_F(ClientLibrary, CarriesRequestsRepliesAndEventsAndLetsGoOfWhatItHolds) {
     EXPECT_EQ(failure_of([&] { Owner(by_name, "p"); }), result::owner_exists);
     EXPECT_EQ(failure_of([&] { client::Box(main, "p"); }), result::access_refused);
     EXPECT_EQ(failure_of([&] { Client(main, "none"); }), result::unknown_name);
-    EXPECT_EQ(failure_of([&] { connect_by_name("none"); }), client::failure::bad_address);
+    EXPECT_EQ(failure_of([&] { connect_by_name("none"); }), client::failure::not_listed);
     EXPECT_EQ(failure_of([&] { Connection("127.0.0.1:1"); }), client::failure::unreachable);
     EXPECT_EQ(cancelled([&] { return owned.get(); }, [&] { owner.cancel(); }),
               client::failure::cancelled);
@@ -108,6 +108,28 @@ TEST_F(ClientLibrary, CarriesRequestsRepliesAndEventsAndLetsGoOfWhatItHolds) {
   EXPECT_TRUE(main.info("p", info));
   EXPECT_FALSE(info.owner_connected);
   EXPECT_EQ(done("main", {"connections"}).find("p "), std::string::npos);
+
+  {
+    client::Box a(main, "a", creating()), b(main, "b", creating());
+    client::Box* from = nullptr;
+    std::vector<Payload> events;
+    EXPECT_TRUE(main.put("b", "x"));
+    EXPECT_TRUE(take({&a, &b}, from, events, 9, 5s));
+    EXPECT_EQ(from, &b);
+    EXPECT_EQ(take({&a, &b}, from, events, 9, 0s), result::timed_out);
+    EXPECT_EQ(cancelled([&] { return a.take(events, 9); },
+                        [&] {
+                          a.cancel();
+                          EXPECT_TRUE(main.put("a", "nobody takes it"));
+                        }),
+              client::failure::cancelled);
+    unsigned int left = 0;
+    EXPECT_TRUE(main.count("a", left));
+    EXPECT_EQ(left, 1u);
+    EXPECT_TRUE(main.release("b"));
+    EXPECT_EQ(b.take(events, 9, 5s), result::not_connected);
+  }
+  EXPECT_TRUE(main.remove("a") && main.remove("b"));
 
   std::vector<std::string> ports, boxes;
   {
@@ -206,7 +228,9 @@ TEST_F(ClientLibrary, GoesOnAtAServerThatComesBackAndSendsNothingToAnotherPort) 
   auto watched = std::async(std::launch::async, [&] { return subscription.take(event); });
 
   kill("main");
-  EXPECT_EQ(main.put("p", "x"), client::failure::unreachable);
+  const client::Result refused = main.put("p", "x");
+  EXPECT_EQ(refused, client::failure::unreachable);
+  EXPECT_NE(main.explain(refused).find("connection refused"), std::string::npos);
   EXPECT_EQ(lost.get(), client::failure::lost);
   start("main");
 

@@ -9,7 +9,8 @@
 // This header needs no header of the broker. Link with PortService::client.
 //
 // Errors. Operations answer a Result and throw nothing but std::bad_alloc. Constructors throw
-// Error: an object that exists has been connected.
+// Error: an object that exists has been connected. Connection::explain() says what can be found out
+// about a failure.
 //
 // Time-outs are whole seconds, as the service counts them; one may end up to a second late. 0s
 // means "do not wait" and `forever` "no limit", for every kind of port. A call that does not wait
@@ -31,15 +32,18 @@
 // Cancellation. cancel() may be called from any thread. It ends the waits of its object, or, at a
 // Connection, of everything made with that, with failure::cancelled, within a second: a wait is
 // made of calls of a second each. (When the server has stopped answering it takes
-// Options::call_timeout more.) The object stays cancelled; it can be used for what does not wait,
-// and destroyed.
+// Options::call_timeout more.) That of an Owner or a Box asks the server to end the take, and waits
+// for that: once it has returned, nothing is taken for nobody. The object stays cancelled; it can
+// be used for what does not wait, and destroyed.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <limits>
+#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -65,12 +69,16 @@ constexpr unsigned int lost = 0x50530102;
 constexpr unsigned int too_large = 0x50530103;
 /// cancel() has been called.
 constexpr unsigned int cancelled = 0x50530104;
-/// The address is no HOST:PORT and no reference, or the directory does not know the name.
+/// The address is no HOST:PORT and no reference, or it is a name and there is no directory.
 constexpr unsigned int bad_address = 0x50530105;
 /// What answers at the address is no port service.
 constexpr unsigned int no_service = 0x50530106;
 /// Any other failure of the broker.
 constexpr unsigned int broker = 0x50530107;
+/// The directory does not list the name.
+constexpr unsigned int not_listed = 0x50530108;
+/// The broker cannot start with these options, for example because of the files of TLS.
+constexpr unsigned int bad_options = 0x50530109;
 }  // namespace failure
 
 /// How an operation has ended: a code, which has a name.
@@ -207,7 +215,28 @@ struct Options {
   std::string naming = {};
   /// With either: the realm whose servers are found, empty for all.
   std::string realm = {};
+  /// Told, on the thread that waits, when a wait has lost the server and goes on trying, and why;
+  /// and when it has found it again. They must not call what they have been told about.
+  std::function<void(Result why)> on_lost = {};
+  std::function<void()> on_found = {};
+  /// The broker's own trace level, on standard error; for finding faults.
+  unsigned int trace = 0;
 };
+
+/// A server that a directory lists.
+struct ListedServer {
+  std::string name;
+  bool is_main = false;
+};
+
+/// The servers of the directory, or the naming service, and the realm of `options`: the main
+/// servers first. An empty list is also what is left of a directory that cannot be read. Throws
+/// Error.
+std::vector<ListedServer> servers(const Options& options);
+
+/// One line on a list that lacks `wanted` ("server 'line7'"): what it holds, or why it does not
+/// tell. Throws Error.
+std::string not_listed_text(const Options& options, const std::string& wanted);
 
 struct PortInfo {
   unsigned int kind = 0;  ///< PORT_MASTER, PORT_EVENTBOX or PORT_SLAVE
@@ -215,6 +244,17 @@ struct PortInfo {
   bool owner_connected = false;
   unsigned int owner_access = 0;  ///< of the last owner connection, 0 before any
   unsigned int limit = 0;
+};
+
+/// The word that an owner of this library leaves at its port, as the connected host.
+struct OwnerWord {
+  std::string program;
+  std::string host;
+  unsigned int process = 0;
+  bool ended = false;  ///< it is a process of this host that has ended
+
+  /// "portctl, process 17 of press-7".
+  std::string text() const;
 };
 
 namespace detail {
@@ -227,8 +267,9 @@ class Ownership;
 ///
 /// All Connections of a process share one broker, which is started with the first and ended with
 /// the last of them and of what was made with them: `max_message` and `tls` must be the same for
-/// all. In a process that serves ports itself they use the broker that serves, with its settings;
-/// it must outlive them. The broker has the process ignore SIGPIPE. It opens as many connections to
+/// all; `call_timeout` and `trace` of the first count for what the broker does by itself. In a
+/// process that serves ports itself they use the broker that serves, with its settings; it must
+/// outlive them. The broker has the process ignore SIGPIPE. It opens as many connections to
 /// a server as there are calls at the same time.
 ///
 /// Clients, owners and subscriptions keep what they need: the Connection that they were made with
@@ -236,8 +277,9 @@ class Ownership;
 class Connection {
  public:
   /// Connects to `server`: HOST:PORT, [IPv6]:PORT, a corbaloc, corbaname or IOR text, or a name in
-  /// the directory of `options`. Throws Error (failure::bad_address, unreachable, no_service), and
-  /// std::invalid_argument for options that contradict those of another Connection.
+  /// the directory of `options`. Throws Error (failure::bad_address, not_listed, unreachable,
+  /// no_service), and std::invalid_argument for options that contradict those of another
+  /// Connection.
   explicit Connection(const std::string& server, const Options& options = {});
   ~Connection();
   Connection(Connection&&) noexcept;
@@ -245,6 +287,10 @@ class Connection {
 
   /// Whether the server answers.
   Result ping();
+  /// One line for people on what has failed, and what to do about it. Of a server that cannot be
+  /// reached it looks for the reason, which takes up to two seconds. To be called on the thread
+  /// whose call has failed, before its next one.
+  std::string explain(Result failed) const;
 
   // --- ports and boxes
 
@@ -261,6 +307,13 @@ class Connection {
   Result list(std::vector<std::string>& ports, std::vector<std::string>& boxes);
   /// Disconnects the owner of a port, whoever it is: for one whose process has died. not_connected.
   Result release(const std::string& name);
+  /// The connected hosts, by port; a port without such a text is left out.
+  Result hosts(std::map<std::string, std::string>& hosts);
+  /// Sets it; an empty text takes it away. It goes when the owner leaves. unknown_name.
+  Result set_host(const std::string& name, const std::string& host);
+  /// The word at a port; nothing when there is none, or another text. It may be of an owner that
+  /// has left without disconnecting.
+  Result owner_word(const std::string& name, std::optional<OwnerWord>& word);
 
   // --- events
 
@@ -282,6 +335,11 @@ class Connection {
 
   /// Has the server write its snapshot. snapshot_not_writable.
   Result save_snapshot();
+  /// The same, and reads it into `bytes`. `progress`, if there is one, is told how many bytes of
+  /// how many are here; false ends the transfer with failure::cancelled.
+  Result download_snapshot(
+      std::string& bytes,
+      const std::function<bool(std::uint64_t here, std::uint64_t all)>& progress = {});
 
   void cancel();
 
@@ -351,6 +409,8 @@ struct OwnerOptions {
   bool take_over = false;
   /// Takes it over from anybody, after so long.
   std::optional<std::chrono::seconds> take_over_after = {};
+  /// Told in one line from whom the port has been taken over.
+  std::function<void(const std::string& from)> on_take_over = {};
 };
 
 /// The owner of a packet port, until the destructor.
@@ -363,8 +423,9 @@ class Owner {
   Owner(Owner&&) noexcept;
   Owner& operator=(Owner&&) noexcept;
 
-  /// Takes the oldest packet. 0s is taken for a second. timed_out. Between two of its calls a wait
-  /// is for a moment none: a client that does not wait may then meet owner_not_taking.
+  /// Takes the oldest packet. 0s is taken for a second. timed_out; not_connected: somebody has
+  /// released the port. Between two of its calls a wait is for a moment none: a client that does
+  /// not wait may then meet owner_not_taking.
   Result receive(Packet& packet, Timeout timeout = forever);
   /// Answers a client; waits for nothing. unknown_handle: it has disconnected. failure::lost: it
   /// was a client of a server that has gone. A port keeps 32 replies.
@@ -389,7 +450,7 @@ class Box {
   Box(Box&&) noexcept;
   Box& operator=(Box&&) noexcept;
 
-  /// Takes the oldest event. timed_out.
+  /// Takes the oldest event. timed_out; not_connected: somebody has released the box.
   Result take(Payload& event, Timeout timeout = forever);
   /// Takes up to `most` events in order, at least one. Together they must fit the largest message.
   Result take(std::vector<Payload>& events, unsigned int most, Timeout timeout = forever);
@@ -398,8 +459,15 @@ class Box {
   const std::string& name() const;
 
  private:
+  friend Result take(const std::vector<Box*>&, Box*&, std::vector<Payload>&, unsigned int, Timeout);
   std::unique_ptr<detail::Ownership> impl_;
 };
+
+/// Takes up to `most` events, in order, from the first of the boxes that has any; `from` is that
+/// box. All of one Connection. The service has no wait for several boxes: they are looked at every
+/// 50 ms. timed_out, not_connected.
+Result take(const std::vector<Box*>& boxes, Box*& from, std::vector<Payload>& events,
+            unsigned int most, Timeout timeout = forever);
 
 /// A box of its own, subscribed to event codes, until the destructor deletes it. Events that are
 /// declared at the server while it lives are taken in order.
