@@ -24,7 +24,7 @@ bool read_some(int file, const std::string& name, std::string& bytes) {
   }
 }
 
-File opened(const std::string& path) {
+File open_to_read(const std::string& path) {
   try {
     return File(path, File::Mode::read);
   } catch (const std::system_error& failure) {
@@ -44,7 +44,7 @@ std::string read_payload(const PayloadOptions& options) {
     while (read_some(standard_input, "standard input", bytes)) {
     }
   } else {
-    const File file = opened(options.file);
+    const File file = open_to_read(options.file);
     while (read_some(file.fd(), options.file, bytes)) {
     }
   }

@@ -15,7 +15,7 @@ namespace portsvc::tools {
 namespace {
 
 // A pipe without a reader cannot be opened yet.
-File opened(const std::string& path) {
+File open_to_write(const std::string& path) {
   for (;;) {
     try {
       return File(path, File::Mode::sink);
@@ -35,7 +35,7 @@ Sink::Sink(const std::string& file) : name_(file) {
   if (file.empty() || is_standard_output(file)) {
     name_ = "standard output";
   } else {
-    file_ = opened(file);
+    file_ = open_to_write(file);
   }
   regular_ = is_regular_file(fd());
   terminal_ = portsvc::is_terminal(fd());
