@@ -32,13 +32,15 @@ BENCH_PACKAGES=(libbenchmark-dev redis-server nats-server)
 
 # configure_and_build DIR [CMAKE_OPTION...]: builds the tree in DIR with all processors. The
 # variable TARGETS may name what to build, instead of all. Several files are compiled as one, in a
-# third of the time: libraries' headers are most of what a compiler reads here.
+# third of the time: libraries' headers are most of what a compiler reads here. Of what a debugger
+# wants there are the lines.
 configure_and_build() {
   local dir=$1 launcher=
   shift
   command -v ccache >/dev/null && launcher=ccache
   cmake -S "$TOP" -B "$dir" -G Ninja -DCMAKE_CXX_COMPILER_LAUNCHER="$launcher" \
-    -DCMAKE_UNITY_BUILD=ON -DCMAKE_UNITY_BUILD_BATCH_SIZE=8 "$@" >"$dir.cmake.log" 2>&1 || {
+    -DCMAKE_UNITY_BUILD=ON -DCMAKE_UNITY_BUILD_BATCH_SIZE=8 \
+    -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g1 -DNDEBUG" "$@" >"$dir.cmake.log" 2>&1 || {
     cat "$dir.cmake.log" >&2
     return 1
   }
