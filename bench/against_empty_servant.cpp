@@ -131,12 +131,13 @@ void measure_against_empty_servant(const Bench& bench) {
   const unsigned int pairs = bench.amount(3U, 1U);
   std::vector<std::unique_ptr<Server>> servers;
   std::vector<Side> sides;  // the empty one and the real one in turn
-  std::vector<const Child*> processes;
+  std::vector<const Process*> processes;
   for (unsigned int i = 0; i < pairs; ++i) {
     for (const bool real : {false, true}) {
       const std::string name = fmt::format("{}{}", real ? "limit" : "empty", i);
-      servers.push_back(
-          std::make_unique<Server>(bench, name, real ? main_server(bench, name) : empty_server()));
+      servers.push_back(std::make_unique<Server>(
+          bench, name,
+          real ? main_server(bench, name) : servant_server(bench, empty_server, name)));
       sides.emplace_back(servers.back()->get(), real);
       processes.push_back(&servers.back()->process());
     }
@@ -146,20 +147,19 @@ void measure_against_empty_servant(const Bench& bench) {
                            const std::function<Work(const Side&)>& work_of) {
     std::vector<Work> works;
     for (const Side& side : sides) works.push_back(work_of(side));
-    for (const unsigned int connections : {1U, 2U, most_connections}) {
-      // Four threads that are free to move share two processors now in this way, now in that, and a
-      // call takes up to three times as long: they get fixed places. Sixteen even that out.
+    for (const unsigned int connections : {1U, most_connections}) {
+      // Two connections that are free to move share two processors in this way or that, and a call
+      // takes up to three times as long; sixteen threads even that out.
       std::unique_ptr<Pinned> pinned;
-      if (connections == 1) pinned = std::make_unique<Pinned>(processes, Pinned::together);
-      if (connections == 2) pinned = std::make_unique<Pinned>(processes, Pinned::apart);
+      if (connections == 1) pinned = std::make_unique<Pinned>(processes);
       Effort effort = bench.effort;
-      effort.rounds = effort.rounds * bench.amount(connections > 2 ? 4U : 2U, 1U) / pairs;
+      effort.rounds = effort.rounds * bench.amount(pinned ? 2U : 4U, 1U) / pairs;
       const auto seconds = alternate(works, connections, effort, 2);
       Row row;
       row.what = what;
       row.payload = size == 0 ? "" : size_text(size);
       row.connections = connections;
-      if (pinned) row.processors = pinned->processors();
+      if (pinned) row.processors = Pinned::processors;
       row.against = "empty servant";
       row.reference = seconds[0] * 1e6;
       row.value = seconds[1] * 1e6;

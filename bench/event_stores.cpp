@@ -11,6 +11,7 @@
 
 #include "bench/contender.h"
 #include "bench/sections.h"
+#include "tests/support/threads.h"
 
 namespace portsvc::bench {
 namespace {
@@ -59,109 +60,42 @@ double transfer_rate(Side& store, std::size_t size, unsigned int producers,
     }
     seconds = std::chrono::duration<double>(last - start).count();
   };
-  in_threads(producers + 1, [&](unsigned int thread) {
-    if (thread < producers) {
-      produce(thread);
-    } else {
-      consume();
-    }
+  const auto consumer = static_cast<int>(producers);
+  in_parallel(consumer + 1, [&](int thread) {
+    if (thread == consumer) return consume();
+    produce(static_cast<unsigned int>(thread));
   });
   return static_cast<double>(consumed) / seconds;
-}
-
-/// Sends events that the store keeps, then takes them in full batches, over and over: microseconds
-/// per event sent and per batch taken.
-std::vector<double> keep_and_drain(Side& store, std::size_t size, std::chrono::milliseconds slice) {
-  constexpr unsigned int batch = 64;
-  constexpr unsigned int batches = 4;
-  store.begin_events(size, 1, std::size_t{batch} * batches);
-  double sending = 0;
-  double taking = 0;
-  unsigned int times = 0;
-  for (const auto end = Clock::now() + slice; Clock::now() < end; ++times) {
-    const auto start = Clock::now();
-    for (unsigned int i = 0; i < batch * batches; ++i) store.produce(0);
-    const auto middle = Clock::now();
-    for (unsigned int i = 0; i < batches; ++i) {
-      if (store.consume(batch) != batch) throw std::runtime_error("not a full batch of events");
-    }
-    sending += std::chrono::duration<double>(middle - start).count();
-    taking += seconds_since(middle);
-  }
-  return {sending / times / batch / batches * 1e6, taking / times / batches * 1e6};
-}
-
-/// The box, and what is set beside it as far as it is installed.
-std::vector<Contender> start_stores(const Bench& bench) {
-  std::vector<Contender> stores;
-  stores.push_back(start_product(bench, server_waits[0]));
-  stores.push_back(start_waking_servant(bench));
-  stores.push_back(start_redis(bench));
-  if (stores.back().sides.empty()) stores.pop_back();
-  return stores;
-}
-
-std::vector<const Contender*> all_of(const std::vector<Contender>& contenders) {
-  std::vector<const Contender*> all;
-  for (const Contender& contender : contenders) all.push_back(&contender);
-  return all;
 }
 
 }  // namespace
 
 void measure_event_stores(const Bench& bench) {
-  const std::vector<Contender> stores = start_stores(bench);
-  const auto all = all_of(stores);
+  Contenders stores = start_both(bench);
+  add_redis(bench, stores);
   const auto slice = std::chrono::milliseconds(bench.amount(400, 100));
-  for (const std::size_t size :
-       {std::size_t{100}, std::size_t{4} << 10, std::size_t{64} << 10, std::size_t{1} << 20}) {
-    for (const unsigned int producers : {1U, 2U, 8U}) {
+  for (const std::size_t size : {small_payload, std::size_t{1} << 20}) {
+    for (const unsigned int producers : {1U, 8U}) {
       std::unique_ptr<Pinned> pinned;
-      if (producers == 1) pinned = std::make_unique<Pinned>(processes_of(all));
-      const unsigned int rounds = bench.amount(size <= (4U << 10) ? 12U : 6U, 1U);
-      const auto rates = compare(all, rounds, [&](Side& side, const Contender&) {
+      if (producers == 1) pinned = std::make_unique<Pinned>(processes_of(stores));
+      const unsigned int rounds = bench.amount(size == small_payload ? 12U : 6U, 1U);
+      const auto rates = compare(stores, rounds, [&](Side& side) {
         return std::vector<double>{transfer_rate(side, size, producers, slice)};
       });
-      for (std::size_t i = 1; i < all.size(); ++i) {
+      for (std::size_t i = 1; i < stores.size(); ++i) {
         Row row;
-        row.what = "events through a box to a consumer";
+        row.what = "events to a consumer, rate";
         row.payload = size_text(size);
         row.connections = producers;
-        if (pinned) row.processors = pinned->processors();
-        row.against = all[i]->name;
+        if (pinned) row.processors = Pinned::processors;
+        row.against = stores[i].name;
         row.reference = rates[i][0];
         row.value = rates[0][0];
         row.unit = "1/s";
-        if (all[i]->name != waking_servant || size == 100) row.target = Target{1.0, true};
+        if (row.against != waking_servant || size == small_payload) row.target = Target{1.0, true};
         bench.table.add(row);
       }
     }
-  }
-}
-
-void measure_keeping(const Bench& bench) {
-  const std::vector<Contender> stores = start_stores(bench);
-  const auto all = all_of(stores);
-  for (const std::size_t size : {std::size_t{100}, std::size_t{64} << 10}) {
-    pinned_and_free(all, [&](Row row) {
-      const auto times = compare(all, bench.amount(12U, 1U), [&](Side& side, const Contender&) {
-        return keep_and_drain(side, size, std::chrono::milliseconds(bench.amount(300, 50)));
-      });
-      row.payload = size_text(size);
-      row.connections = 1;
-      row.unit = "us";
-      for (std::size_t k = 0; k < 2; ++k) {
-        for (std::size_t i = 1; i < all.size(); ++i) {
-          row.what = k == 0 ? "send_event that is kept" : "packet_receive_n, 64 at once";
-          row.against = all[i]->name;
-          row.reference = times[i][k];
-          row.value = times[0][k];
-          if (all[i]->name == redis) row.target = Target{1.0};
-          bench.table.add(row);
-          row.target.reset();
-        }
-      }
-    });
   }
 }
 

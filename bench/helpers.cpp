@@ -3,8 +3,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
-#include <fstream>
+#include <filesystem>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -13,6 +12,7 @@
 
 #include "bench/sections.h"
 #include "bench/waking_servant.h"
+#include "tests/support/threads.h"
 
 namespace portsvc::bench {
 namespace {
@@ -37,15 +37,6 @@ class SizedServant : public EmptyServant {
   }
 };
 
-/// A file appears with its whole content.
-void announce(const std::string& path, const std::string& text) {
-  const std::string unfinished = path + ".new";
-  std::ofstream(unfinished) << text << "\n";
-  if (std::rename(unfinished.c_str(), path.c_str()) != 0) {
-    throw std::runtime_error("cannot write " + path);
-  }
-}
-
 [[noreturn]] void serve(EmptyServant* servant, const std::string& ior_file) {
   allow_many_connections();
   orb::Options options;
@@ -53,7 +44,8 @@ void announce(const std::string& path, const std::string& text) {
   orb::Broker broker(options);
   const PortableServer::Servant_var<EmptyServant> owned(servant);
   const Port_Factory_var reference = broker.serve(servant);
-  announce(ior_file, broker.to_text(reference.in()));
+  write_all(ior_file + ".new", broker.to_text(reference.in()) + "\n");
+  std::filesystem::rename(ior_file + ".new", ior_file);  // it appears with its whole content
   for (;;) ::pause();
 }
 
@@ -68,18 +60,19 @@ int hold_callers(const std::string& reference, const std::vector<unsigned int>& 
   orb::Broker broker(orb::Options{});
   const CORBA::Object_var object = broker.from_text(reference);
   const Port_Factory_var server = Varo::DT_PORT_SVC::Port_Factory::_narrow(object.in());
-  in_threads(static_cast<unsigned int>(ids.size()), [&](unsigned int thread) {
+  in_parallel(static_cast<int>(ids.size()), [&](int thread) {
     // All at once would overrun the server's backlog, and most would try again after seconds only.
     std::this_thread::sleep_for(std::chrono::milliseconds(thread));
     CORBA::ULong source = 0;
     Varo::DATA_BUFFER_var data;
-    server->packet_receive(ids[thread], source, data.out(), 0);  // without a limit
+    server->packet_receive(ids[static_cast<std::size_t>(thread)], source, data.out(),
+                           0);  // without a limit
   });
   throw std::runtime_error("a blocked call ended");
 }
 
 int run_bare_threads(unsigned int count) {
-  in_threads(count, [](unsigned int) {
+  in_parallel(static_cast<int>(count), [](int) {
     std::mutex free;
     const timespec pause{0, 10'000'000};
     for (;;) {

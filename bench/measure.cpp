@@ -1,36 +1,20 @@
 #include "bench/measure.h"
 
 #include <algorithm>
-#include <exception>
 #include <mutex>
-#include <thread>
+#include <utility>
+
+#include "tests/support/threads.h"
 
 namespace portsvc::bench {
-
-void in_threads(unsigned int threads, const std::function<void(unsigned int)>& action) {
-  std::mutex lock;  // guards failure
-  std::exception_ptr failure;
-  std::vector<std::thread> running;
-  for (unsigned int i = 0; i < threads; ++i) {
-    running.emplace_back([&, i] {
-      try {
-        action(i);
-      } catch (...) {
-        const std::lock_guard<std::mutex> guard(lock);
-        if (!failure) failure = std::current_exception();
-      }
-    });
-  }
-  for (std::thread& thread : running) thread.join();
-  if (failure) std::rethrow_exception(failure);
-}
 
 double seconds_per_call(const Work& work, unsigned int threads, std::chrono::milliseconds slice) {
   std::mutex lock;  // guards the two sums
   double seconds = 0;
   double calls = 0;
   const auto end = Clock::now() + slice;
-  in_threads(threads, [&](unsigned int thread) {
+  in_parallel(static_cast<int>(threads), [&](int number) {
+    const auto thread = static_cast<unsigned int>(number);
     double own_seconds = 0;
     double own_calls = 0;
     do {

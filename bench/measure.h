@@ -50,7 +50,4 @@ std::vector<double> alternate(const std::vector<Work>& works, unsigned int threa
 double percentile(std::vector<double>& values, double rank);
 inline double median(std::vector<double> values) { return percentile(values, 0.5); }
 
-/// Runs `action(thread)` in so many threads and waits for them; the first exception is rethrown.
-void in_threads(unsigned int threads, const std::function<void(unsigned int thread)>& action);
-
 }  // namespace portsvc::bench

@@ -18,9 +18,8 @@
 // medians of the slices stand in `reference` (what is named under `against`) and `value`; `ratio`
 // is value by reference. `conns` is the number of connections that call at the same time; a time is
 // what one call takes as its caller sees it. `cpus one`: client and servers were pinned to one
-// processor, as all rows with one connection are but those beside blocked callers; `two`: the
-// client to one and the servers to another. Pinned, a call costs the work that is done for it; free
-// to move, mostly the waking of another processor.
+// processor, as all rows with one connection are that do not wait. Pinned, a call costs the work
+// that is done for it; free to move, mostly the waking of another processor.
 // `target` is the bound that the ratio (or the value, where nothing stands beside it) is held to,
 // with MISS where it is not kept.
 //
@@ -32,16 +31,19 @@
 //
 // `condition variable` is the smallest servant that does what is measured, the broker's own limit
 // for it: its queues take the call's octets over, and nobody waits to be admitted. It, too, is
-// three processes. A request is two calls by its client and two by its owner (three when it
-// selects): RPUSH and BLPOP with Redis, a message each way with NATS.
+// three processes. A request is two calls by its client and two by its owner, with NATS a message
+// each way.
 #include <fmt/format.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/sections.h"
@@ -59,13 +61,28 @@ struct Section {
 constexpr Section sections[] = {
     {"limit", measure_against_empty_servant},
     {"stores", measure_event_stores},
-    {"keeping", measure_keeping},
     {"growth", measure_growth},
     {"blocked", measure_blocked_callers},
     {"exchange", measure_exchanges},
     {"hand-over", measure_hand_overs},
     {"subs", measure_sub_servers},
 };
+
+/// Ends this process with status 130, and the folder with it, when SIGINT or SIGTERM comes. To be
+/// called before other threads are started: they must not take those signals.
+void end_on_signal(const TemporaryFolder& folder) {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, SIGINT);
+  ::sigaddset(&signals, SIGTERM);
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  std::thread([&folder, signals] {
+    int signal = 0;
+    ::sigwait(&signals, &signal);
+    std::filesystem::remove_all(folder.path());
+    ::_exit(130);
+  }).detach();
+}
 
 int run(const std::string& server, bool quick, bool json, const std::vector<std::string>& only) {
   allow_many_connections();
@@ -112,9 +129,9 @@ int main(int argc, char** argv) {
   std::string reference;
   unsigned int count = 0;
   std::vector<unsigned int> ids;
-  CLI::App* const empty = app.add_subcommand("empty-server")->group("");
+  CLI::App* const empty = app.add_subcommand(empty_server)->group("");
   empty->add_option("--ior-file", file)->required();
-  CLI::App* const waking = app.add_subcommand("waking-server")->group("");
+  CLI::App* const waking = app.add_subcommand(waking_server)->group("");
   waking->add_option("--ior-file", file)->required();
   CLI::App* const callers = app.add_subcommand("blocked-callers")->group("");
   callers->add_option("reference", reference)->required();

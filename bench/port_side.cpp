@@ -1,15 +1,14 @@
 // The sides that have the service's interface, and how sides alternate.
 #include <fmt/format.h>
 
-#include <fstream>
 #include <utility>
 
 #include "bench/contender.h"
+#include "middleware/directory.h"
 
 namespace portsvc::bench {
 namespace {
 
-constexpr CORBA::ULong request_size = 100;
 constexpr CORBA::ULong queue_limit = 1024;  // never the limit
 constexpr unsigned char last_mark = 'q';
 
@@ -20,33 +19,30 @@ class PortSide : public Side {
   explicit PortSide(std::unique_ptr<Server> server, std::unique_ptr<Server> sub = nullptr)
       : sub_(std::move(sub)),
         server_(std::move(server)),
-        request_(payload(request_size)),
+        request_(payload(small_payload)),
         last_(request_) {
     last_[0] = last_mark;
   }
 
-  std::vector<const Child*> processes() const override {
-    std::vector<const Child*> all{&server_->process()};
+  std::vector<const Process*> processes() const override {
+    std::vector<const Process*> all{&server_->process()};
     if (sub_) all.push_back(&sub_->process());
     return all;
   }
 
-  void begin_requests(unsigned int owners, unsigned int clients, Taking taking) override {
-    if (sub_ && !ports_.empty()) return;  // a sub server learns of ports when it starts
-    taking_ = taking;
-    for (const std::string& port : ports_) require_ok(server()->delete_port(port.c_str()));
-    ports_.clear();
+  void begin_requests(unsigned int owners, unsigned int clients) override {
+    if (sub_ && !ids_.empty()) return;  // a sub server learns of ports when it starts
+    for (unsigned int i = 0; i < ids_.size(); ++i) {
+      require_ok(server()->delete_port(port_name(i).c_str()));
+    }
     ids_.clear();
     handles_.clear();
     for (unsigned int i = 0; i < owners; ++i) {
-      ports_.push_back(port_name(i));
-      require_ok(server()->create_port(ports_.back().c_str(), PORT_MASTER, queue_limit));
-      // A sender that comes between two selections would wait for a take.
-      ids_.push_back(taking == Taking::waiting ? connect_owner(server(), ports_.back())
-                                               : own_and_admit_always(server(), ports_.back()));
+      require_ok(server()->create_port(port_name(i).c_str(), PORT_MASTER, queue_limit));
+      ids_.push_back(connect_owner(server(), port_name(i)));
     }
     for (unsigned int i = 0; i < clients; ++i) {
-      handles_.push_back(connect_client(clients_server(), ports_[i % owners]));
+      handles_.push_back(connect_client(clients_server(), port_name(i % owners)));
     }
   }
 
@@ -55,22 +51,13 @@ class PortSide : public Side {
     require_ok(clients_server()->packet_foward(handle, last ? last_ : request_, wait_limit));
     Varo::DATA_BUFFER_var reply;
     require_ok(clients_server()->packet_replay_wait(handle, reply.out(), wait_limit));
-    if (reply->length() != request_size) throw std::runtime_error("not the reply that was sent");
+    if (reply->length() != small_payload) throw std::runtime_error("not the reply that was sent");
   }
 
   bool serve(unsigned int owner) override {
-    CORBA::ULong id = ids_[owner];
-    CORBA::ULong timeout = wait_limit;
-    if (taking_ == Taking::selecting) {
-      Varo::PORT_HANDLE_SET handles;
-      handles.length(1);
-      handles[0] = id;
-      require_ok(server()->select_event_port(handles, id, wait_limit));
-      timeout = 0;
-    }
     CORBA::ULong source = 0;
     Varo::DATA_BUFFER_var packet;
-    require_ok(server()->packet_receive(id, source, packet.out(), timeout));
+    require_ok(server()->packet_receive(ids_[owner], source, packet.out(), wait_limit));
     require_ok(server()->packet_replay(source, packet.in(), 0));
     return packet[0] == last_mark;
   }
@@ -84,30 +71,27 @@ class PortSide : public Side {
 
   void produce(unsigned int) override { require_ok(server()->send_event("box", event_)); }
 
-  void await_event() override {
-    Varo::DATA_BUFFER_SEQ_var events;
-    require_ok(server()->packet_receive_n(box_, events.out(), 1, wait_limit));
-  }
+  void await_event() override { require_ok(take(1, wait_limit).first); }
 
   std::size_t consume(std::size_t batch) override {
-    Varo::DATA_BUFFER_SEQ_var events;
-    const CORBA::ULong code =
-        server()->packet_receive_n(box_, events.out(), static_cast<CORBA::ULong>(batch), 0);
-    if (code == result::timed_out) return 0;
-    require_ok(code);
-    return events->length();
+    const auto [code, taken] = take(static_cast<CORBA::ULong>(batch), 0);
+    if (code != result::timed_out) require_ok(code);
+    return taken;
   }
 
  private:
   Port_Factory_ptr server() const { return server_->get(); }
   Port_Factory_ptr clients_server() const { return sub_ ? sub_->get() : server_->get(); }
+  std::pair<CORBA::ULong, std::size_t> take(CORBA::ULong most, CORBA::ULong timeout) const {
+    Varo::DATA_BUFFER_SEQ_var events;
+    const CORBA::ULong code = server()->packet_receive_n(box_, events.out(), most, timeout);
+    return {code, events->length()};
+  }
 
   const std::unique_ptr<Server> sub_;
   const std::unique_ptr<Server> server_;
   DATA_BUFFER request_;
   DATA_BUFFER last_;
-  Taking taking_ = Taking::waiting;
-  std::vector<std::string> ports_;
   std::vector<CORBA::ULong> ids_;
   std::vector<CORBA::ULong> handles_;
   DATA_BUFFER event_;
@@ -122,51 +106,48 @@ std::string fresh_name(const std::string& what) {
 
 }  // namespace
 
-Contender start_product(const Bench& bench, const std::string& waits) {
-  Contender product{waits, {}, waits != "early"};
-  for (unsigned int i = 0; i < (product.paused ? 1U : bench.amount(3U, 1U)); ++i) {
-    const std::string name = fresh_name("main");
-    product.sides.push_back(std::make_unique<PortSide>(
-        std::make_unique<Server>(bench, name, main_server(bench, name, waits))));
+void Side::not_measured() { throw std::logic_error("this side is not asked for that"); }
+
+Contenders start_both(const Bench& bench) {
+  Contenders both;
+  both.push_back({"the service", {}});
+  both.push_back({waking_servant, {}});
+  for (Contender& contender : both) {
+    const bool waking = contender.name == waking_servant;
+    for (unsigned int i = 0; i < bench.amount(3U, 1U); ++i) {
+      const std::string name = fresh_name(waking ? "waking" : "main");
+      contender.sides.push_back(std::make_unique<PortSide>(std::make_unique<Server>(
+          bench, name,
+          waking ? servant_server(bench, waking_server, name) : main_server(bench, name))));
+    }
   }
-  return product;
+  return both;
 }
 
-Contender start_proxy(const Bench& bench, const std::string& waits) {
+Contender start_proxy(const Bench& bench) {
   const std::string name = fresh_name("main");
-  auto main = std::make_unique<Server>(bench, name, main_server(bench, name, waits));
+  auto main = std::make_unique<Server>(bench, name, main_server(bench, name));
   require_ok((*main)->create_port(port_name(0).c_str(), PORT_MASTER, queue_limit));
   const std::string directory = bench.folder.path(name + ".ini");
-  std::ofstream(directory) << fmt::format("[{}]\nrole = main\nreference = {}\n", name,
-                                          main->reference());
+  enter(directory, name, role_main, main->reference());
   const std::string sub_name = fresh_name("sub");
   auto sub =
       std::make_unique<Server>(bench, sub_name, sub_server(bench, sub_name, name, directory));
-  Contender proxy{waits + ", sub server", {}, waits != "early"};
+  Contender proxy{"through a sub server", {}};
   proxy.sides.push_back(std::make_unique<PortSide>(std::move(main), std::move(sub)));
   return proxy;
 }
 
-Contender start_waking_servant(const Bench& bench) {
-  Contender servant{waking_servant, {}};
-  for (unsigned int i = 0; i < bench.amount(3U, 1U); ++i) {
-    servant.sides.push_back(std::make_unique<PortSide>(
-        std::make_unique<Server>(bench, fresh_name("waking"), waking_server())));
-  }
-  return servant;
-}
-
-std::vector<std::vector<double>> compare(
-    const std::vector<const Contender*>& contenders, unsigned int rounds,
-    const std::function<std::vector<double>(Side&, const Contender&)>& measure) {
+std::vector<std::vector<double>> compare(const Contenders& contenders, unsigned int rounds,
+                                         const std::function<std::vector<double>(Side&)>& measure) {
   std::vector<std::vector<std::vector<double>>> slices(contenders.size());  // by figure
-  for (const Contender* contender : contenders) {
-    for (const auto& side : contender->sides) measure(*side, *contender);
+  for (const Contender& contender : contenders) {
+    for (const auto& side : contender.sides) measure(*side);
   }
   for (unsigned int round = 0; round < rounds; ++round) {
     for (std::size_t i = 0; i < contenders.size(); ++i) {
-      const auto& sides = contenders[i]->sides;
-      const auto figures = measure(*sides[round % sides.size()], *contenders[i]);
+      const auto& sides = contenders[i].sides;
+      const auto figures = measure(*sides[round % sides.size()]);
       slices[i].resize(figures.size());
       for (std::size_t k = 0; k < figures.size(); ++k) slices[i][k].push_back(figures[k]);
     }
@@ -179,10 +160,10 @@ std::vector<std::vector<double>> compare(
   return medians;
 }
 
-std::vector<const Child*> processes_of(const std::vector<const Contender*>& contenders) {
-  std::vector<const Child*> all;
-  for (const Contender* contender : contenders) {
-    for (const auto& side : contender->sides) {
+std::vector<const Process*> processes_of(const Contenders& contenders) {
+  std::vector<const Process*> all;
+  for (const Contender& contender : contenders) {
+    for (const auto& side : contender.sides) {
       const auto some = side->processes();
       all.insert(all.end(), some.begin(), some.end());
     }

@@ -9,13 +9,12 @@ namespace portsvc::bench {
 void measure_against_empty_servant(const Bench& bench);
 /// Events from producers to a consumer, beside other stores that do the same.
 void measure_event_stores(const Bench& bench);
-/// Events sent into a box that keeps them, and taken from it.
-void measure_keeping(const Bench& bench);
 /// Operations beside many ports and many client handles.
 void measure_growth(const Bench& bench);
 /// The cost of blocked callers, to the server and to others.
 void measure_blocked_callers(const Bench& bench);
-/// Requests and replies, and events handed to a waiting consumer, beside other ways to wait.
+/// Requests and replies, and events handed to a waiting consumer, beside a condition variable and
+/// NATS.
 void measure_exchanges(const Bench& bench);
 void measure_hand_overs(const Bench& bench);
 /// Cloning, and copies of events to sub servers.

@@ -2,24 +2,15 @@
 
 #include <fmt/format.h>
 
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <utility>
 
+#include "tests/support/threads.h"
+
 namespace portsvc::bench {
 namespace {
-
-constexpr const char* any_endpoint = "giop:tcp:127.0.0.1:0";
-
-std::vector<std::string> with_ior_file(std::vector<std::string> command, const std::string& file) {
-  command.insert(command.end(), {"--ior-file", file});
-  return command;
-}
-
-std::vector<std::string> server_command(const Bench& bench, const std::string& role,
-                                        const std::string& name) {
-  return {bench.port_server, role,         "--name",      name,
-          "--endpoint",      any_endpoint, "--state-dir", bench.folder.path(name + ".state")};
-}
 
 CORBA::ULong connect(Port_Factory_ptr server, const std::string& port, CORBA::ULong mode,
                      CORBA::ULong access) {
@@ -31,15 +22,25 @@ CORBA::ULong connect(Port_Factory_ptr server, const std::string& port, CORBA::UL
 
 }  // namespace
 
-Server::Server(const Bench& bench, const std::string& name, std::vector<std::string> command)
-    : ior_file_(bench.folder.path(name + ".ior")),
-      process_(with_ior_file(std::move(command), ior_file_), bench.folder.path(name)) {
-  wait_until(
-      [&] {
-        process_.require_alive();
-        return !read_all(ior_file_).empty();
-      },
-      std::chrono::seconds(60), name + " starts");
+void await(const Process& process, const std::function<bool()>& done, std::chrono::seconds patience,
+           const std::string& what) {
+  const bool in_time = eventually([&] { return !process.running() || done(); }, patience);
+  if (!process.running()) {
+    const std::string text = process.out() + process.err();
+    throw std::runtime_error(
+        fmt::format("{}: a process ended: {}", what,
+                    text.substr(text.size() - std::min<std::size_t>(text.size(), 500))));
+  }
+  if (!in_time) {
+    throw std::runtime_error(fmt::format("{}: not within {} s", what, patience.count()));
+  }
+}
+
+Server::Server(const Bench& bench, const std::string& name, const Words& command)
+    : ior_file_(bench.folder.path(name + ".ior")), process_(command, bench.folder.path(name)) {
+  await(
+      process_, [&] { return !read_all(ior_file_).empty(); }, std::chrono::seconds(60),
+      name + " starts");
   const CORBA::Object_var object = bench.broker.from_text(reference());
   reference_ = Varo::DT_PORT_SVC::Port_Factory::_narrow(object.in());
   if (CORBA::is_nil(reference_.in())) throw std::runtime_error(name + " is no port service");
@@ -51,46 +52,33 @@ std::string Server::reference() const {
   return text;
 }
 
-std::vector<std::string> main_server(const Bench& bench, const std::string& name,
-                                     const std::string& waits) {
-  std::vector<std::string> command = server_command(bench, "main", name);
-  if (!waits.empty()) command.insert(command.end(), {"--waits", waits});
-  return command;
+Words main_server(const Bench& bench, const std::string& name) {
+  return Words{bench.port_server} + server_words("main", name, 0, bench.folder.path());
 }
 
-std::vector<std::string> sub_server(const Bench& bench, const std::string& name,
-                                    const std::string& main, const std::string& directory) {
-  std::vector<std::string> command = server_command(bench, "sub", name);
-  command.insert(command.end(), {"--main", main, "--directory", directory});
-  return command;
+Words sub_server(const Bench& bench, const std::string& name, const std::string& main,
+                 const std::string& directory) {
+  return Words{bench.port_server} + server_words("sub", name, 0, bench.folder.path()) +
+         Words{"--main", main, "--directory", directory};
 }
 
-std::vector<std::string> empty_server() { return {own_path(), "empty-server"}; }
+Words servant_server(const Bench& bench, const char* servant, const std::string& name) {
+  return {own_path(), servant, "--ior-file", bench.folder.path(name + ".ior")};
+}
 
-std::vector<std::string> waking_server() { return {own_path(), "waking-server"}; }
+std::string own_path() { return std::filesystem::read_symlink("/proc/self/exe"); }
 
-std::string own_path() { return "/proc/self/exe"; }
+void enter(const std::string& file, const std::string& server, const char* role,
+           const std::string& reference) {
+  std::ofstream(file, std::ios::app) << directory_entry(server, role, reference);
+}
 
-CORBA::ULong connect_client(Port_Factory_ptr server, const std::string& port, CORBA::ULong access) {
-  return connect(server, port, CONNECT_CLIENT, access);
+CORBA::ULong connect_client(Port_Factory_ptr server, const std::string& port) {
+  return connect(server, port, CONNECT_CLIENT, ACCESS_WAIT);
 }
 
 CORBA::ULong connect_owner(Port_Factory_ptr server, const std::string& port, CORBA::ULong access) {
   return connect(server, port, CONNECT_OWNER, access);
-}
-
-CORBA::ULong own_and_admit_always(Port_Factory_ptr server, const std::string& port) {
-  const CORBA::ULong id = connect_owner(server, port, ACCESS_SELECT);
-  // A selection that is refused for its second handle leaves the first port marked as watched.
-  Varo::PORT_HANDLE_SET handles;
-  handles.length(2);
-  handles[0] = id;
-  handles[1] = any_handle;
-  CORBA::ULong ready = 0;
-  if (server->select_event_port(handles, ready, 1) != result::unknown_handle) {
-    throw std::runtime_error("the selection was not refused");
-  }
-  return id;
 }
 
 }  // namespace portsvc::bench

@@ -2,20 +2,24 @@
 // starts.
 #pragma once
 
-#include <array>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "bench/calls.h"
-#include "bench/child_process.h"
 #include "bench/measure.h"
+#include "bench/pinned.h"
 #include "bench/table.h"
 #include "middleware/orb/orb.h"
+#include "tests/support/folder.h"
 
 namespace portsvc::bench {
 
 using Varo::DT_PORT_SVC::Port_Factory_ptr;
 using Varo::DT_PORT_SVC::Port_Factory_var;
+
+/// The payload of whatever has no other.
+constexpr std::size_t small_payload = 100;
 
 /// One run.
 struct Bench {
@@ -33,51 +37,51 @@ struct Bench {
   }
 };
 
+/// Polls until `done` is true. Throws, naming `what`, when that takes longer than `patience`, and
+/// when the process ends meanwhile.
+void await(const Process& process, const std::function<bool()>& done, std::chrono::seconds patience,
+           const std::string& what);
+
 /// A server in a process of its own on a free port of the loopback.
 class Server {
  public:
-  /// Starts `command`, to which "--ior-file FILE" is added, and waits until it serves. `name` is
+  /// Starts `command`, one of those below of the same name, and waits until it serves. `name` is
   /// unlike that of any other server of the run.
-  Server(const Bench& bench, const std::string& name, std::vector<std::string> command);
+  Server(const Bench& bench, const std::string& name, const Words& command);
 
   Port_Factory_ptr get() const { return reference_.in(); }
   Port_Factory_ptr operator->() const { return reference_.in(); }
-  const Child& process() const { return process_; }
+  const Process& process() const { return process_; }
   /// The stringified reference.
   std::string reference() const;
 
  private:
   const std::string ior_file_;
-  const Child process_;
+  const Process process_;
   Port_Factory_var reference_;
 };
 
-/// How a server may end its waits, for its option --waits; the one that counts first.
-constexpr std::array<const char*, 2> server_waits{{"early", "paused"}};
-
-/// The command of a main server, with its own way to wait unless one is named.
-std::vector<std::string> main_server(const Bench& bench, const std::string& name,
-                                     const std::string& waits = "");
+/// The command of a main server.
+Words main_server(const Bench& bench, const std::string& name);
 /// The command of a sub server that finds its main server in a directory file.
-std::vector<std::string> sub_server(const Bench& bench, const std::string& name,
-                                    const std::string& main, const std::string& directory);
-/// The command of a server whose servant does nothing. Its handles mean sizes: packet_receive_n
-/// answers `count` payloads of `id` bytes each, packet_replay_wait one of `handle` bytes.
-std::vector<std::string> empty_server();
-/// The command of a server of the waking servant.
-std::vector<std::string> waking_server();
+Words sub_server(const Bench& bench, const std::string& name, const std::string& main,
+                 const std::string& directory);
+// Servants that this program serves. The empty one's handles mean sizes: packet_receive_n answers
+// `count` payloads of `id` bytes each, packet_replay_wait one of `handle` bytes.
+constexpr const char* empty_server = "empty-server";
+constexpr const char* waking_server = "waking-server";
+Words servant_server(const Bench& bench, const char* servant, const std::string& name);
 /// This program, for the roles it plays in other processes.
 std::string own_path();
 
+/// Enters a server in a directory file.
+void enter(const std::string& file, const std::string& server, const char* role,
+           const std::string& reference);
+
 /// Makes the caller a client of the port; its handle.
-CORBA::ULong connect_client(Port_Factory_ptr server, const std::string& port,
-                            CORBA::ULong access = ACCESS_WAIT);
+CORBA::ULong connect_client(Port_Factory_ptr server, const std::string& port);
 /// Makes the caller the owner of the port; the port's id.
 CORBA::ULong connect_owner(Port_Factory_ptr server, const std::string& port,
                            CORBA::ULong access = ACCESS_WAIT);
-
-/// Lets clients forward to the port at any time, whether its owner takes or not: the port is
-/// watched by a selection that never ends. The caller becomes the owner; the port's id.
-CORBA::ULong own_and_admit_always(Port_Factory_ptr server, const std::string& port);
 
 }  // namespace portsvc::bench

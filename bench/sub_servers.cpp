@@ -1,7 +1,6 @@
 // Sub servers: the cloning of a main server's ports, and the copies of a main server's events.
 #include <fmt/format.h>
 
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -16,28 +15,12 @@
 namespace portsvc::bench {
 namespace {
 
-constexpr std::size_t payload_size = 100;
-
-/// A directory file with one entry per server.
-class DirectoryFile {
- public:
-  DirectoryFile(const Bench& bench, const std::string& name) : path_(bench.folder.path(name)) {}
-
-  void add(const std::string& server, const char* role, const std::string& reference) {
-    std::ofstream(path_, std::ios::app)
-        << fmt::format("[{}]\nrole = {}\nreference = {}\n", server, role, reference);
-  }
-  const std::string& path() const { return path_; }
-
- private:
-  const std::string path_;
-};
-
-/// Puts a directory in use for the servants of this process.
+/// Puts a directory file in use for the servants of this process.
 class UseOfDirectory {
  public:
-  UseOfDirectory(const Bench& bench, const DirectoryFile& file) {
-    use_directory(open_file_directory(bench.broker, file.path()), "");
+  UseOfDirectory(const Bench& bench, const std::string& file) {
+    set_state_folder(bench.folder.path("state"));
+    use_directory(open_file_directory(bench.broker, file), "");
   }
   ~UseOfDirectory() { use_directory(nullptr, ""); }
   UseOfDirectory(const UseOfDirectory&) = delete;
@@ -50,11 +33,10 @@ void measure_cloning(const Bench& bench) {
   for (unsigned int i = 0; i < ports; ++i) {
     require_ok(main->create_port(fmt::format("port{:06}", i).c_str(), PORT_MASTER, 8));
   }
-  const Server empty(bench, "empty-cloned", empty_server());
-  DirectoryFile file(bench, "cloned.ini");
-  file.add("main", role_main, main.reference());
+  const Server empty(bench, "empty-cloned", servant_server(bench, empty_server, "empty-cloned"));
+  const std::string file = bench.folder.path("cloned.ini");
+  enter(file, "main", role_main, main.reference());
   const UseOfDirectory use(bench, file);
-  set_state_folder(bench.folder.path("state"));
 
   const Pinned pinned({&main.process(), &empty.process()});
   const Work empty_call{{}, [&](unsigned int) {
@@ -75,7 +57,7 @@ void measure_cloning(const Bench& bench) {
   Row row;
   row.what = "cloning 10,000 ports at the start, each";
   row.connections = 1;
-  row.processors = pinned.processors();
+  row.processors = Pinned::processors;
   row.against = "empty call";
   row.reference = seconds[0] * 1e6;
   row.value = seconds[1] * 1e6;
@@ -98,25 +80,24 @@ class Copier : public Port_Factory_Main {
   boost::shared_ptr<Port_impl> box_;
 };
 
-/// Copies a second that arrive at so many sub servers together.
-double copy_rate(const Bench& bench, unsigned int count, double& empty_seconds) {
+/// Copies a second that arrive at three sub servers together.
+void measure_copies(const Bench& bench) {
   constexpr CORBA::ULong never_full = 10'000'000;
-  DirectoryFile nobody(bench, fmt::format("nobody{}.ini", count));
-  const Server empty(bench, fmt::format("empty-copies{}", count), empty_server());
-  nobody.add("main", role_main, empty.reference());  // a main server that has no ports
-  DirectoryFile file(bench, fmt::format("copies{}.ini", count));
+  constexpr unsigned int count = 3;
+  const std::string nobody = bench.folder.path("nobody.ini");
+  const Server empty(bench, "empty-copies", servant_server(bench, empty_server, "empty-copies"));
+  enter(nobody, "main", role_main, empty.reference());  // a main server that has no ports
+  const std::string file = bench.folder.path("copies.ini");
   std::vector<std::unique_ptr<Server>> subs;
-  std::vector<const Child*> processes{&empty.process()};
+  std::vector<const Process*> processes{&empty.process()};
   for (unsigned int i = 0; i < count; ++i) {
-    const std::string name = fmt::format("copies{}-{}", count, i);
-    subs.push_back(
-        std::make_unique<Server>(bench, name, sub_server(bench, name, "main", nobody.path())));
+    const std::string name = fmt::format("copies{}", i);
+    subs.push_back(std::make_unique<Server>(bench, name, sub_server(bench, name, "main", nobody)));
     require_ok(subs.back()->get()->create_port("box", PORT_EVENTBOX, never_full));
-    file.add(name, role_sub, subs.back()->reference());
+    enter(file, name, role_sub, subs.back()->reference());
     processes.push_back(&subs.back()->process());
   }
   const UseOfDirectory use(bench, file);
-  set_state_folder(bench.folder.path("state"));
   const PortableServer::Servant_var<Copier> servant(new Copier);
 
   const auto arrived = [&] {
@@ -129,13 +110,13 @@ double copy_rate(const Bench& bench, unsigned int count, double& empty_seconds) 
     return least;
   };
   const Pinned pinned(processes);
-  const DATA_BUFFER wire = payload(payload_size);
+  const DATA_BUFFER wire = payload(small_payload);
   const Work empty_call{{}, [&](unsigned int) { require_ok(empty->update_port("box", 0, wire)); }};
-  empty_seconds = seconds_per_call(empty_call, 1, std::chrono::milliseconds(300));
+  const double empty_seconds = seconds_per_call(empty_call, 1, std::chrono::milliseconds(300));
 
   // More copies than wait for a sub server's answer are discarded: keep below that, yet never let
   // the sender run dry.
-  const CORBA::ULong most_pending = 2400 / count;
+  constexpr CORBA::ULong most_pending = 2400 / count;
   const vrBuffer data(wire.length(), wire.get_buffer());
   CORBA::ULong sent = 0;
   const auto feed = [&](CORBA::ULong received) {
@@ -152,23 +133,16 @@ double copy_rate(const Bench& bench, unsigned int count, double& empty_seconds) 
   const auto start = Clock::now();
   const auto end = start + std::chrono::milliseconds(bench.amount(3000, 500));
   while (Clock::now() < end) feed(received = arrived());
-  return static_cast<double>((arrived() - first) * count) / seconds_since(start);
-}
-
-void measure_copies(const Bench& bench) {
-  for (const unsigned int count : {1U, 3U}) {
-    double empty_seconds = 0;
-    Row row;
-    row.value = copy_rate(bench, count, empty_seconds);
-    row.what = fmt::format("copies of events to {} sub server{}", count, count == 1 ? "" : "s");
-    row.payload = size_text(payload_size);
-    row.connections = count;
-    row.processors = "one";
-    row.against = "empty calls";
-    row.reference = 1 / empty_seconds;
-    row.unit = "1/s";
-    bench.table.add(row);
-  }
+  Row row;
+  row.what = "copies of events to 3 sub servers";
+  row.payload = size_text(small_payload);
+  row.connections = count;
+  row.processors = Pinned::processors;
+  row.against = "empty calls";
+  row.reference = 1 / empty_seconds;
+  row.value = static_cast<double>((arrived() - first) * count) / seconds_since(start);
+  row.unit = "1/s";
+  bench.table.add(row);
 }
 
 }  // namespace

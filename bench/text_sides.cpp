@@ -1,13 +1,14 @@
 // Redis and NATS, each over its text protocol and one connection a thread. Their servers keep
 // nothing on disk.
-#include <arpa/inet.h>
+#include <ace/INET_Addr.h>
+#include <ace/SOCK_Connector.h>
 #include <fmt/format.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <charconv>
+#include <cstdlib>
 #include <initializer_list>
 #include <stdexcept>
 #include <string_view>
@@ -17,37 +18,26 @@
 namespace portsvc::bench {
 namespace {
 
-const std::string request_text(100, 'x');
-const std::string last_text(100, 'q');
-
-bool is_last(const std::string& text) { return text == last_text; }
-
 /// A connection for lines and counted bytes.
 class Connection {
  public:
-  explicit Connection(int port) : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int on = 1;
-    ::setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    const timeval limit{2 * wait_limit, 0};
-    ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    connected_ =
-        ::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  explicit Connection(int port) {
+    const ACE_INET_Addr address(static_cast<u_short>(port), ACE_LOCALHOST);
+    connected_ = ACE_SOCK_Connector().connect(stream_, address) == 0;
+    int on = 1;
+    stream_.set_option(IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    timeval limit{2 * wait_limit, 0};
+    stream_.set_option(SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   }
-  ~Connection() { ::close(socket_); }
+  ~Connection() { stream_.close(); }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
   bool connected() const { return connected_; }
 
   void send(std::string_view text) const {
-    while (!text.empty()) {
-      const ssize_t sent = ::send(socket_, text.data(), text.size(), MSG_NOSIGNAL);
-      if (sent <= 0) throw std::runtime_error("a connection takes nothing");
-      text.remove_prefix(static_cast<std::size_t>(sent));
+    if (stream_.send_n(text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+      throw std::runtime_error("a connection takes nothing");
     }
   }
 
@@ -71,14 +61,14 @@ class Connection {
  private:
   void receive() {
     static thread_local std::array<char, 256U << 10> chunk;
-    const ssize_t size = ::recv(socket_, chunk.data(), chunk.size(), 0);
+    const ssize_t size = stream_.recv(chunk.data(), chunk.size());
     if (size <= 0) throw std::runtime_error("a connection gives nothing");
     buffer_.erase(0, begin_);
     begin_ = 0;
     buffer_.append(chunk.data(), static_cast<std::size_t>(size));
   }
 
-  const int socket_;
+  ACE_SOCK_Stream stream_;
   bool connected_ = false;
   std::string buffer_;
   std::size_t begin_ = 0;  // of what has not been read
@@ -97,18 +87,14 @@ using Connections = std::vector<std::unique_ptr<Connection>>;
 /// A server that is there as soon as it takes connections.
 class TextSide : public Side {
  public:
-  std::vector<const Child*> processes() const override { return {&process_}; }
+  std::vector<const Process*> processes() const override { return {&process_}; }
 
  protected:
-  TextSide(const Bench& bench, const std::string& name, int port,
-           const std::vector<std::string>& command)
-      : port_(port), process_(command, bench.folder.path(name)) {
-    wait_until(
-        [&] {
-          process_.require_alive();
-          return Connection(port_).connected();
-        },
-        std::chrono::seconds(20), name + " starts");
+  TextSide(const Bench& bench, int port, const std::vector<std::string>& command)
+      : port_(port), process_(command, bench.folder.path(command[0])) {
+    await(
+        process_, [&] { return Connection(port_).connected(); }, std::chrono::seconds(20),
+        command[0] + " starts");
   }
 
   Connections connect(unsigned int count) const {
@@ -120,41 +106,20 @@ class TextSide : public Side {
   // By number, anew for each begin_...().
   Connections owners_;
   Connections clients_;
+  std::string event_;
 
  private:
   const int port_;
-  const Child process_;
+  const Process process_;
 };
 
-/// Requests are pushed on a list that their owner pops with BLPOP, replies on one for each client,
-/// which a request names in its first word.
+/// Events are pushed on a list.
 class RedisSide : public TextSide {
  public:
   RedisSide(const Bench& bench, int port)
-      : TextSide(bench, "redis", port,
+      : TextSide(bench, port,
                  {"redis-server", "--port", std::to_string(port), "--bind", "127.0.0.1", "--save",
                   "", "--appendonly", "no", "--dir", bench.folder.path()}) {}
-
-  void begin_requests(unsigned int owners, unsigned int clients, Taking) override {
-    owners_ = connect(owners);
-    clients_ = connect(clients);
-  }
-
-  void request(unsigned int client, bool last) override {
-    const std::string port = fmt::format("port{}", client % owners_.size());
-    const std::string reply = fmt::format("reply{}", client);
-    call(*clients_[client],
-         {"RPUSH", port, fmt::format("{} {}", reply, last ? last_text : request_text)});
-    pop(*clients_[client], reply);
-  }
-
-  bool serve(unsigned int owner) override {
-    const std::string request = pop(*owners_[owner], fmt::format("port{}", owner));
-    const std::size_t space = request.find(' ');
-    const std::string data = request.substr(space + 1);
-    call(*owners_[owner], {"RPUSH", request.substr(0, space), data});
-    return is_last(data);
-  }
 
   void begin_events(std::size_t size, unsigned int producers, std::size_t) override {
     event_.assign(size, 'x');
@@ -167,16 +132,13 @@ class RedisSide : public TextSide {
     call(*clients_[producer], {"RPUSH", "events", event_});
   }
 
-  void await_event() override { pop(*owners_[0], "events"); }
-
   std::size_t consume(std::size_t batch) override {
-    return call(*owners_[0], {"LPOP", "events", std::to_string(batch)}).size();
+    return call(*owners_[0], {"LPOP", "events", std::to_string(batch)});
   }
 
  private:
-  using Values = std::vector<std::string>;
-
-  static Values call(Connection& connection, std::initializer_list<std::string_view> words) {
+  /// How many values the reply has; none when it says that there are none.
+  static std::size_t call(Connection& connection, std::initializer_list<std::string_view> words) {
     std::string text = fmt::format("*{}\r\n", words.size());
     for (const std::string_view word : words) {
       text += fmt::format("${}\r\n", word.size());
@@ -184,48 +146,33 @@ class RedisSide : public TextSide {
       text += "\r\n";
     }
     connection.send(text);
-    Values values;
-    read(connection, values);
-    return values;
+    return read(connection);
   }
 
-  static std::string pop(Connection& connection, const std::string& list) {
-    Values values = call(connection, {"BLPOP", list, std::to_string(wait_limit)});
-    if (values.size() != 2) throw std::runtime_error("Redis: nothing came");
-    return std::move(values[1]);
-  }
-
-  /// The values of a reply; none when it says that there are none.
-  static void read(Connection& connection, Values& values) {
+  static std::size_t read(Connection& connection) {
     const std::string line = connection.line();
     const std::string_view rest = std::string_view(line).substr(1);
-    switch (line[0]) {
-      case '*':
-        for (long left = number(rest); left > 0; --left) read(connection, values);
-        break;
-      case '$':
-        if (const long size = number(rest); size >= 0) {
-          values.push_back(connection.bytes(static_cast<std::size_t>(size)));
-        }
-        break;
-      case '-':
-        throw std::runtime_error("Redis: " + line);
-      default:
-        values.emplace_back(rest);
+    if (line[0] == '-') throw std::runtime_error("Redis: " + line);
+    if (line[0] != '*' && line[0] != '$') return 1;
+    const long size = number(rest);
+    std::size_t values = 0;
+    if (line[0] == '*') {
+      for (long left = size; left > 0; --left) values += read(connection);
+    } else if (size >= 0) {
+      connection.bytes(static_cast<std::size_t>(size));
+      values = 1;
     }
+    return values;
   }
-
-  std::string event_;
 };
 
 /// Requests are published on a subject of their owner, replies on one of their client.
 class NatsSide : public TextSide {
  public:
   NatsSide(const Bench& bench, int port)
-      : TextSide(bench, "nats", port,
-                 {"nats-server", "-a", "127.0.0.1", "-p", std::to_string(port)}) {}
+      : TextSide(bench, port, {"nats-server", "-a", "127.0.0.1", "-p", std::to_string(port)}) {}
 
-  void begin_requests(unsigned int owners, unsigned int clients, Taking) override {
+  void begin_requests(unsigned int owners, unsigned int clients) override {
     owners_ = connect(owners);
     clients_ = connect(clients);
     for (unsigned int i = 0; i < owners; ++i) subscribe(*owners_[i], fmt::format("port{}", i));
@@ -234,14 +181,14 @@ class NatsSide : public TextSide {
 
   void request(unsigned int client, bool last) override {
     const std::string subjects = fmt::format("port{} reply{}", client % owners_.size(), client);
-    publish(*clients_[client], subjects, last ? last_text : request_text);
+    publish(*clients_[client], subjects, std::string(small_payload, last ? last_mark : 'x'));
     take(*clients_[client]);
   }
 
   bool serve(unsigned int owner) override {
     const auto [subject, data] = take(*owners_[owner]);
     publish(*owners_[owner], subject, data);
-    return is_last(data);
+    return data[0] == last_mark;
   }
 
   void begin_events(std::size_t size, unsigned int producers, std::size_t) override {
@@ -256,11 +203,9 @@ class NatsSide : public TextSide {
 
   void await_event() override { take(*owners_[0]); }
 
-  std::size_t consume(std::size_t) override {
-    throw std::logic_error("NATS keeps nothing until it is asked for");
-  }
-
  private:
+  static constexpr char last_mark = 'q';
+
   static void greet(Connection& connection) {
     connection.send("CONNECT {\"verbose\":false}\r\nPING\r\n");
     while (connection.line() != "PONG") {
@@ -291,23 +236,23 @@ class NatsSide : public TextSide {
       if (line[0] == '-') throw std::runtime_error("NATS: " + line);
     }
   }
-
-  std::string event_;
 };
 
 template <class Kind>
-Contender start(const Bench& bench, const char* name, const char* program) {
-  Contender contender{name, {}};
-  if (is_installed(program)) {
-    contender.sides.push_back(std::make_unique<Kind>(bench, free_port()));
-  }
-  return contender;
+void add(const Bench& bench, Contenders& contenders, const char* name, const std::string& program) {
+  if (std::system(("command -v " + program + " >/dev/null").c_str()) != 0) return;
+  contenders.push_back({name, {}});
+  contenders.back().sides.push_back(std::make_unique<Kind>(bench, free_port()));
 }
 
 }  // namespace
 
-Contender start_redis(const Bench& bench) { return start<RedisSide>(bench, redis, "redis-server"); }
+void add_redis(const Bench& bench, Contenders& contenders) {
+  add<RedisSide>(bench, contenders, "Redis", "redis-server");
+}
 
-Contender start_nats(const Bench& bench) { return start<NatsSide>(bench, nats, "nats-server"); }
+void add_nats(const Bench& bench, Contenders& contenders) {
+  add<NatsSide>(bench, contenders, nats, "nats-server");
+}
 
 }  // namespace portsvc::bench

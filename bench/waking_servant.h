@@ -10,13 +10,13 @@
 #include <string>
 #include <unordered_map>
 
+#include "bench/empty_servant.h"
 #include "idl/port_codes.h"
-#include "tests/empty_servant.h"
 
 namespace portsvc::bench {
 
-/// Ports and their clients are queues; port ids and handles their numbers. Nobody is refused, no
-/// sender waits, and a selection watches one port.
+/// Ports and their clients are queues; port ids and handles their numbers. Nobody is refused, and
+/// no sender waits.
 class WakingServant : public EmptyServant {
  public:
   CORBA::ULong create_port(const char* name, CORBA::ULong, CORBA::ULong limit) override {
@@ -62,15 +62,6 @@ class WakingServant : public EmptyServant {
                                   CORBA::ULong timeout) override {
     CORBA::ULong source = 0;
     return packet_receive(handle, source, data, timeout);
-  }
-
-  CORBA::ULong select_event_port(const Handles& handles, CORBA::ULong& ready,
-                                 CORBA::ULong timeout) override {
-    if (handles.length() != 1) return result::unknown_handle;
-    ready = handles[0];
-    Queue& port = queue(ready);
-    std::unique_lock<std::mutex> guard(port.lock);
-    return port.await(guard, timeout);
   }
 
   CORBA::ULong send_event(const char* name, const Data& data) override {

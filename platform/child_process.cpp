@@ -13,14 +13,17 @@
 #include <stdexcept>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 namespace portsvc {
 namespace {
 
 // Somebody in the command's group who waits for the end of this process.
-constexpr const char* guard =
-    "{ read -r gone <&3; kill -TERM 0; } >/dev/null 2>&1 &\n"
-    "exec 3<&-\n";
+std::string guard(int at_our_end) {
+  return "{ read -r gone <&3; kill -" + std::to_string(at_our_end) +
+         " 0; } >/dev/null 2>&1 &\n"
+         "exec 3<&-\n";
+}
 
 [[noreturn]] void failed(const char* what, int error) {
   throw std::runtime_error(std::string("cannot ") + what + ": " +
@@ -29,7 +32,7 @@ constexpr const char* guard =
 
 }  // namespace
 
-Child_Process::Child_Process(const std::string& command) {
+Child_Process::Child_Process(const std::string& command, int at_our_end) {
   std::array<int, 2> ends{-1, -1};
   std::array<int, 2> life{-1, -1};
   if (::pipe2(ends.data(), O_CLOEXEC) != 0) failed("make a pipe", errno);
@@ -55,7 +58,7 @@ Child_Process::Child_Process(const std::string& command) {
   ::posix_spawnattr_setpgroup(&attributes, 0);
   ::posix_spawnattr_setflags(
       &attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-  const std::string script = guard + command;
+  const std::string script = guard(at_our_end) + command;
   const char* const arguments[] = {"sh", "-c", script.c_str(), nullptr};
   const int error = ::posix_spawn(&pid_, "/bin/sh", &files, &attributes,
                                   const_cast<char* const*>(arguments), environ);
@@ -74,14 +77,32 @@ Child_Process::Child_Process(const std::string& command) {
 Child_Process::~Child_Process() {
   if (!end_) stop();
   (void)wait();
-  ::kill(-pid_, SIGKILL);  // what it has left behind in its group, which has its number till here
-  while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-  }
+  kill();  // what it has left behind in its group, which has its number till here
   ::close(output_);
   ::close(lifeline_);
 }
 
 void Child_Process::stop() const { ::kill(-pid_, SIGTERM); }
+
+void Child_Process::kill() {
+  if (std::exchange(reaped_, true)) return;
+  ::kill(-pid_, SIGKILL);
+  (void)ended(std::chrono::hours(1));
+  while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+  }
+}
+
+void Child_Process::signal(int number) {
+  if (ended(std::chrono::milliseconds(0)) || ::kill(pid_, number) != 0 || number != SIGSTOP) return;
+  // Its threads stop one after the other, and on a busy machine one may still be at work.
+  siginfo_t stopped;
+  (void)::waitid(P_PID, static_cast<id_t>(pid_), &stopped, WSTOPPED | WEXITED | WNOWAIT);
+}
+
+std::optional<int> Child_Process::status(std::chrono::milliseconds patience) {
+  if (!ended(patience)) return std::nullopt;
+  return end_->si_code == CLD_EXITED ? end_->si_status : 128 + end_->si_status;
+}
 
 bool Child_Process::ended(std::chrono::milliseconds patience) {
   const auto until = std::chrono::steady_clock::now() + patience;
@@ -93,7 +114,7 @@ bool Child_Process::ended(std::chrono::milliseconds patience) {
     } else if (std::chrono::steady_clock::now() >= until) {
       break;
     } else {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
   }
   return end_.has_value();

@@ -27,72 +27,6 @@ class EarlyWaits : public ::testing::Test {
   const Waited_On what{&object, &topic, 1};
 };
 
-/// Threads that sleep on a topic, in this order. Each answers the number of the change at which it
-/// was woken and found something.
-class Sleepers {
- public:
-  Sleepers(int count, const Topic& topic) : topic_(topic) {
-    for (int i = 0; i < count; ++i) {
-      std::promise<void> placed;
-      ends_.push_back(std::async(std::launch::async, [this, &placed] {
-        Places places(&topic_, 1);
-        placed.set_value();
-        for (;;) {
-          Sleeper::of_this_thread()->sleep();
-          places.take_again();
-          ++woken_;
-          if (there_is_something_) return change_.load();
-        }
-      }));
-      placed.get_future().wait();
-    }
-  }
-  void change(unsigned int things) {
-    ++change_;
-    something_changed(topic_, things);
-  }
-  void change_in_vain() {
-    there_is_something_ = false;
-    const int before = woken_;
-    change(1);
-    EXPECT_TRUE(eventually([&] { return woken_ > before; }));
-    there_is_something_ = true;
-  }
-  int end(std::size_t sleeper) { return ends_[sleeper].get(); }
-
- private:
-  const Topic topic_;
-  std::atomic<bool> there_is_something_{true};
-  std::atomic<int> woken_{0};
-  std::atomic<int> change_{0};
-  std::vector<std::future<int>> ends_;
-};
-
-TEST_F(EarlyWaits, WakeOnePerThingTheLongestFirst) {
-  Sleepers sleepers(5, topic);
-  something_changed({&object, 2});
-  sleepers.change_in_vain();
-  sleepers.change(1);
-  EXPECT_EQ(sleepers.end(0), 2) << "it kept its place";
-  sleepers.change(1);
-  EXPECT_EQ(sleepers.end(1), 3);
-  sleepers.change(2);
-  EXPECT_EQ(sleepers.end(2), 4);
-  EXPECT_EQ(sleepers.end(3), 4);
-  sleepers.change(1);
-  EXPECT_EQ(sleepers.end(4), 5);
-}
-
-TEST_F(EarlyWaits, PassOnAWakeUpThatTheyDoNotUse) {
-  auto oldest = std::make_unique<Places>(&topic, 1);
-  Sleepers younger(2, topic);
-  younger.change(1);
-  oldest.reset();
-  EXPECT_EQ(younger.end(0), 1);
-  everything_changed(topic);
-  EXPECT_EQ(younger.end(1), 1);
-}
-
 TEST_F(EarlyWaits, EndByAWakeUpAtAnyTimeAndByThePauseWithoutOne) {
   const auto own = std::this_thread::get_id();
   std::atomic<bool> there{false};
@@ -196,8 +130,9 @@ class Endless_Pauses final : public Clock {
   }
   void poll(const Waited_On& what, const std::function<bool(Turn)>& step) override {
     Places places(what.topics, what.topic_count);
+    if (++tests, step(Turn::woken)) return;
     ++waiting;
-    while (++tests, !step(Turn::woken)) {
+    do {
       if (!Sleeper::of_this_thread()->sleep_until(Steady::now() + 10s)) {
         ADD_FAILURE() << "nobody woke the wait";
         while (!step(Turn::pause_over)) {
@@ -205,7 +140,7 @@ class Endless_Pauses final : public Clock {
         break;
       }
       places.take_again();
-    }
+    } while (++tests, !step(Turn::woken));
     --waiting;
   }
   void await(int waits) {
@@ -219,8 +154,9 @@ class Endless_Pauses final : public Clock {
 class WokenWaits : public EarlyWaits {
  protected:
   WokenWaits() {
-    for (const char* name : {"p", "q"}) server.create_port(name, PORT_MASTER, 100);
-    server.create_port("box", PORT_EVENTBOX, 100);
+    create(server, {"p", "q"});
+    create(server, {"box"}, PORT_EVENTBOX);
+    owner(server, "box");
   }
   template <class Wait>
   auto begun(Wait wait, int waits = 1) {
@@ -235,6 +171,9 @@ class WokenWaits : public EarlyWaits {
 
   Endless_Pauses clock;
   MainServer server;
+  const std::function<std::string()> take_event = [this] {
+    return std::get<2>(receive(server, id_of(server, "box"), 5));
+  };
 };
 
 TEST_F(WokenWaits, OfPacketsRepliesAndAdmission) {
@@ -254,20 +193,37 @@ TEST_F(WokenWaits, OfPacketsRepliesAndAdmission) {
   EXPECT_EQ(answer.get(), Reply(result::ok, "z"));
 }
 
-TEST_F(WokenWaits, OfEvents) {
-  const unsigned int box = owner(server, "box");
-  const auto take = [&] { return std::get<2>(receive(server, box, 5)); };
-  auto first = begun(take);
-  auto second = begun(take, 2);
-  Varo::DATA_BUFFER_SEQ two;
-  two.length(2);
-  two[0] = wire("a");
-  two[1] = wire("b");
+TEST_F(WokenWaits, OnePerThingTheLongestFirst) {
+  const Topic packets{server.get_port("box").get(), 0};
+  std::vector<std::future<std::string>> takes;
+  for (int i = 1; i <= 4; ++i) takes.push_back(begun(take_event, i));
+  const int before = clock.tests;
+  something_changed({&packets, 0});
+  something_changed(packets);  // in vain: the first keeps its place
+  EXPECT_TRUE(eventually([&] { return clock.tests > before; }));
+  server.send_event("box", wire("a"));
+  EXPECT_EQ(takes[0].get(), "a");
+  server.send_event("box", wire("b"));
+  EXPECT_EQ(takes[1].get(), "b");
   server.add_event("box", 7);
-  server.declare_event_n(7, two, 0);
-  EXPECT_EQ(std::set<std::string>({first.get(), second.get()}), std::set<std::string>({"a", "b"}));
+  server.declare_event_n(7, wires({"c", "d"}), 0);
+  EXPECT_EQ(std::set<std::string>({takes[2].get(), takes[3].get()}),
+            std::set<std::string>({"c", "d"}));
+  EXPECT_EQ(clock.tests, before + 5) << "somebody was woken for nothing";
+}
+
+TEST_F(WokenWaits, PassOnAWakeUpThatTheyDoNotUse) {
+  const Topic packets{server.get_port("box").get(), 0};
+  auto oldest = std::make_unique<Places>(&packets, 1);
+  auto younger = begun(take_event);
+  server.send_event("box", wire("x"));
+  oldest.reset();
+  EXPECT_EQ(younger.get(), "x");
+}
+
+TEST_F(WokenWaits, OfEvents) {
   for (const bool front : {false, true}) {
-    auto next = begun(take);
+    auto next = begun(take_event);
     if (front) {
       server.update_port_front("box", 0, wire("c"));
     } else {
@@ -337,19 +293,18 @@ TEST_F(EarlyWaits, LoseNothingAndHangNowhereUnderStress) {
   constexpr int threads = 4;
   constexpr int per_thread = 150;
   MainServer server;
-  for (const char* name : {"work", "seen", "gone"}) server.create_port(name, PORT_MASTER, 100000);
-  server.create_port("box", PORT_EVENTBOX, 100000);
+  create(server, {"work", "seen"}, PORT_MASTER, 100000);
+  create(server, {"box"}, PORT_EVENTBOX, 100000);
   const unsigned int work = owner(server, "work"), box = owner(server, "box");
   const unsigned int seen = owner(server, "seen", ACCESS_SELECT);
 
   std::mutex lock;
   std::multiset<std::string> sent, taken;  // guarded by lock
   std::atomic<int> sending{2 * threads};
-  std::atomic<bool> stop{false};
-  const auto in_time = [](const char* call_name, int seconds, auto call) {
+  const auto in_time = [](int seconds, auto call) {
     const auto start = Steady::now();
     const auto answer = call();
-    EXPECT_LT(Steady::now() - start, std::chrono::seconds(seconds) + 3s) << call_name;
+    EXPECT_LT(Steady::now() - start, std::chrono::seconds(seconds) + 3s);
     return answer;
   };
   const auto note = [&](std::multiset<std::string>& where, const std::string& text) {
@@ -357,7 +312,7 @@ TEST_F(EarlyWaits, LoseNothingAndHangNowhereUnderStress) {
     where.insert(text);
   };
   const auto take = [&](unsigned int id) {
-    const auto [code, source, text] = in_time("take", 1, [&] { return receive(server, id, 1); });
+    const auto [code, source, text] = in_time(1, [&] { return receive(server, id, 1); });
     if (code != result::ok) return false;
     note(taken, text);
     if (source != 0) server.packet_replay(source, wire(text), 0);
@@ -368,11 +323,9 @@ TEST_F(EarlyWaits, LoseNothingAndHangNowhereUnderStress) {
         const unsigned int handle = client(server, i % 2 ? "work" : "seen");
         for (int n = 0; n < per_thread; ++n) {
           const std::string text = fmt::format("{}.{}", i, n);
-          if (in_time("send", 1, [&] { return send(server, handle, text.c_str(), 1); }) != 0) {
-            continue;
-          }
+          if (in_time(1, [&] { return send(server, handle, text, 1); }) != 0) continue;
           note(sent, text);
-          EXPECT_EQ(in_time("reply", 5, [&] { return reply(server, handle, 5); }).second, text);
+          EXPECT_EQ(in_time(5, [&] { return reply(server, handle, 5); }).second, text);
         }
         --sending;
       },
@@ -385,21 +338,14 @@ TEST_F(EarlyWaits, LoseNothingAndHangNowhereUnderStress) {
         --sending;
       },
       [&](int i) {
-        if (i % 10 > 1) return;
-        while (sending > 0) take(work);
-        while (take(work)) {
-        }
-      },
-      [&](int) {
-        while (sending > 0) take(box);
-        while (take(box)) {
+        const unsigned int id = i % 2 ? work : box;
+        while (take(id) || sending > 0) {
         }
       },
       [&](int) {  // an owner that selects
         for (;;) {
-          const auto [code, ready] = in_time("select", 1, [&] {
-            return select(server, &MainServer::select_event_port, {seen}, 1);
-          });
+          const auto [code, ready] =
+              in_time(1, [&] { return select(server, &MainServer::select_event_port, {seen}, 1); });
           if (code != 0 && sending == 0) return;
           take(ready);
         }
@@ -413,7 +359,7 @@ TEST_F(EarlyWaits, LoseNothingAndHangNowhereUnderStress) {
           auto blocked = std::async(std::launch::async, [&] { return receive(server, id, 1); });
           server.disconnect_port(handle);
           server.delete_port(name.c_str());
-          in_time("a deleted port's take", 1, [&] { return blocked.get(); });
+          in_time(1, [&] { return blocked.get(); });
         }
       },
   };

@@ -10,11 +10,7 @@ namespace {
 
 class Selection : public ::testing::Test {
  protected:
-  Selection() {
-    for (const char* name : {"a", "b", "c"}) {
-      EXPECT_EQ(server.create_port(name, PORT_MASTER, 5), result::ok);
-    }
-  }
+  Selection() { create(server, {"a", "b", "c"}); }
   unsigned int watcher(const char* name) { return owner(server, name, ACCESS_SELECT); }
   unsigned int waiter(const char* name) { return client(server, name, ACCESS_SELECT); }
 

@@ -22,8 +22,8 @@ INSTANTIATE_TEST_SUITE_P(, Waits, ::testing::Values("early", "paused"),
 TEST_P(Waits, ADeadCallerSwallowsNothing) {
   NEEDS_OMNIORB();
   const Port_Factory_var main = server("main");
-  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
-  EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 8), result::ok);
+  create(main, {"p"});
+  create(main, {"box"}, PORT_EVENTBOX);
 
   for (const char* name : {"p", "box"}) {
     const bool box = std::string(name) == "box";
@@ -54,7 +54,7 @@ TEST_P(Waits, ADeadCallerSwallowsNothing) {
 TEST_P(Waits, DeadCallersGiveTheirConnectionsBack) {
   NEEDS_OMNIORB();
   const Port_Factory_var main = server("main");
-  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+  create(main, {"p"});
   const unsigned int id = connected(main, "p", CONNECT_OWNER);
   const unsigned int sender = connected(main, "p", CONNECT_CLIENT, ACCESS_SELECT);
   const int sockets = process("main").sockets();
