@@ -253,11 +253,11 @@ TEST_F(SlavePort, WaitsForEverInPieces) {
   EXPECT_EQ(std::get<0>(receive(0)), result::ok);
   EXPECT_EQ(send(758, 0), result::ok);
   EXPECT_EQ(reply(758, 0), Reply(result::ok, "reply"));
-  EXPECT_EQ(peer->calls(),
-            (Texts{"packet_receive 77 30", "packet_receive 77 30", "packet_receive 77 30",
-                   "connect_port p 30003 30001", "packet_foward 2 data 30",
-                   "packet_foward 2 data 30", "packet_replay_wait 2 30", "packet_replay_wait 2 30",
-                   "disconnect_port 2"}));
+  EXPECT_EQ(
+      peer->calls(),
+      (Texts{"packet_receive 77 30", "packet_receive 77 30", "packet_receive 77 30",
+             "connect_port p 30003 30001", "packet_foward 2 data 30", "packet_foward 2 data 30",
+             "packet_replay_wait 2 30", "packet_replay_wait 2 30", "disconnect_port 2"}));
 }
 
 TEST_F(SlavePort, AnswersACodeForEveryBrokerException) {
