@@ -1,4 +1,5 @@
 // What port_bench does in processes of its own.
+#include <fmt/format.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -55,18 +56,19 @@ int serve_empty(const std::string& ior_file) { serve(new SizedServant, ior_file)
 
 int serve_waking(const std::string& ior_file) { serve(new WakingServant, ior_file); }
 
-int hold_callers(const std::string& reference, const std::vector<unsigned int>& ids) {
+int hold_callers(const std::string& reference, unsigned int count) {
   allow_many_connections();
   orb::Broker broker(orb::Options{});
   const CORBA::Object_var object = broker.from_text(reference);
   const Port_Factory_var server = Varo::DT_PORT_SVC::Port_Factory::_narrow(object.in());
-  in_parallel(static_cast<int>(ids.size()), [&](int thread) {
+  in_parallel(static_cast<int>(count), [&](int thread) {
     // All at once would overrun the server's backlog, and most would try again after seconds only.
     std::this_thread::sleep_for(std::chrono::milliseconds(thread));
+    Varo::DT_PORT_SVC::PORT_INFO port;
+    require_ok(server->get_port_info(fmt::format("waited{}", thread).c_str(), port));
     CORBA::ULong source = 0;
     Varo::DATA_BUFFER_var data;
-    server->packet_receive(ids[static_cast<std::size_t>(thread)], source, data.out(),
-                           0);  // without a limit
+    server->packet_receive(port.port_id, source, data.out(), 0);  // without a limit
   });
   throw std::runtime_error("a blocked call ended");
 }

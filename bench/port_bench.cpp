@@ -128,14 +128,13 @@ int main(int argc, char** argv) {
   std::string file;
   std::string reference;
   unsigned int count = 0;
-  std::vector<unsigned int> ids;
   CLI::App* const empty = app.add_subcommand(empty_server)->group("");
   empty->add_option("--ior-file", file)->required();
   CLI::App* const waking = app.add_subcommand(waking_server)->group("");
   waking->add_option("--ior-file", file)->required();
   CLI::App* const callers = app.add_subcommand("blocked-callers")->group("");
   callers->add_option("reference", reference)->required();
-  callers->add_option("ids", ids)->required();
+  callers->add_option("count", count)->required();
   CLI::App* const bare = app.add_subcommand("bare-threads")->group("");
   bare->add_option("count", count)->required();
   CLI11_PARSE(app, argc, argv);
@@ -145,7 +144,7 @@ int main(int argc, char** argv) {
   try {
     if (*empty) return serve_empty(file);
     if (*waking) return serve_waking(file);
-    if (*callers) return hold_callers(reference, ids);
+    if (*callers) return hold_callers(reference, count);
     if (*bare) return run_bare_threads(count);
     if (list) {
       for (const Section& section : sections) fmt::print("{}\n", section.name);

@@ -25,9 +25,9 @@ void measure_sub_servers(const Bench& bench);
 /// Serves an empty servant, or the waking servant, and writes its reference to `ior_file`.
 int serve_empty(const std::string& ior_file);
 int serve_waking(const std::string& ior_file);
-/// Makes one blocked call for each of the port ids, all at once: its owner takes a packet that
-/// never comes.
-int hold_callers(const std::string& reference, const std::vector<unsigned int>& ids);
+/// Makes one blocked call for each of the ports waited0, waited1, ..., all at once: its owner takes
+/// a packet that never comes.
+int hold_callers(const std::string& reference, unsigned int count);
 /// `count` threads that take a free mutex and sleep 10 ms, over and over.
 int run_bare_threads(unsigned int count);
 

@@ -23,14 +23,14 @@ class Waited {
                 main_server(bench, fmt::format("waited{}", callers))) {
     require_ok(server_->create_port("free", PORT_MASTER, 8));
     if (callers != 0) {
-      std::vector<std::string> command{own_path(), "blocked-callers", server_.reference()};
       for (unsigned int i = 0; i < callers; ++i) {
         const std::string port = fmt::format("waited{}", i);
         require_ok(server_->create_port(port.c_str(), PORT_MASTER, 8));
-        command.push_back(std::to_string(connect_owner(server_.get(), port)));
+        connect_owner(server_.get(), port);
       }
-      holder_ =
-          std::make_unique<Process>(command, bench.folder.path(fmt::format("callers{}", callers)));
+      holder_ = std::make_unique<Process>(
+          Words{own_path(), "blocked-callers", server_.reference(), std::to_string(callers)},
+          bench.folder.path(fmt::format("callers{}", callers)));
       // A blocked call holds a thread of the server. Ten thousand take their time on a busy
       // machine: with each connection that comes the broker looks at all it has.
       await(

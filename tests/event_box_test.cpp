@@ -44,7 +44,7 @@ TEST_F(EventBox, LetsGoOfNothingUnderALock) {
   };
   std::vector<std::future<unsigned int>> answers;
   const auto ask = [&] {
-    answers.push_back(std::async(std::launch::async, [&] {
+    answers.push_back(started([&] {
       CORBA::ULong count = 0;
       return server.event_count("one", count);
     }));
@@ -122,7 +122,7 @@ TEST_F(EventBox, WaitsAsItsOwnersModeAndTheTimeoutSay) {
   EXPECT_EQ(receive(5), nothing);
   EXPECT_NEAR(clock.elapsed(), 5.01, 0.02);
 
-  auto taken = std::async(std::launch::async, [&] { return receive(5); });
+  auto taken = started([&] { return receive(5); });
   ASSERT_TRUE(clock.await_poll(&box));
   box.push_event(event("late"));
   EXPECT_EQ(taken.get(), Received(result::ok, 0, "late"));

@@ -86,13 +86,6 @@ TEST_F(MainRole, RemembersWhoKeepsAPort) {
   server.clearAll();
   EXPECT_EQ(inquire(server, "p"), Keeper(result::ok, "A")) << "the first record stays";
   EXPECT_EQ(inquire(server, "q"), Keeper(result::ok, "plant/main"));
-  in_parallel(4, [&](int i) {
-    for (int n = 0; n < 100; ++n) {
-      const std::string name = std::to_string(n);
-      server.force_toslave(std::to_string(i).c_str(), name.c_str());
-      EXPECT_EQ(inquire(server, name.c_str()).first, result::ok);
-    }
-  });
 }
 
 TEST_F(MainRole, ForgetsTheOldestKeepersOfNamesThatAreNoPorts) {

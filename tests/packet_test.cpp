@@ -5,6 +5,7 @@
 
 #include "ports/master_port.h"
 #include "tests/support/servers.h"
+#include "tests/support/threads.h"
 
 namespace portsvc {
 namespace {
@@ -28,7 +29,7 @@ class MasterPort : public ::testing::Test {
   }
   // A take on another thread, which is waiting when this returns.
   std::future<Received> blocked_receive(unsigned int timeout = 0) {
-    auto taken = std::async(std::launch::async, [=] { return receive(timeout); });
+    auto taken = started([=] { return receive(timeout); });
     EXPECT_TRUE(clock.await_poll(&port));
     return taken;
   }
@@ -92,10 +93,10 @@ TEST_F(MasterPort, AdmitsOnePacketPerTakeForWhichASenderMayWait) {
   EXPECT_EQ(send(759, "lost", 1), result::send_timed_out);
   EXPECT_EQ(clock.pauses(), 100);
   EXPECT_EQ(port.owner_signal(), result::queue_empty);
-  auto sent = std::async(std::launch::async, [&] { return send(759, "awaited"); });
+  auto sent = started([&] { return send(759, "awaited"); });
   ASSERT_TRUE(clock.await_poll(&port));
   clock.advance(86400);
-  auto taken = std::async(std::launch::async, [&] { return receive(); });
+  auto taken = started([&] { return receive(); });
   EXPECT_EQ(taken.get(), Received(result::ok, 759, "awaited"));
   EXPECT_EQ(sent.get(), result::ok);
   EXPECT_EQ(send(758, "second"), result::owner_not_taking);

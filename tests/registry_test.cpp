@@ -145,7 +145,7 @@ TEST_F(Registry, LetsARunningOperationKeepItsPort) {
   create(server, {"p"});
   const unsigned int id = owner(server, "p");
   const boost::weak_ptr<Port_impl> port = server.get_port("p");
-  auto taken = std::async(std::launch::async, [&] { return receive(server, id, 5); });
+  auto taken = started([&] { return receive(server, id, 5); });
   ASSERT_TRUE(clock.await_poll());
   server.delete_port("p");
   EXPECT_FALSE(server.get_port(id));

@@ -4,6 +4,7 @@
 #include <future>
 
 #include "tests/support/servers.h"
+#include "tests/support/threads.h"
 
 namespace portsvc {
 namespace {
@@ -141,8 +142,8 @@ TEST_F(Selection, LeavesTheCountsAsTheyWereOnEveryWayOut) {
 TEST_F(Selection, TellsEveryWatcherOfAPort) {
   const unsigned int a = watcher("a");
   const auto watch = [&] { return events({a}); };
-  auto first = std::async(std::launch::async, watch);
-  auto second = std::async(std::launch::async, watch);
+  auto first = started(watch);
+  auto second = started(watch);
   ASSERT_TRUE(clock.await_poll(nullptr, 4));
   EXPECT_EQ(send(server, client(server, "a"), "x"), result::ok);
   EXPECT_EQ(first.get(), Selected(result::ok, a));

@@ -5,6 +5,7 @@
 #include <functional>
 #include <future>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace portsvc {
@@ -19,6 +20,12 @@ inline bool eventually(const std::function<bool()>& condition,
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
+}
+
+/// Does the work on a thread of its own; the answer, for which its end waits.
+template <class Work>
+auto started(Work work) {
+  return std::async(std::launch::async, std::move(work));
 }
 
 /// Runs work(0) to work(count - 1), each on a thread of its own, and waits for all; what one throws

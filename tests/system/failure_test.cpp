@@ -23,11 +23,6 @@ class Failures : public SystemTest {
   }
 };
 
-template <class Call>
-auto in_parallel_call(Call call) {
-  return std::async(std::launch::async, std::move(call));
-}
-
 TEST_F(Failures, ASubServerStartsAloneAndFindsItsMainServerWhenThatComes) {
   start("sub1");
   EXPECT_EQ(portctl("sub1", {"exists", "p"}).status, 1);
@@ -83,10 +78,9 @@ TEST_F(Failures, AKilledMainServerEndsProxiedCallsAndTheProxiesComeBack) {
 
   const unsigned int sending = connected(sub, "to send", CONNECT_CLIENT);
   const unsigned int receiving = connected(sub, "to receive", CONNECT_OWNER);
-  auto sender = in_parallel_call([&] { return send(sub, sending, "x", 0); });
-  auto owner = in_parallel_call([&] { return receive(sub, receiving, 0); });
-  auto client =
-      in_parallel_call([&] { return ask(sub, connected(sub, "to ask", CONNECT_CLIENT), "x", 0); });
+  auto sender = started([&] { return send(sub, sending, "x", 0); });
+  auto owner = started([&] { return receive(sub, receiving, 0); });
+  auto client = started([&] { return ask(sub, connected(sub, "to ask", CONNECT_CLIENT), "x", 0); });
   EXPECT_EQ(std::get<0>(receive(main, connected(main, "to ask", CONNECT_OWNER), 10)), result::ok);
   const auto arrived = [&](const std::string& operation) {
     return times_said("main", "'" + operation + "'");
@@ -124,7 +118,7 @@ TEST_F(Failures, AServerStopsWithCallsBlockedInItAndWithAFrozenPeer) {
   const Port_Factory_var sub = server("sub1");
   create(main, {"p"});
   const auto block = [](Port_Factory_ptr server, unsigned int id) {
-    return in_parallel_call([server, id] {
+    return started([server, id] {
       try {
         return std::get<0>(receive(server, id, 0));
       } catch (const CORBA::SystemException&) {

@@ -60,7 +60,7 @@ TEST_F(Limits, OfPortsClientsAndQueuedBytesRefuseWhatIsAboveThem) {
   EXPECT_EQ(times_said("main", "queued bytes is reached"), 1);
   // All of it has come back, that of packets and replies too.
   for (int i = 0; i < 20; ++i) {
-    auto taken = std::async(std::launch::async, [&] { return receive(main, owner, 10); });
+    auto taken = started([&] { return receive(main, owner, 10); });
     EXPECT_EQ(send(main, other, std::string(5000, 'y'), 10), result::ok);
     EXPECT_EQ(std::get<0>(taken.get()), result::ok);
     EXPECT_EQ(main->packet_replay(other, data, 0), result::ok);
@@ -77,7 +77,7 @@ TEST_F(Limits, OfBlockedCallsAndConnectionsLeaveTheOthersAlone) {
   const unsigned int client = connected(main, "p", CONNECT_CLIENT);
   std::vector<std::future<unsigned int>> calls;
   for (int i = 0; i < 4; ++i) {
-    calls.push_back(std::async(std::launch::async, [&] {
+    calls.push_back(started([&] {
       unsigned int code = 0;
       const unsigned int minor = refused([&] { code = std::get<0>(receive(main, id, 2)); });
       return minor != 0 ? minor : code;

@@ -27,7 +27,7 @@ class Restarts : public SystemTest {
   /// A request from a client at one server to an owner at one, who has not answered yet.
   static Received pass(Port_Factory_ptr from, unsigned int client, Port_Factory_ptr to,
                        unsigned int owner, const std::string& data = "x") {
-    auto sent = std::async(std::launch::async, [&] { return send(from, client, data, 10); });
+    auto sent = started([&] { return send(from, client, data, 10); });
     Received received = receive(to, owner, 10);
     EXPECT_EQ(sent.get(), result::ok);
     EXPECT_EQ(std::get<0>(received), result::ok);
@@ -184,7 +184,7 @@ TEST_F(Restarts, ProxiesTakeOverNewIdsAndTheirOwnersGoOn) {
   ASSERT_TRUE(eventually([&] { return info_of(main, "q").owner_connected == 1; }));
   EXPECT_EQ(info_of(sub, "q").port_id, info_of(main, "q").port_id);
   const unsigned int client = connected(main, "q", CONNECT_CLIENT);
-  auto answer = std::async(std::launch::async, [&] { return ask(main, client, "hello", 10); });
+  auto answer = started([&] { return ask(main, client, "hello", 10); });
   const Received taken = receive(sub, owner, 10);
   EXPECT_EQ(std::get<2>(taken), "hello") << "an owner goes on with the id it was given";
   EXPECT_EQ(sub->packet_replay(std::get<1>(taken), wire("answer"), 0), result::ok);

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "persistence/whole_file.h"
 #include "tests/system/system_test.h"
 
 namespace portsvc {
@@ -94,7 +95,7 @@ TEST_F(Snapshots, ADeathWhileOneIsWrittenLeavesTheOldOne) {
         // It has been killed.
       }
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(10 + 3 * round));
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(snapshot + unfinished); }));
     kill("main");
     saving.join();
     EXPECT_TRUE(read_all(snapshot) == whole) << round;
