@@ -131,7 +131,7 @@ void measure_against_empty_servant(const Bench& bench) {
   const unsigned int pairs = bench.amount(3U, 1U);
   std::vector<std::unique_ptr<Server>> servers;
   std::vector<Side> sides;  // the empty one and the real one in turn
-  std::vector<const Child*> processes;
+  std::vector<const Process*> processes;
   for (unsigned int i = 0; i < pairs; ++i) {
     for (const bool real : {false, true}) {
       const std::string name = fmt::format("{}{}", real ? "limit" : "empty", i);

@@ -24,7 +24,7 @@ class Side {
  public:
   virtual ~Side() = default;
 
-  virtual std::vector<const Child*> processes() const = 0;
+  virtual std::vector<const Process*> processes() const = 0;
 
   /// Prepares for requests of 100 B from clients, client c to the port of owner c % `owners`.
   virtual void begin_requests(unsigned int owners, unsigned int clients, Taking taking) = 0;
@@ -71,7 +71,7 @@ std::vector<std::vector<double>> compare(
     const std::function<std::vector<double>(Side& side, const Contender& contender)>& measure);
 
 /// All processes of all of them.
-std::vector<const Child*> processes_of(const std::vector<const Contender*>& contenders);
+std::vector<const Process*> processes_of(const std::vector<const Contender*>& contenders);
 
 /// Measures with all of them pinned to one processor, then free to move. `measure` takes a row to
 /// begin with.

@@ -28,7 +28,7 @@ class Crowd {
     }
   }
 
-  const Child& process() const { return server_.process(); }
+  const Process& process() const { return server_.process(); }
 
   /// The client's side: a packet sent, a reply taken.
   Work packet_foward() const {

@@ -25,8 +25,8 @@ class PortSide : public Side {
     last_[0] = last_mark;
   }
 
-  std::vector<const Child*> processes() const override {
-    std::vector<const Child*> all{&server_->process()};
+  std::vector<const Process*> processes() const override {
+    std::vector<const Process*> all{&server_->process()};
     if (sub_) all.push_back(&sub_->process());
     return all;
   }
@@ -179,8 +179,8 @@ std::vector<std::vector<double>> compare(
   return medians;
 }
 
-std::vector<const Child*> processes_of(const std::vector<const Contender*>& contenders) {
-  std::vector<const Child*> all;
+std::vector<const Process*> processes_of(const std::vector<const Contender*>& contenders) {
+  std::vector<const Process*> all;
   for (const Contender* contender : contenders) {
     for (const auto& side : contender->sides) {
       const auto some = side->processes();

@@ -36,7 +36,7 @@ Server::Server(const Bench& bench, const std::string& name, std::vector<std::str
       process_(with_ior_file(std::move(command), ior_file_), bench.folder.path(name)) {
   wait_until(
       [&] {
-        process_.require_alive();
+        require_alive(process_);
         return !read_all(ior_file_).empty();
       },
       std::chrono::seconds(60), name + " starts");

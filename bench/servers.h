@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "bench/calls.h"
-#include "bench/child_process.h"
 #include "bench/measure.h"
+#include "bench/processes.h"
 #include "bench/table.h"
 #include "middleware/orb/orb.h"
 
@@ -42,13 +42,13 @@ class Server {
 
   Port_Factory_ptr get() const { return reference_.in(); }
   Port_Factory_ptr operator->() const { return reference_.in(); }
-  const Child& process() const { return process_; }
+  const Process& process() const { return process_; }
   /// The stringified reference.
   std::string reference() const;
 
  private:
   const std::string ior_file_;
-  const Child process_;
+  const Process process_;
   Port_Factory_var reference_;
 };
 

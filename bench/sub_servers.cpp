@@ -106,7 +106,7 @@ double copy_rate(const Bench& bench, unsigned int count, double& empty_seconds) 
   nobody.add("main", role_main, empty.reference());  // a main server that has no ports
   DirectoryFile file(bench, fmt::format("copies{}.ini", count));
   std::vector<std::unique_ptr<Server>> subs;
-  std::vector<const Child*> processes{&empty.process()};
+  std::vector<const Process*> processes{&empty.process()};
   for (unsigned int i = 0; i < count; ++i) {
     const std::string name = fmt::format("copies{}-{}", count, i);
     subs.push_back(

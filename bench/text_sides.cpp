@@ -97,7 +97,7 @@ using Connections = std::vector<std::unique_ptr<Connection>>;
 /// A server that is there as soon as it takes connections.
 class TextSide : public Side {
  public:
-  std::vector<const Child*> processes() const override { return {&process_}; }
+  std::vector<const Process*> processes() const override { return {&process_}; }
 
  protected:
   TextSide(const Bench& bench, const std::string& name, int port,
@@ -105,7 +105,7 @@ class TextSide : public Side {
       : port_(port), process_(command, bench.folder.path(name)) {
     wait_until(
         [&] {
-          process_.require_alive();
+          require_alive(process_);
           return Connection(port_).connected();
         },
         std::chrono::seconds(20), name + " starts");
@@ -123,7 +123,7 @@ class TextSide : public Side {
 
  private:
   const int port_;
-  const Child process_;
+  const Process process_;
 };
 
 /// Requests are pushed on a list that their owner pops with BLPOP, replies on one for each client,

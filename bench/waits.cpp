@@ -28,14 +28,14 @@ class Waited {
         require_ok(server_->create_port(port.c_str(), PORT_MASTER, 8));
         command.push_back(std::to_string(connect_owner(server_.get(), port)));
       }
-      holder_ = std::make_unique<Child>(
+      holder_ = std::make_unique<Process>(
           command, bench.folder.path(fmt::format("callers{}{}", waits, callers)));
       // A blocked call holds a thread of the server. Ten thousand take their time on a busy
       // machine: with each connection that comes the broker looks at all it has.
       wait_until(
           [&] {
-            holder_->require_alive();
-            return server_.process().threads() > callers;
+            require_alive(*holder_);
+            return server_.process().threads() > static_cast<int>(callers);
           },
           std::chrono::seconds(600), "the callers block");
     }
@@ -44,12 +44,12 @@ class Waited {
   }
 
   void freeze() const {
-    if (holder_) holder_->freeze();
-    server_.process().freeze();
+    if (holder_) holder_->signal(SIGSTOP);
+    server_.process().signal(SIGSTOP);
   }
   void thaw() const {
-    server_.process().thaw();
-    if (holder_) holder_->thaw();
+    server_.process().signal(SIGCONT);
+    if (holder_) holder_->signal(SIGCONT);
   }
 
   unsigned int callers() const { return callers_; }
@@ -62,11 +62,11 @@ class Waited {
  private:
   const unsigned int callers_;
   const Server server_;
-  std::unique_ptr<Child> holder_;
+  std::unique_ptr<Process> holder_;
 };
 
 /// Processors that a child uses while nobody else does anything.
-double cores_of(const Child& child, std::chrono::milliseconds period) {
+double cores_of(const Process& child, std::chrono::milliseconds period) {
   const double before = child.cpu_seconds();
   const auto start = Clock::now();
   std::this_thread::sleep_for(period);
@@ -92,11 +92,11 @@ void measure_crowds(const Bench& bench, const std::string& waits) {
     if (bench.quick && callers > compared_callers) continue;
     crowds.push_back(std::make_unique<Waited>(bench, waits, callers));
   }
-  const Child bare({own_path(), "bare-threads", std::to_string(compared_callers)},
-                   bench.folder.path("bare" + waits));
-  wait_until([&] { return bare.threads() > compared_callers; }, std::chrono::seconds(20),
-             "the bare threads start");
-  bare.freeze();
+  const Process bare({own_path(), "bare-threads", std::to_string(compared_callers)},
+                     bench.folder.path("bare" + waits));
+  wait_until([&] { return bare.threads() > static_cast<int>(compared_callers); },
+             std::chrono::seconds(20), "the bare threads start");
+  bare.signal(SIGSTOP);
 
   const auto period = std::chrono::milliseconds(bench.amount(1500, 500));
   constexpr std::chrono::milliseconds settling(500);
@@ -109,10 +109,10 @@ void measure_crowds(const Bench& bench, const std::string& waits) {
       measure_another_client(*crowd, period);
       crowd->freeze();
     }
-    bare.thaw();
+    bare.signal(SIGCONT);
     std::this_thread::sleep_for(settling);
     bare_cores.push_back(cores_of(bare, period));
-    bare.freeze();
+    bare.signal(SIGSTOP);
   }
 
   const Waited* alone = nullptr;

@@ -10,8 +10,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "bench/empty_servant.h"
 #include "idl/port_codes.h"
-#include "tests/empty_servant.h"
 
 namespace portsvc::bench {
 

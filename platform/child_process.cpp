@@ -20,9 +20,11 @@ namespace portsvc {
 namespace {
 
 // Somebody in the command's group who waits for the end of this process.
-constexpr const char* guard =
-    "{ read -r gone <&3; kill -TERM 0; } >/dev/null 2>&1 &\n"
-    "exec 3<&-\n";
+std::string guard(int at_our_end) {
+  return "{ read -r gone <&3; kill -" + std::to_string(at_our_end) +
+         " 0; } >/dev/null 2>&1 &\n"
+         "exec 3<&-\n";
+}
 
 /// The files that a shell is started with, by number; one below 0 is left out.
 struct Shell_Files {
@@ -99,10 +101,10 @@ class Filter {
 
 }  // namespace
 
-Child_Process::Child_Process(const std::string& command) {
+Child_Process::Child_Process(const std::string& command, int at_our_end) {
   Pipe output;
   Pipe life;
-  pid_ = start_shell(guard + command, {-1, output.write_end.fd(), life.read_end.fd()});
+  pid_ = start_shell(guard(at_our_end) + command, {-1, output.write_end.fd(), life.read_end.fd()});
   output_ = std::move(output.read_end);
   lifeline_ = std::move(life.write_end);
 }
@@ -110,10 +112,30 @@ Child_Process::Child_Process(const std::string& command) {
 Child_Process::~Child_Process() {
   if (!end_) stop();
   (void)wait();
-  end_group(pid_);  // it has its number till here
+  kill();  // what it has left behind in its group, which has its number till here
 }
 
 void Child_Process::stop() const { ::kill(-pid_, SIGTERM); }
+
+void Child_Process::kill() {
+  if (std::exchange(reaped_, true)) return;
+  ::kill(-pid_, SIGKILL);
+  (void)ended(std::chrono::hours(1));
+  while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+  }
+}
+
+void Child_Process::signal(int number) {
+  if (ended(std::chrono::milliseconds(0)) || ::kill(pid_, number) != 0 || number != SIGSTOP) return;
+  // Its threads stop one after the other, and on a busy machine one may still be at work.
+  siginfo_t stopped;
+  (void)::waitid(P_PID, static_cast<id_t>(pid_), &stopped, WSTOPPED | WEXITED | WNOWAIT);
+}
+
+std::optional<int> Child_Process::status(std::chrono::milliseconds patience) {
+  if (!ended(patience)) return std::nullopt;
+  return end_->si_code == CLD_EXITED ? end_->si_status : 128 + end_->si_status;
+}
 
 bool Child_Process::ended(std::chrono::milliseconds patience) {
   const auto until = std::chrono::steady_clock::now() + patience;
@@ -125,7 +147,7 @@ bool Child_Process::ended(std::chrono::milliseconds patience) {
     } else if (std::chrono::steady_clock::now() >= until) {
       break;
     } else {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
   }
   return end_.has_value();

@@ -19,9 +19,9 @@ namespace portsvc {
 /// Used by one thread, but for stop().
 class Child_Process {
  public:
-  /// Runs `command` with /bin/sh. Throws std::system_error, with a line for people, when no process
-  /// can be made.
-  explicit Child_Process(const std::string& command);
+  /// Runs `command` with /bin/sh. Its group is sent `at_our_end` when this process ends first.
+  /// Throws std::system_error, with a line for people, when no process can be made.
+  explicit Child_Process(const std::string& command, int at_our_end = SIGTERM);
   /// stop(), if it still runs; SIGKILL to the group when it has not ended two seconds later.
   ~Child_Process();
   Child_Process(const Child_Process&) = delete;
@@ -35,6 +35,15 @@ class Child_Process {
 
   /// Asks the group to end: SIGTERM. Any thread; returns at once.
   void stop() const;
+  /// SIGKILL to the group; returns when the command is gone. The last that is done to it.
+  void kill();
+  /// Sends the command alone a signal. After SIGSTOP it stands still when this returns.
+  void signal(int number);
+
+  /// Its process id, its own until kill().
+  pid_t pid() const { return pid_; }
+  /// Its exit status, 128 + number after a signal; nothing when it still runs after `patience`.
+  std::optional<int> status(std::chrono::milliseconds patience);
 
   /// How it ended, for people: "exit status 1", "signal 15". For one that has been asked to end;
   /// SIGKILL to the group when it has not two seconds later.
@@ -50,7 +59,8 @@ class Child_Process {
   std::size_t looked_at_ = 0;  // of unread_, without finding a newline
   bool passing_over_ = false;
   bool output_ended_ = false;
-  std::optional<siginfo_t> end_;  // it keeps its process id until the destructor
+  std::optional<siginfo_t> end_;  // it keeps its process id until kill()
+  bool reaped_ = false;
 };
 
 /// What a command printed and how it ended.

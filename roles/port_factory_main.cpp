@@ -216,7 +216,7 @@ CORBA::ULong Port_Factory_Main::inquire_master(const char* name, CORBA::String_o
   return no_memory(result::out_of_memory);
 }
 
-CORBA::ULong Port_Factory_Main::get_remote_sub(Varo::STRING_LIST_out list) {
+CORBA::ULong Port_Factory_Main::get_remote_sub(Varo::STRING_LIST_out list) try {
   std::vector<ACE_CString> consumers;
   if (data_sender_) data_sender_->get_consumer_list(consumers);
   auto* const names = fresh<Varo::STRING_LIST>(list);
@@ -227,4 +227,6 @@ CORBA::ULong Port_Factory_Main::get_remote_sub(Varo::STRING_LIST_out list) {
     (*names)[i] = CORBA::string_dup(consumers[i].c_str());
   }
   return result::ok;
+} catch (const std::bad_alloc&) {
+  return no_memory(result::out_of_memory);
 }

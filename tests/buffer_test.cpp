@@ -37,19 +37,6 @@ TEST(Buffer, OwnsItsBytesUntilItGivesThemAway) {
   }
 }
 
-TEST(Buffer, KeepsItsPayloadWhenAnEmptyOneIsAssigned) {
-  vrPort_Buffer target = packet(7, "old");
-  const vrPort_Buffer empty = packet(8, "");
-  target = empty;
-  target = static_cast<const vrPort_Buffer&>(target);
-  EXPECT_EQ(target.handle(), 8u);
-  for (const auto& [handle, data] : {std::pair(9u, ""), std::pair(10u, "new")}) {
-    target = packet(handle, data);
-    EXPECT_EQ(target.handle(), handle);
-    EXPECT_EQ(text(target), *data ? "new" : "old");
-  }
-}
-
 TEST(Buffer, ComparesLengthAndBytesAndPortBuffersTheirHandles) {
   const std::tuple<const char*, const char*, bool> cases[] = {
       {"abc", "abc", true}, {"", "", true},       {"abc", "abd", false},
@@ -70,15 +57,6 @@ std::string drain(vrPort_Buffer_Queue& queue) {
     packet.release();
   }
   return all;
-}
-
-TEST(BufferQueue, DropsTheOldestBeyondItsLimit) {
-  vrPort_Buffer_Queue queue;
-  for (const auto& [limit, held] : {std::pair(1u, "7c"), {2u, "7b7c"}, {0u, ""}}) {
-    if (limit != 1) queue.set_limit(limit);  // which it is from birth
-    for (const char* data : {"a", "b", "c"}) queue.push(7, buffer(data));
-    EXPECT_EQ(drain(queue), held);
-  }
 }
 
 TEST(BufferQueue, TakesByHandleAndTellsEmptyFromNoneForThatHandle) {

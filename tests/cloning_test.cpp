@@ -28,12 +28,7 @@ class Cloning : public WithPeers {
     ASSERT_TRUE(port) << name;
     const Port_impl& object = *port;
     EXPECT_EQ(typeid(object), typeid(Class)) << name;
-    const auto info = info_of(*sub, name);
-    EXPECT_EQ(info.kind, kind);
-    EXPECT_EQ(info.port_id, id);
-    EXPECT_EQ(info.limit, limit);
-    EXPECT_EQ(info.owner_connected, 0u);
-    EXPECT_EQ(info.owner_access, 0u);
+    EXPECT_EQ(facts(*sub, name), (Facts{kind, id, 0, 0, limit}));
     EXPECT_EQ(sub->get_port(id), port);
   }
 
@@ -43,9 +38,9 @@ class Cloning : public WithPeers {
 TEST_F(Cloning, CopiesAllPortsOfTheMainServerAtStart) {
   Active<MainServer> main;
   reach(main);
-  main->create_port("E", PORT_EVENTBOX, 6);
-  main->create_port("B", PORT_SLAVE, 5);
-  main->create_port("A", PORT_MASTER, 4);
+  create(*main, {"E"}, PORT_EVENTBOX, 6);
+  create(*main, {"B"}, PORT_SLAVE, 5);
+  create(*main, {"A"}, PORT_MASTER, 4);
   main->send_event("E", wire("not copied"));
   main->setPersistent("E", 0);
   main->add_event("E", 7);
@@ -74,20 +69,20 @@ TEST_F(Cloning, CopiesAPortWhenItIsNamed) {
   main->create_port("p", PORT_MASTER, 4);
   const unsigned int id = id_of(*main, "p");
   EXPECT_EQ(sub->get_port(id), nullptr);
-  EXPECT_EQ(sub->exist("p"), static_cast<int>(result::ok));
+  EXPECT_TRUE(exists(*sub, "p"));
   EXPECT_EQ(sub->get_port(id), sub->get_port("p"));
-  EXPECT_EQ(sub->exist("nobody"), static_cast<int>(result::unknown_name));
+  EXPECT_FALSE(exists(*sub, "nobody"));
   const auto first = sub->get_port("p");
   EXPECT_EQ(sub->delete_port("p"), result::ok);
   EXPECT_EQ(std::get<0>(connect(*sub, "p", CONNECT_CLIENT, ACCESS_WAIT)), result::ok);
   EXPECT_NE(sub->get_port("p"), first);
-  in_parallel(4, [&](int) { EXPECT_EQ(sub->exist("p"), static_cast<int>(result::ok)); });
+  in_parallel(4, [&](int) { EXPECT_TRUE(exists(*sub, "p")); });
 }
 
 TEST_F(Cloning, NumbersItsOwnPortsAboveTheCopies) {
   start();
-  EXPECT_EQ(sub->create_port("x", PORT_SLAVE, 5), result::ok);
-  EXPECT_EQ(sub->create_port("y", PORT_EVENTBOX, 5), result::ok);
+  create(*sub, {"x"}, PORT_SLAVE);
+  create(*sub, {"y"}, PORT_EVENTBOX);
   EXPECT_EQ(sub->create_port("x", PORT_EVENTBOX, 9), result::already_exists);
   EXPECT_EQ(sub->create_port("z", 30008, 5), result::bad_mode);
   EXPECT_EQ(id_of(*sub, "x"), 758u);
@@ -120,9 +115,9 @@ TEST_F(Cloning, SkipsWhatItCannotCopy) {
   peer->listed = {{"0", "missing", "30005", "30008", "30005"}, {"30005"}};
   start();
   EXPECT_EQ(sub->next_handle_, 3001u);
-  EXPECT_EQ(sub->exist("30005"), static_cast<int>(result::ok));
+  EXPECT_TRUE(exists(*sub, "30005"));
   for (const char* name : {"0", "30008", "missing"}) {
-    EXPECT_EQ(sub->exist(name), static_cast<int>(result::unknown_name)) << name;
+    EXPECT_FALSE(exists(*sub, name)) << name;
     EXPECT_EQ(sub->update_port(name, 1, wire("x")), result::failed) << name;
   }
   EXPECT_FALSE(sub->find_port(758));
@@ -151,8 +146,8 @@ TEST_F(Cloning, KeepsTheCopiesMadeBeforeAFailure) {
   EXPECT_TRUE(sub->get_port(3000u));
   EXPECT_FALSE(sub->get_port(4000u));
   const int asked = directory->asked("main@north");
-  EXPECT_EQ(sub->exist("b"), static_cast<int>(result::unknown_name));
-  EXPECT_EQ(sub->exist("c"), static_cast<int>(result::ok)) << "later lookups fill the gaps";
+  EXPECT_FALSE(exists(*sub, "b"));
+  EXPECT_TRUE(exists(*sub, "c")) << "later lookups fill the gaps";
   EXPECT_EQ(directory->asked("main@north"), asked + 2) << "failed references are looked up again";
 }
 

@@ -2,6 +2,7 @@
 // program starts itself again with --peer.
 #include <ace/Reactor.h>
 #include <ace/Select_Reactor.h>
+#include <ace/Timer_Queue.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -14,7 +15,6 @@
 #include <thread>
 #include <tuple>
 
-#include "idl/port_codes.h"
 #include "middleware/connect_manager.h"
 #include "middleware/data_sender.h"
 #include "middleware/directory.h"
@@ -23,12 +23,14 @@
 #include "middleware/orb/orb.h"
 #include "middleware/reference_container.h"
 #include "middleware/server_list.h"
-#include "tests/empty_servant.h"
+#include "platform/process.h"
+#include "roles/port_factory_main.h"
+#include "tests/support/calls.h"
 #include "tests/support/fake_directory.h"
 #include "tests/support/folder.h"
+#include "tests/support/process.h"
 #include "tests/support/test_clock.h"
 #include "tests/support/threads.h"
-#include "tests/system/process.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -39,7 +41,6 @@ namespace portsvc {
 namespace {
 
 using std::chrono::steady_clock;
-using Texts = std::vector<std::string>;
 
 /// How long `work` takes.
 template <class Work>
@@ -53,22 +54,13 @@ std::string address(int port, const char* key = object_key) {
   return "corbaloc:iiop:127.0.0.1:" + std::to_string(port) + "/" + key;
 }
 
-/// A call of packet_receive lasts two seconds.
-class PeerServant : public EmptyServant {
- public:
-  CORBA::ULong packet_receive(CORBA::ULong, CORBA::ULong& source, Varo::DATA_BUFFER_out data,
-                              CORBA::ULong) override {
-    std::this_thread::sleep_for(2s);
-    return EmptyServant::packet_receive(0, source, data, 0);
-  }
-};
-
 Port_Factory_var serve(orb::Broker& broker) {
-  const PortableServer::Servant_var<PeerServant> servant(new PeerServant);
+  const PortableServer::Servant_var<Port_Factory_Main> servant(new Port_Factory_Main("peer"));
   return broker.serve(servant.in());
 }
 
-int run_peer(const std::string& port) {
+int run_peer(const std::string& port, const std::string& state) {
+  set_state_folder(state);
   orb::Broker broker({"giop:tcp:127.0.0.1:" + port});
   serve(broker);
   std::cout << "serving" << std::endl;
@@ -86,7 +78,8 @@ class Peer {
   /// Again, when it has been killed or still runs.
   void start() {
     const std::string program = fs::read_symlink("/proc/self/exe");
-    process_.emplace(Texts{program, "--peer", std::to_string(port)}, folder_.path("peer"));
+    process_.emplace(Texts{program, "--peer", std::to_string(port), folder_.path()},
+                     folder_.path("peer"));
     EXPECT_TRUE(eventually([&] { return !process_->out().empty(); })) << process_->err();
   }
   void kill() { process_->kill(); }
@@ -170,13 +163,13 @@ TEST_F(Middleware, BrokerServesUnderTheWellKnownKeyAndStopsOnlyWhenCallsHaveEnde
     EXPECT_THROW(broker.from_text(text), orb::Error) << text;
   }
 
-  std::thread caller([&] {
-    CORBA::ULong source = 0;
-    Varo::DATA_BUFFER_var data;
-    EXPECT_EQ(reference->packet_receive(1, source, data, 0), 0u);
-  });
-  std::this_thread::sleep_for(200ms);
+  create(reference, {"p"});
+  const unsigned int id = connected(reference, "p", CONNECT_OWNER);
+  TestClock clock;
+  std::thread caller([&] { receive(reference, id, 1); });
+  EXPECT_TRUE(clock.await_poll());
   EXPECT_LT(duration([&] { EXPECT_FALSE(broker.shutdown(300ms)); }), 1s);
+  clock.advance(1);
   EXPECT_TRUE(broker.shutdown(10s));
   caller.join();
 }
@@ -192,14 +185,18 @@ TEST_F(Middleware, CallsGiveUpWhenTheTimeoutOfTheInnermostScopeHasPassed) {
   };
   // The broker did not start this thread.
   std::thread([&] {
-    const orb::CallTimeout outer(700ms);
+    const orb::CallTimeout outer(2s);
     {
       const orb::CallTimeout inner(150ms);
       expect_call_takes(100ms, 500ms);
     }
-    expect_call_takes(600ms, 2s);
+    {
+      const orb::CallTimeout usual;  // 500 ms
+      expect_call_takes(450ms, 1900ms);
+    }
+    expect_call_takes(1900ms, 4s);
     const orb::CallTimeout rest(100ms);  // what is left of an exchange
-    const orb::CallTimeout usual;        // 500 ms by itself
+    const orb::CallTimeout usual;
     expect_call_takes(50ms, 450ms);
   }).join();
 }
@@ -242,7 +239,7 @@ TEST(InterfaceName, IsSplitAtTheLastSeparator) {
 TEST_F(Middleware, FileListsServersInItsOrderAndIsFollowedButNotIntoADamagedState) {
   const std::string file = folder.path("d.ini");
   const auto entry = [](const std::string& name, const char* role, int port) {
-    return "[" + name + "]\nrole = " + role + "\nreference = " + address(port) + "\n";
+    return directory_entry(name, role, address(port));
   };
   write_all(file, "role = main\n");
   EXPECT_THROW(open_file_directory(broker, file), orb::Error) << "a key outside of any section";
@@ -273,10 +270,7 @@ TEST_F(Middleware, FileListsServersInItsOrderAndIsFollowedButNotIntoADamagedStat
 
 TEST_F(Middleware, NamingServiceKnowsServersByRealmAndRole) {
   const int port = free_port();
-  const Process service(
-      {"omniNames", "-start", std::to_string(port), "-datadir", folder.path(), "-nohostname",
-       "-errlog", folder.path("log"), "-ORBendPoint", "giop:tcp:127.0.0.1:" + std::to_string(port)},
-      folder.path("naming"));
+  const Process service(naming_words(port, folder.path()), folder.path("naming"));
   const auto found = open_naming_directory(broker, address(port, "NameService"));
   const CORBA::Object_var one = object(1), two = object(2);
   ASSERT_TRUE(eventually([&] {
@@ -438,8 +432,7 @@ TEST_F(ConnectManager, ReportsThePeerWheneverItIsReachedAnewUntilItIsStopped) {
 
   manager.stop();
   const int beats = manager.beats;
-  std::this_thread::sleep_for(300ms);
-  EXPECT_EQ(manager.beats, beats);
+  EXPECT_TRUE(reactor.timer_queue()->is_empty()) << "there is a beat to come";
   manager.start();
   await(manager.beats, beats + 1);
 }
@@ -533,7 +526,9 @@ TEST_F(FileHandle, ClosesItselfWhenNobodyUsesItAndWhenThereAreTooMany) {
 }  // namespace portsvc
 
 int main(int argc, char** argv) {
-  if (argc == 3 && std::string(argv[1]) == "--peer") return portsvc::run_peer(argv[2]);
+  if (argc == 4 && std::string(argv[1]) == "--peer") return portsvc::run_peer(argv[2], argv[3]);
+  const portsvc::TemporaryFolder state;
+  portsvc::set_state_folder(state.path());
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

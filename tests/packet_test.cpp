@@ -1,13 +1,11 @@
 // Packets and replies: the port whose owner is served here, and the servant's operations.
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <functional>
 #include <future>
 
 #include "ports/master_port.h"
-#include "tests/support/allocation.h"
 #include "tests/support/servers.h"
+#include "tests/support/threads.h"
 
 namespace portsvc {
 namespace {
@@ -31,7 +29,7 @@ class MasterPort : public ::testing::Test {
   }
   // A take on another thread, which is waiting when this returns.
   std::future<Received> blocked_receive(unsigned int timeout = 0) {
-    auto taken = std::async(std::launch::async, [=] { return receive(timeout); });
+    auto taken = started([=] { return receive(timeout); });
     EXPECT_TRUE(clock.await_poll(&port));
     return taken;
   }
@@ -95,10 +93,10 @@ TEST_F(MasterPort, AdmitsOnePacketPerTakeForWhichASenderMayWait) {
   EXPECT_EQ(send(759, "lost", 1), result::send_timed_out);
   EXPECT_EQ(clock.pauses(), 100);
   EXPECT_EQ(port.owner_signal(), result::queue_empty);
-  auto sent = std::async(std::launch::async, [&] { return send(759, "awaited"); });
+  auto sent = started([&] { return send(759, "awaited"); });
   ASSERT_TRUE(clock.await_poll(&port));
   clock.advance(86400);
-  auto taken = std::async(std::launch::async, [&] { return receive(); });
+  auto taken = started([&] { return receive(); });
   EXPECT_EQ(taken.get(), Received(result::ok, 759, "awaited"));
   EXPECT_EQ(sent.get(), result::ok);
   EXPECT_EQ(send(758, "second"), result::owner_not_taking);
@@ -160,9 +158,7 @@ TEST_F(MasterPort, TakesAsItsOwnersModeSaysAndHasNoHeadAndNoEvents) {
   port.push_event_front(event("e"));
   port.push_events({event("e")});
   EXPECT_EQ(port.event_count(), 0u);
-  std::vector<Event_ptr> events;
-  EXPECT_EQ(port.receive_n(reported, events, 9, 0), result::ok);
-  EXPECT_TRUE(events.empty());
+  EXPECT_EQ(receive_n(port, 9, reported), Events(result::ok, {}));
   send(758, "a");
   port.clear_events();
   EXPECT_EQ(receive(), Received(result::ok, 758, "a"));
@@ -190,16 +186,11 @@ TEST_F(MasterPort, KeepsTheNewest32RepliesAndDeliversThemToTheirClientOnly) {
   EXPECT_NEAR(clock.elapsed(), 5.02, 0.02);
 }
 
-class Packets : public ::testing::Test {
- protected:
-  Packets() { EXPECT_EQ(server.create_port("p", PORT_MASTER, 3), result::ok); }
-
-  TestClock clock;
+TEST(Packets, AreCopiesAndNeedTheRightKindOfHandle) {
+  const TestClock clock;
   MainServer server;
-};
-
-TEST_F(Packets, AreCopiesAndNeedTheRightKindOfHandle) {
-  server.create_port("box", PORT_EVENTBOX, 3);
+  create(server, {"p"});
+  create(server, {"box"}, PORT_EVENTBOX);
   const unsigned int id = owner(server, "p", ACCESS_SELECT);
   EXPECT_EQ(server.get_port(id)->select(true), result::ok);
   const unsigned int handle = client(server, "p");
@@ -222,50 +213,6 @@ TEST_F(Packets, AreCopiesAndNeedTheRightKindOfHandle) {
   EXPECT_TRUE(text(large) == bytes) << "a caller in this process keeps its argument";
   EXPECT_TRUE(receive(server, id) == Received(result::ok, handle, bytes));
   EXPECT_TRUE(reply(server, handle) == Reply(result::ok, bytes));
-}
-
-TEST_F(Packets, AndAllOtherAnswersAreCodesWhenMemoryHasRunOut) {
-  server.create_port("box", PORT_EVENTBOX, 3);
-  const unsigned int id = owner(server, "p", ACCESS_SELECT);
-  const unsigned int box = id_of(server, "box");
-  const unsigned int handle = client(server, "p", ACCESS_SELECT);
-  server.get_port(id)->select(true);
-  send(server, handle, "a");
-  server.packet_replay(handle, wire("a"), 0);
-  server.send_event("box", wire("e"));
-  const vrPort_Buffer source(5, buffer("hello"));
-  vrBuffer assigned = buffer("old");
-  vrPort_Buffer copied(1, buffer("old"));
-  CORBA::ULong from = 0;
-  Varo::DATA_BUFFER_var data;
-  Varo::DATA_BUFFER_SEQ_var list;
-  Varo::STRING_LIST_var names, more;
-  Varo::DT_PORT_SVC::ConnectionSeq_var connections;
-  const std::pair<unsigned int, std::function<unsigned int()>> cases[] = {
-      {result::failed, [&] { return server.packet_receive(1, from, data.out(), 0); }},
-      {result::out_of_memory, [&] { return server.packet_receive(id, from, data.out(), 0); }},
-      {result::out_of_memory, [&] { return server.packet_receive(id, from, data.out(), 0); }},
-      {result::failed, [&] { return server.packet_replay_wait(1, data.out(), 0); }},
-      {result::out_of_memory, [&] { return server.packet_replay_wait(handle, data.out(), 0); }},
-      {result::failed, [&] { return server.packet_replay_wait(handle, data.out(), 0); }},
-      {result::failed, [&] { return server.packet_receive_n(1, list.out(), 5, 0); }},
-      {result::failed, [&] { return server.packet_receive_n(box, list.out(), 5, 0); }},
-      {result::failed, [&] { return server.packet_receive_n(box, list.out(), 5, 0); }},
-      {result::failed, [&] { return server.current_connection(connections.out()); }},
-      {result::out_of_memory, [&] { return server.patch_object_name(names.out(), more.out()); }},
-      {result::out_of_memory, [&] { return server.get_remote_sub(names.out()); }},
-      {0, [&] { return vrBuffer(5, "hello").size(); }},
-      {0, [&] { return vrPort_Buffer(source).size(); }},
-      {0, [&] { return assigned.assign("new", 3), assigned.size(); }},
-      {0, [&] { return (copied = source).size(); }},
-  };
-  const NoMemory scope;
-  for (std::size_t i = 0; i < std::size(cases); ++i) {
-    errno = 0;
-    EXPECT_EQ(cases[i].second(), cases[i].first) << i;
-    EXPECT_EQ(errno, ENOMEM) << i;
-  }
-  EXPECT_EQ(copied.handle(), 5u);
 }
 
 }  // namespace

@@ -4,17 +4,14 @@
 #include <future>
 
 #include "tests/support/servers.h"
+#include "tests/support/threads.h"
 
 namespace portsvc {
 namespace {
 
 class Selection : public ::testing::Test {
  protected:
-  Selection() {
-    for (const char* name : {"a", "b", "c"}) {
-      EXPECT_EQ(server.create_port(name, PORT_MASTER, 5), result::ok);
-    }
-  }
+  Selection() { create(server, {"a", "b", "c"}); }
   unsigned int watcher(const char* name) { return owner(server, name, ACCESS_SELECT); }
   unsigned int waiter(const char* name) { return client(server, name, ACCESS_SELECT); }
 
@@ -145,8 +142,8 @@ TEST_F(Selection, LeavesTheCountsAsTheyWereOnEveryWayOut) {
 TEST_F(Selection, TellsEveryWatcherOfAPort) {
   const unsigned int a = watcher("a");
   const auto watch = [&] { return events({a}); };
-  auto first = std::async(std::launch::async, watch);
-  auto second = std::async(std::launch::async, watch);
+  auto first = started(watch);
+  auto second = started(watch);
   ASSERT_TRUE(clock.await_poll(nullptr, 4));
   EXPECT_EQ(send(server, client(server, "a"), "x"), result::ok);
   EXPECT_EQ(first.get(), Selected(result::ok, a));

@@ -1,6 +1,5 @@
 #include "persistence/snapshot_file.h"
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,6 +7,7 @@
 #include "idl/port_codes.h"
 #include "persistence/whole_file.h"
 #include "tests/support/folder.h"
+#include "tests/support/snapshots.h"
 
 namespace portsvc::snapshot {
 namespace {
@@ -37,16 +37,6 @@ std::string sample() {
   return u32(10005) + u32(2) + port_record("p", 30005, 8, 0) +
          port_record("box", 30006, 0xFFFFFFFF, 1) + u32(10007) + u32(2) +
          subscription_record(0x80000000, "box") + subscription_record(7, "other");
-}
-
-// What was read, ports and subscriptions.
-std::string all_of(const Content& content) {
-  std::string text;
-  for (const auto& [name, kind, limit, persistent] : content.ports) {
-    text += fmt::format("{}/{}/{}{} ", name, kind, limit, persistent ? "!" : "");
-  }
-  for (const auto& [code, name] : content.subscriptions) text += fmt::format("{}:{} ", code, name);
-  return text;
 }
 
 TEST(SnapshotFile, IsWrittenByteForByteAndReadBack) {
@@ -136,18 +126,6 @@ TEST(SnapshotFile, IsRewrittenInPlaceWhereTheFolderTakesNoSecondFile) {
   EXPECT_EQ(problem, "");
   EXPECT_EQ(read_all(path), "new");
   EXPECT_NE(none.find("cannot write"), std::string::npos) << none;
-}
-
-TEST(SnapshotFile, IsFoundOnDiskOrNot) {
-  const TemporaryFolder folder;
-  std::string bytes;
-  EXPECT_FALSE(read_file(folder.path("missing").c_str(), "r+b", bytes));
-  EXPECT_FALSE(read_file(folder.path().c_str(), "rb", bytes)) << "a folder";
-  std::string large(200000, 'x');
-  for (std::size_t i = 0; i < large.size(); i += 61) large[i] = static_cast<char>(i);
-  write_all(folder.path("file"), large);
-  EXPECT_TRUE(read_file(folder.path("file").c_str(), "r+b", bytes));
-  EXPECT_TRUE(bytes == large);
 }
 
 }  // namespace

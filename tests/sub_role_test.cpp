@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <cerrno>
-
 #include "roles/port_factory_sub.h"
-#include "tests/support/allocation.h"
 #include "tests/support/peers.h"
 #include "tests/support/threads.h"
 
@@ -25,22 +22,19 @@ class SubRole : public WithPeers {
 
 TEST_F(SubRole, WorksOnItsOwnWithoutAPeer) {
   EXPECT_EQ(names(sub), Names());
-  EXPECT_EQ(sub.exist("p"), static_cast<int>(result::unknown_name));
+  EXPECT_FALSE(exists(sub, "p"));
   EXPECT_EQ(std::get<0>(connect(sub, "p", CONNECT_OWNER, ACCESS_WAIT)), result::unknown_name);
   EXPECT_EQ(sub.update_port("p", 1, wire("x")), result::failed);
   EXPECT_EQ(sub.force_toslave("any", "p"), result::unknown_name);
   EXPECT_EQ(inquire(sub, "p"), cannot_ask);
   sub.set_notify_port("p");
 
-  EXPECT_EQ(sub.create_port("box", PORT_EVENTBOX, 5), result::ok);
-  EXPECT_EQ(sub.create_port("proxy", PORT_MASTER, 5), result::ok);
+  create(sub, {"box"}, PORT_EVENTBOX);
+  create(sub, {"proxy"});
   EXPECT_EQ(names(sub), Names({"proxy"}, {"box"}));
   EXPECT_EQ(sub.get_port("box")->forward(1, buffer("x"), 0), result::no_peer);
   EXPECT_EQ(send(sub, client(sub, "proxy"), "x"), result::no_peer);
-}
-
-TEST_F(SubRole, ChangesNothingWhereTheRoleHasNoPart) {
-  EXPECT_EQ(sub.create_port("box", PORT_EVENTBOX, 5), result::ok);
+  // Where the role has no part nothing changes.
   EXPECT_EQ(sub.sendEvcDatatoSlave("box", 9), result::ok);
   EXPECT_EQ(sub.sendEvcDatatoSlave("nobody", 9), result::ok);
   EXPECT_EQ(sub.get_port("box")->copy_enable(), 1);
@@ -48,11 +42,10 @@ TEST_F(SubRole, ChangesNothingWhereTheRoleHasNoPart) {
   Varo::STRING_LIST_var list;
   EXPECT_EQ(sub.get_remote_sub(list.out()), result::ok);
   EXPECT_EQ(list->length(), 0u);
-  sub.heart_bit();
 }
 
 TEST_F(SubRole, AnnouncesItselfAndItsPortsAtEveryConnection) {
-  for (const char* name : {"b", "a", "c"}) sub.create_port(name, PORT_SLAVE, 5);
+  create(sub, {"b", "a", "c"}, PORT_SLAVE);
   EXPECT_EQ(back_call(peer.object()), result::ok);
   EXPECT_EQ(peer->calls(), (Texts{"push_remote_consumer plant/sub"}));
   for (const char* name : {"b", "a"}) {
@@ -68,7 +61,7 @@ TEST_F(SubRole, AnnouncesItselfAndItsPortsAtEveryConnection) {
 }
 
 TEST_F(SubRole, DropsAMasterReferenceThatFails) {
-  sub.create_port("p", PORT_SLAVE, 5);
+  create(sub, {"p"}, PORT_SLAVE);
   // Nil, and an object that is no port service.
   EXPECT_EQ(back_call(CORBA::Object::_nil()), result::failed);
   EXPECT_EQ(back_call(file_handle()), result::failed);
@@ -103,7 +96,7 @@ TEST_F(SubRole, DropsAMasterReferenceThatFails) {
 
 TEST_F(SubRole, SendsForwardedPacketsUp) {
   reach();
-  sub.create_port("box", PORT_EVENTBOX, 5);
+  create(sub, {"box"}, PORT_EVENTBOX);
   const auto box = sub.get_port("box");
   peer->answer("update_port", {result::unknown_handle});
   EXPECT_EQ(box->forward(11, buffer("a"), 0), result::ok);
@@ -152,12 +145,9 @@ TEST_F(SubRole, TakesAPortOver) {
   reach();
   peer->has("p", PORT_MASTER, 3000, 7);
   EXPECT_EQ(sub.force_toslave("ignored", "nobody"), result::unknown_name);
-  EXPECT_EQ(sub.exist("nobody"), static_cast<int>(result::unknown_name));
+  EXPECT_FALSE(exists(sub, "nobody"));
   EXPECT_EQ(sub.force_toslave("ignored", "p"), result::ok);
-  const auto info = info_of(sub, "p");
-  EXPECT_EQ(info.kind, PORT_MASTER) << "served here";
-  EXPECT_EQ(info.limit, 7u);
-  EXPECT_EQ(info.port_id, 3001u);
+  EXPECT_EQ(facts(sub, "p"), (Facts{PORT_MASTER, 3001, 0, 0, 7})) << "served here";
   EXPECT_EQ(sub.get_port(3000u), nullptr);
 }
 
@@ -179,29 +169,6 @@ TEST_F(SubRole, ForgetsWithALifeOfTheMainServerWhatItHadOpenInIt) {
   EXPECT_EQ(life.left_open(now), Handles());
 }
 
-TEST_F(SubRole, AnswersACodeWhateverAllocationFails) {
-  const std::string name(40, 'n');
-  sub.create_port("p", PORT_SLAVE, 5);
-  sub.create_port("box", PORT_EVENTBOX, 5);
-  const unsigned int handle = client(sub, "p");
-  const Varo::DATA_BUFFER data = wire("payload");
-  CORBA::String_var keeper;
-  const std::pair<unsigned int, std::function<unsigned int()>> operations[] = {
-      {result::ok, [&] { return sub.create_port(name.c_str(), PORT_SLAVE, 3); }},
-      {result::ok, [&] { return sub.packet_replay(handle, data, 0); }},
-      {result::ok, [&] { return sub.update_port("box", 1, data); }},
-      {result::failed, [&] { return sub.inquire_master("p", keeper.out()); }}};
-  for (const auto& [good, operation] : operations) {
-    EXPECT_EQ(fail_each_allocation(
-                  operation,
-                  [&](unsigned int code) {
-                    // A payload may be lost in silence.
-                    EXPECT_TRUE(code == result::out_of_memory || code == result::ok) << code;
-                  }),
-              good);
-  }
-}
-
 TEST_F(SubRole, ListsTheNamesOfTheMainServer) {
   sub.create_port("mine", PORT_SLAVE, 5);
   reach();
@@ -221,10 +188,6 @@ TEST_F(SubRole, ListsTheNamesOfTheMainServer) {
   }
   directory->enter("main", CORBA::Object::_nil());
   EXPECT_EQ(names(sub), Names({"mine"}, {}));
-  const NoMemory scope;
-  errno = 0;
-  EXPECT_EQ(sub.patch_object_name(ports.out(), boxes.out()), result::out_of_memory);
-  EXPECT_EQ(errno, ENOMEM);
 }
 
 TEST_F(SubRole, NeverBlocksItselfWhateverComesAtOnce) {
@@ -242,7 +205,7 @@ TEST_F(SubRole, NeverBlocksItselfWhateverComesAtOnce) {
         inquire(sub, name);
       },
       [&](const char* name) {
-        EXPECT_EQ(sub.exist(name), static_cast<int>(result::ok));
+        EXPECT_TRUE(exists(sub, name));
         connect(sub, name, CONNECT_CLIENT, ACCESS_WAIT);
         names(sub);
       }};

@@ -27,8 +27,8 @@
 #include "tests/chaos/relay.h"
 #include "tests/support/folder.h"
 #include "tests/support/payload.h"
+#include "tests/support/process.h"
 #include "tests/support/threads.h"
-#include "tests/system/process.h"
 
 namespace portsvc {
 namespace {
@@ -43,6 +43,7 @@ constexpr int main_index = 0;
 constexpr int server_count = 3;
 constexpr std::array<const char*, server_count> names{"main", "sub1", "sub2"};
 constexpr unsigned int wait_seconds = 2;  // of every wait of a client
+constexpr unsigned int unanswered = 1;    // no server's code
 constexpr auto call_slack = 5s;           // what a call takes beyond its wait, at most
 constexpr auto aftermath = 8s;            // calls to peers that had just begun may still fail
 constexpr auto peace = 6s;                // at the end, in which nothing may fail or get lost
@@ -76,17 +77,14 @@ class Server {
 
   void start() {
     std::filesystem::remove(folder_.path(name_ + ".ior"));
-    std::vector<std::string> command{
-        PORT_SERVER,        name_ == "main" ? "main" : "sub",
-        "--name",           name_,
-        "--endpoint",       fmt::format("giop:tcp:127.0.0.1:{}", port_),
-        "--state-dir",      folder_.path(name_),
-        "--ior-file",       folder_.path(name_ + ".ior"),
-        "--directory",      folder_.path("servers.ini"),
-        "--waits",          waits_,
-        "--snapshot-every", "1",
-        "--call-timeout",   "2"};
-    if (name_ != "main") command.insert(command.end(), {"--main", "main"});
+    const bool main = name_ == "main";
+    Words command = Words{PORT_SERVER} +
+                    server_words(main ? "main" : "sub", name_, port_, folder_.path()) +
+                    Words{"--directory",      folder_.path("servers.ini"),
+                          "--waits",          waits_,
+                          "--snapshot-every", "1",
+                          "--call-timeout",   "2"};
+    if (!main) command = command + Words{"--main", "main"};
     process_ = std::make_unique<Process>(command, folder_.path(name_ + std::to_string(++life_)));
     const auto ior = folder_.path(name_ + ".ior");
     if (!eventually([&] { return !process_->running() || std::filesystem::exists(ior); }) ||
@@ -147,12 +145,13 @@ class Way {
  public:
   Way(const orb::Broker& broker, int index) : broker_(broker), server_(*servers[index]) {}
 
-  /// Makes a call. False when the broker failed it, which only a disturbance may explain.
+  /// Makes a call and answers its code; `unanswered` when the broker failed it, which only a
+  /// disturbance may explain, and when the server has been started anew meanwhile.
   template <class Call>
-  bool call(const char* what, Call&& the_call) {
+  unsigned int call(const char* what, Call&& the_call) {
     const auto start = Steady::now();
     const int life = server_.epoch();
-    bool answered = false;
+    unsigned int code = unanswered;
     std::string failure;
     try {
       const orb::CallTimeout scope(std::chrono::seconds(wait_seconds) + call_slack);
@@ -160,32 +159,29 @@ class Way {
         const CORBA::Object_var object = broker_.from_text(server_.corbaloc());
         factory_ = Port_Factory::_unchecked_narrow(object);
       }
-      the_call(factory_.in());
-      answered = true;
+      code = the_call(factory_.in());
     } catch (const CORBA::Exception& exception) {
       failure = orb::describe(exception);
       std::this_thread::sleep_for(50ms);
     }
-    count(answered ? "calls answered" : "calls failed");
+    count(code != unanswered ? "calls answered" : "calls failed");
     if (Steady::now() - start > std::chrono::seconds(wait_seconds) + call_slack + 3s) {
       violated("{} at {} took longer than its bound", what, server_.name());
     }
     const bool calm = server_.calm_since(start) && servers[main_index]->calm_since(start);
-    if (!answered && calm && !stop) violated("{} at {}: {}", what, server_.name(), failure);
-    return answered && life == server_.epoch();
+    if (code == unanswered && calm && !stop)
+      violated("{} at {}: {}", what, server_.name(), failure);
+    return life == server_.epoch() ? code : unanswered;
   }
 
   /// A client handle, 0 when there is none to be had now.
   unsigned int connect_client(const std::string& port) {
-    CORBA::ULong handle = 0, owner = 0, code = 1;
+    CORBA::ULong handle = 0, owner = 0;
     const int life = server_.epoch();
-    if (!call("connect",
-              [&](Port_Factory_ptr at) {
-                code = at->connect_port(port.c_str(), handle, CONNECT_CLIENT, ACCESS_WAIT, owner);
-              }) ||
-        code != result::ok) {
-      return 0;
-    }
+    const auto connect = [&](Port_Factory_ptr at) {
+      return at->connect_port(port.c_str(), handle, CONNECT_CLIENT, ACCESS_WAIT, owner);
+    };
+    if (call("connect", connect) != result::ok) return 0;
     const std::lock_guard<std::mutex> guard(given_lock_);
     const auto [known, fresh] = given_.emplace(std::tuple(server_.name(), life, handle), port);
     if (!fresh && life == server_.epoch()) {
@@ -199,7 +195,7 @@ class Way {
       const std::lock_guard<std::mutex> guard(given_lock_);
       given_.erase({server_.name(), server_.epoch(), handle});
     }
-    call("disconnect", [&](Port_Factory_ptr at) { at->disconnect_port(handle); });
+    call("disconnect", [&](Port_Factory_ptr at) { return at->disconnect_port(handle); });
   }
 
   Server& server() { return server_; }
@@ -217,7 +213,7 @@ class Way {
 
 void make_port(Way& way, const std::string& port, unsigned int kind) {
   way.call("create", [&](Port_Factory_ptr at) {
-    if (at->exist(port.c_str()) != 0) at->create_port(port.c_str(), kind, 100000);
+    return at->exist(port.c_str()) == 0 ? result::ok : at->create_port(port.c_str(), kind, 100000);
   });
 }
 
@@ -225,28 +221,25 @@ void make_port(Way& way, const std::string& port, unsigned int kind) {
 void own(const orb::Broker& broker, int index, const std::string& port) {
   Way way(broker, index);
   while (!stop) {
-    CORBA::ULong id = 0, owner = 0, code = 1;
-    way.call("own", [&](Port_Factory_ptr at) {
-      if (index == main_index && at->exist(port.c_str()) != 0) {
-        at->create_port(port.c_str(), PORT_MASTER, 1000);
-      }
-      code = at->connect_port(port.c_str(), id, CONNECT_OWNER, ACCESS_WAIT, owner);
-      if (code == result::owner_exists) at->disconnect_port(owner);  // our own, from before a cut
+    if (index == main_index) make_port(way, port, PORT_MASTER);
+    CORBA::ULong id = 0, owner = 0;
+    unsigned int code = way.call("own", [&](Port_Factory_ptr at) {
+      return at->connect_port(port.c_str(), id, CONNECT_OWNER, ACCESS_WAIT, owner);
     });
-    bool going = code == result::ok;
-    while (going && !stop) {
+    if (code == result::owner_exists) {  // our own, from before a cut
+      way.call("free", [&](Port_Factory_ptr at) { return at->disconnect_port(owner); });
+    }
+    while ((code == result::ok || code == result::timed_out) && !stop) {
       CORBA::ULong source = 0;
       Varo::DATA_BUFFER_var data;
-      going = way.call("receive", [&](Port_Factory_ptr at) {
-        code = at->packet_receive(id, source, data.out(), wait_seconds);
+      code = way.call("receive", [&](Port_Factory_ptr at) {
+        return at->packet_receive(id, source, data.out(), wait_seconds);
       });
-      if (going && code == result::ok) {
-        going = way.call("answer", [&](Port_Factory_ptr at) {
-          at->packet_replay(source, data.in(), wait_seconds);
-        });
-      } else if (going && code != result::timed_out) {
-        going = false;
-      }
+      if (code != result::ok) continue;
+      const unsigned int answered = way.call("answer", [&](Port_Factory_ptr at) {
+        return at->packet_replay(source, data.in(), wait_seconds);
+      });
+      if (answered == unanswered) code = unanswered;
     }
     if (!stop) std::this_thread::sleep_for(100ms);
   }
@@ -264,17 +257,16 @@ void ask(const orb::Broker& broker, int index, const std::string& port, int numb
     }
     const std::string mine = fmt::format("{} {} {} {}", names[index], port, number, n);
     const auto start = Steady::now();
-    CORBA::ULong code = 1;
     Varo::DATA_BUFFER_var data;
     const Varo::DATA_BUFFER sent = wire(mine);
-    const bool going =
-        way.call(
-            "send",
-            [&](Port_Factory_ptr at) { code = at->packet_foward(handle, sent, wait_seconds); }) &&
-        code == result::ok && way.call("wait for the reply", [&](Port_Factory_ptr at) {
-          code = at->packet_replay_wait(handle, data.out(), wait_seconds);
-        });
-    if (going && code == result::ok) {
+    unsigned int code = way.call(
+        "send", [&](Port_Factory_ptr at) { return at->packet_foward(handle, sent, wait_seconds); });
+    if (code == result::ok) {
+      code = way.call("wait for the reply", [&](Port_Factory_ptr at) {
+        return at->packet_replay_wait(handle, data.out(), wait_seconds);
+      });
+    }
+    if (code == result::ok) {
       // What comes late is an earlier answer to the same client, never somebody else's.
       const std::string got = text(data.in());
       if (got.rfind(mine.substr(0, mine.rfind(' ') + 1), 0) != 0) {
@@ -283,7 +275,7 @@ void ask(const orb::Broker& broker, int index, const std::string& port, int numb
       count(got == mine ? "exchanges" : "late replies");
     } else {
       // A packet is taken over only while an owner is there to receive it.
-      if (going && code == result::reply_timed_out && all_calm_since(start)) {
+      if (code == result::reply_timed_out && all_calm_since(start)) {
         violated("'{}' was taken over and never answered", mine);
       }
       way.disconnect(std::exchange(handle, 0));
@@ -315,16 +307,14 @@ void produce(const orb::Broker& broker, const std::string& box, int number, Box_
   Way way(broker, main_index);
   for (long n = 1; !stop; ++n) {
     const int life = way.server().epoch();
-    CORBA::ULong code = 1;
     if (n % 500 == 1) make_port(way, box, PORT_EVENTBOX);
     const Varo::DATA_BUFFER data = wire(fmt::format("{} {}", number, n));
-    const bool answered = way.call(
-        "send_event", [&](Port_Factory_ptr at) { code = at->send_event(box.c_str(), data); });
+    const unsigned int code = way.call(
+        "send_event", [&](Port_Factory_ptr at) { return at->send_event(box.c_str(), data); });
     if (code == result::unknown_name) make_port(way, box, PORT_EVENTBOX);
     std::unique_lock<std::mutex> guard(record.lock);
     record.in_epoch(way.server().epoch());
-    if (answered && code == result::ok && life == record.epoch &&
-        record.early[number].erase(n) == 0) {
+    if (code == result::ok && life == record.epoch && record.early[number].erase(n) == 0) {
       record.acknowledged[number].insert(n);
     }
     // The box drops nothing while its consumer keeps up.
@@ -338,17 +328,17 @@ void consume(const orb::Broker& broker, const std::string& box, Box_Record& reco
   Way way(broker, main_index);
   for (int quiet = 0; quiet < 3;) {
     Varo::DT_PORT_SVC::PORT_INFO info{};
-    CORBA::ULong source = 0, code = 1;
+    CORBA::ULong source = 0;
     Varo::DATA_BUFFER_var data;
     const int life = way.server().epoch();
-    const bool answered = way.call("take an event", [&](Port_Factory_ptr at) {
-      code = at->get_port_info(box.c_str(), info);
-      if (code == result::ok) code = at->packet_receive(info.port_id, source, data.out(), 0);
+    const unsigned int code = way.call("take an event", [&](Port_Factory_ptr at) {
+      const unsigned int known = at->get_port_info(box.c_str(), info);
+      return known == result::ok ? at->packet_receive(info.port_id, source, data.out(), 0) : known;
     });
     const std::lock_guard<std::mutex> guard(record.lock);
     record.in_epoch(way.server().epoch());
-    if (!answered) ++record.failed_takes;
-    if (!answered || code != result::ok || life != record.epoch) {
+    if (code == unanswered) ++record.failed_takes;
+    if (code != result::ok || life != record.epoch) {
       if (stop) ++quiet;
       std::this_thread::sleep_for(5ms);
       continue;
@@ -387,13 +377,13 @@ class Hand {
       case 0:
         count("kills");
         server.process().kill();
-        std::this_thread::sleep_for(std::chrono::milliseconds(pick(1500)));
+        pause(0, 1500);
         server.start();
         break;
       case 1:
         count("freezes");
         server.process().signal(SIGSTOP);
-        std::this_thread::sleep_for(std::chrono::milliseconds(500 + pick(4000)));
+        pause(500, 4000);
         server.process().signal(SIGCONT);
         break;
       case 2:
@@ -404,7 +394,7 @@ class Hand {
       case 4:
         count("delays");
         server.relay().delay(1 + pick(200));
-        std::this_thread::sleep_for(std::chrono::milliseconds(pick(2000)));
+        pause(0, 2000);
         server.relay().delay(0);
         break;
       case 5:
@@ -421,6 +411,9 @@ class Hand {
     }
   }
 
+  void pause(int from, int more) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(from + pick(more)));
+  }
   int pick(int below) { return std::uniform_int_distribution<int>(0, below - 1)(random_); }
 
  private:
@@ -440,7 +433,7 @@ class Hand {
     count("idle connections", 2000);
     std::vector<std::unique_ptr<RawConnection>> idle;
     for (int i = 0; i < 2000; ++i) idle.push_back(std::make_unique<RawConnection>(server.port()));
-    std::this_thread::sleep_for(std::chrono::milliseconds(pick(1000)));
+    pause(0, 1000);
   }
   void read_nothing(Server& server) {
     count("slow readers", 20);
@@ -451,13 +444,13 @@ class Hand {
       slow.push_back(std::make_unique<RawConnection>(server.port()));
       slow.back()->send_what_fits(requests);
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(pick(1000)));
+    pause(0, 1000);
   }
   void fill_disk() {
     if (disk_.empty()) return;
     count("full disks");
     write_all(disk_ + "/filler", std::string(4U << 20, 'x'));
-    std::this_thread::sleep_for(std::chrono::milliseconds(1000 + pick(2500)));
+    pause(1000, 2500);
     std::filesystem::remove(disk_ + "/filler");
   }
 
@@ -466,17 +459,16 @@ class Hand {
 };
 
 struct Size {
-  int threads = 0;
-  int sockets = 0;
-  long megabytes = 0;
+  explicit Size(const Process& process)
+      : threads(process.threads()),
+        sockets(process.sockets()),
+        megabytes(process.resident_kib() / 1024) {}
+  int threads, sockets;
+  long megabytes;
 };
-Size size_of(Server& server) {
-  Process& process = server.process();
-  return {process.threads(), process.sockets(), process.resident_kib() / 1024};
-}
 
 /// Everything at rest again: nothing is left behind, and the servers stop as they should.
-void check_rest(const std::array<Size, server_count>& at_first) {
+void check_rest(const std::vector<Size>& at_first) {
   // A sub server keeps the connections its clients' calls needed, and the main server a thread for
   // each, until they have been idle for three minutes.
   constexpr int kept = 60;
@@ -484,13 +476,15 @@ void check_rest(const std::array<Size, server_count>& at_first) {
   for (std::size_t i = 0; i < server_count; ++i) {
     Server& server = *servers[i];
     const Size& first = at_first[i];
-    Size now;
-    const auto end = Steady::now() + 30s;  // the broker's idle threads end after ten
-    do {
-      std::this_thread::sleep_for(200ms);
-      now = size_of(server);
-    } while (Steady::now() < end &&
-             (now.threads > first.threads + kept || now.sockets > first.sockets + kept));
+    // The broker's idle threads end after ten seconds.
+    eventually(
+        [&] {
+          std::this_thread::sleep_for(200ms);
+          const Size now(server.process());
+          return now.threads <= first.threads + kept && now.sockets <= first.sockets + kept;
+        },
+        30s);
+    const Size now(server.process());
     fmt::print("{}: threads {} then {}, sockets {} then {}, MB {} then {}\n", server.name(),
                first.threads, now.threads, first.sockets, now.sockets, first.megabytes,
                now.megabytes);
@@ -520,13 +514,12 @@ int run(unsigned int seed, int seconds, const std::string& waits) {
     auto& server = servers[static_cast<std::size_t>(i)];
     server = std::make_unique<Server>(folder, i, waits);
     directory +=
-        fmt::format("[{}]\nrole = {}\nreference = {}\n", names[static_cast<std::size_t>(i)],
-                    i == main_index ? "main" : "slave", server->corbaloc());
+        directory_entry(server->name(), i == main_index ? "main" : "slave", server->corbaloc());
   }
   write_all(folder.path("servers.ini"), directory);
   for (const auto& server : servers) server->start();
-  std::array<Size, server_count> at_first;
-  for (std::size_t i = 0; i < server_count; ++i) at_first[i] = size_of(*servers[i]);
+  std::vector<Size> at_first;
+  for (const auto& server : servers) at_first.emplace_back(server->process());
 
   {
     const orb::Broker broker({});
@@ -556,7 +549,7 @@ int run(unsigned int seed, int seconds, const std::string& waits) {
     Hand hand(seed, small_disk ? disk : "");
     const auto end = Steady::now() + std::chrono::seconds(seconds);
     while (Steady::now() < end) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(300 + hand.pick(2500)));
+      hand.pause(300, 2500);
       hand.act();
       make_ports();
     }

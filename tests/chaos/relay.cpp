@@ -1,96 +1,82 @@
 #include "tests/chaos/relay.h"
 
-#include <poll.h>
+#include <ace/INET_Addr.h>
+#include <ace/SOCK_Connector.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <chrono>
 #include <stdexcept>
 
-#include "tests/system/process.h"
-
 namespace portsvc {
-namespace {
 
-bool wait_for_input(int socket) {
-  pollfd readable{socket, POLLIN, 0};
-  return ::poll(&readable, 1, 100) > 0;
+Relay::Link::~Link() {
+  for (std::thread& pump : pumps) {
+    if (pump.joinable()) pump.join();
+  }
+  for (ACE_SOCK_Stream& end : ends) end.close();
 }
 
-}  // namespace
-
-Relay::Relay(int target)
-    : target_(target), listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  sockaddr_in address = loopback(0);
-  socklen_t size = sizeof(address);
-  auto* const any = reinterpret_cast<sockaddr*>(&address);
-  if (::bind(listener_, any, size) != 0 || ::listen(listener_, 1000) != 0 ||
-      ::getsockname(listener_, any, &size) != 0) {
+Relay::Relay(int target) : target_(target) {
+  ACE_INET_Addr address(u_short{0}, ACE_LOCALHOST);
+  if (acceptor_.open(address, 0, PF_INET, 1000) != 0 || acceptor_.get_local_addr(address) != 0) {
     throw std::runtime_error("the relay cannot listen");
   }
-  port_ = ntohs(address.sin_port);
-  acceptor_ = std::thread([this] { accept_all(); });
+  acceptor_.enable(ACE_CLOEXEC);
+  port_ = address.get_port_number();
+  accepting_ = std::thread([this] { accept_all(); });
 }
 
 Relay::~Relay() {
   stop_ = true;
-  acceptor_.join();
-  ::close(listener_);
-  for (const auto& link : links_) {
-    for (std::thread& pump : link->pumps) pump.join();
-    for (const int end : link->ends) ::close(end);
-  }
+  accepting_.join();
+  acceptor_.close();
 }
 
 void Relay::cut(unsigned int one_in, bool half) {
   const std::lock_guard<std::mutex> guard(lock_);
-  for (const auto& link : links_) {
-    if (++turn_ % one_in != 0 || link->open != 2) continue;
+  for (Link& link : links_) {
+    if (++turn_ % one_in != 0 || link.open != 2) continue;
     // Half: the server hears that nothing more comes, and may still answer.
-    ::shutdown(link->ends[1], half ? SHUT_WR : SHUT_RDWR);
-    if (!half) ::shutdown(link->ends[0], SHUT_RDWR);
+    ::shutdown(link.ends[1].get_handle(), half ? SHUT_WR : SHUT_RDWR);
+    if (!half) ::shutdown(link.ends[0].get_handle(), SHUT_RDWR);
   }
 }
 
 void Relay::accept_all() {
+  const ACE_INET_Addr server(static_cast<u_short>(target_), ACE_LOCALHOST);
   while (!stop_) {
-    if (!wait_for_input(listener_)) continue;
-    const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (client < 0) continue;
-    const int server = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(target_);
-    if (::connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-      ::close(server);
-      ::close(client);
+    ACE_Time_Value soon(0, 100000);
+    ACE_SOCK_Stream ends[2];
+    if (acceptor_.accept(ends[0], nullptr, &soon) != 0) continue;
+    if (ACE_SOCK_Connector().connect(ends[1], server) != 0) {
+      ends[0].close();
       continue;
     }
     const std::lock_guard<std::mutex> guard(lock_);
-    links_.remove_if([](const std::unique_ptr<Link>& link) {
-      if (link->open != 0) return false;
-      for (std::thread& pump : link->pumps) pump.join();
-      for (const int end : link->ends) ::close(end);
-      return true;
-    });
-    links_.push_back(std::make_unique<Link>());
-    Link& link = *links_.back();
-    link.ends[0] = client;
-    link.ends[1] = server;
-    for (const int from : {0, 1}) link.pumps[from] = std::thread([&, from] { pump(link, from); });
+    links_.remove_if([](const Link& link) { return link.open == 0; });
+    Link& link = links_.emplace_back();
+    for (const int i : {0, 1}) {
+      ends[i].enable(ACE_CLOEXEC);
+      link.ends[i] = ends[i];
+    }
+    for (const int i : {0, 1}) link.pumps[i] = std::thread([&, i] { pump(link, i); });
   }
 }
 
 void Relay::pump(Link& link, int from) {
+  const ACE_SOCK_Stream& in = link.ends[from];
+  const ACE_SOCK_Stream& out = link.ends[1 - from];
   std::array<char, 16384> chunk;
   while (!stop_) {
-    if (!wait_for_input(link.ends[from])) continue;
-    const ssize_t got = ::recv(link.ends[from], chunk.data(), chunk.size(), 0);
+    const ACE_Time_Value soon(0, 100000);
+    const ssize_t got = in.recv(chunk.data(), chunk.size(), &soon);
+    if (got < 0 && errno == ETIME) continue;
     if (got <= 0) break;
     if (delay_ms_ > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms_));
-    if (::send(link.ends[1 - from], chunk.data(), static_cast<std::size_t>(got), MSG_NOSIGNAL) <= 0)
-      break;
+    if (out.send_n(chunk.data(), static_cast<std::size_t>(got), MSG_NOSIGNAL) <= 0) break;
   }
-  ::shutdown(link.ends[1 - from], SHUT_WR);
+  ::shutdown(out.get_handle(), SHUT_WR);
   --link.open;
 }
 

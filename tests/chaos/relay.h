@@ -1,9 +1,11 @@
 // A TCP relay in front of a server, which can be told to misbehave.
 #pragma once
 
+#include <ace/SOCK_Acceptor.h>
+#include <ace/SOCK_Stream.h>
+
 #include <atomic>
 #include <list>
-#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -25,7 +27,8 @@ class Relay {
 
  private:
   struct Link {
-    int ends[2];
+    ~Link();
+    ACE_SOCK_Stream ends[2];
     std::thread pumps[2];
     std::atomic<int> open{2};
   };
@@ -34,14 +37,14 @@ class Relay {
   void pump(Link& link, int from);
 
   const int target_;
-  int listener_;
+  ACE_SOCK_Acceptor acceptor_;
   int port_;
   std::atomic<int> delay_ms_{0};
   std::atomic<bool> stop_{false};
   std::mutex lock_;  // guards links_
-  std::list<std::unique_ptr<Link>> links_;
+  std::list<Link> links_;
   unsigned int turn_ = 0;
-  std::thread acceptor_;
+  std::thread accepting_;
 };
 
 }  // namespace portsvc

@@ -9,8 +9,8 @@
 #include <string_view>
 
 #include "idl/port_codes.h"
-#include "persistence/snapshot_file.h"
 #include "roles/port_factory_main.h"
+#include "tests/support/snapshots.h"
 
 namespace {
 
@@ -37,12 +37,7 @@ void check_round_trip(std::string_view bytes) {
   }
   const snapshot::Content again = snapshot::parse(ports.finish() + subscriptions.finish());
   require(again.problem.empty());
-  require(again.ports.size() == content.ports.size());
-  require(again.subscriptions.size() == content.subscriptions.size());
-  for (std::size_t i = 0; i < again.ports.size(); ++i) {
-    require(again.ports[i].name == content.ports[i].name);
-    require(again.ports[i].persistent == content.ports[i].persistent);
-  }
+  require(all_of(again) == all_of(content));
 }
 
 void check_load(const std::uint8_t* data, std::size_t size) {

@@ -5,7 +5,6 @@
 
 namespace {
 
-thread_local bool no_memory = false;
 thread_local int good_ones = -1;  // -1: all
 
 // Sanitizers see the memory through malloc.
@@ -23,8 +22,6 @@ void* allocate_or_throw(std::size_t size) {
 
 namespace portsvc {
 
-NoMemory::NoMemory() { no_memory = true; }
-NoMemory::~NoMemory() { no_memory = false; }
 FailingAllocation::FailingAllocation(int good) { good_ones = good; }
 FailingAllocation::~FailingAllocation() { good_ones = -1; }
 bool FailingAllocation::failed() const { return good_ones < 0; }
@@ -33,12 +30,8 @@ bool FailingAllocation::failed() const { return good_ones < 0; }
 
 void* operator new(std::size_t size) { return allocate_or_throw(size); }
 void* operator new[](std::size_t size) { return allocate_or_throw(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return no_memory ? nullptr : allocate(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return no_memory ? nullptr : allocate(size);
-}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete[](void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }

@@ -3,15 +3,6 @@
 
 namespace portsvc {
 
-/// While it lives, allocations of this thread that report failure by a null pointer do so.
-class NoMemory {
- public:
-  NoMemory();
-  ~NoMemory();
-  NoMemory(const NoMemory&) = delete;
-  NoMemory& operator=(const NoMemory&) = delete;
-};
-
 /// Fails one allocation of this thread, of whatever form, after `good` that succeed.
 class FailingAllocation {
  public:

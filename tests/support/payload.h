@@ -5,11 +5,14 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "middleware/orb/orb.h"
 #include "ports/port_impl.h"
 
 namespace portsvc {
+
+using Texts = std::vector<std::string>;
 
 inline vrBuffer buffer(std::string_view text) {
   return vrBuffer(static_cast<unsigned int>(text.size()), text.data());
@@ -30,8 +33,25 @@ inline Varo::DATA_BUFFER wire(std::string_view text) {
   return data;
 }
 
+inline Varo::DATA_BUFFER_SEQ wires(const Texts& texts) {
+  Varo::DATA_BUFFER_SEQ list;
+  list.length(static_cast<CORBA::ULong>(texts.size()));
+  for (CORBA::ULong i = 0; i < list.length(); ++i) list[i] = wire(texts[i]);
+  return list;
+}
+
 inline std::string text(const Varo::DATA_BUFFER& data) {
   return std::string(reinterpret_cast<const char*>(data.get_buffer()), data.length());
+}
+
+inline std::string text(const char* string) { return string; }
+
+/// Of a list of payloads or of strings.
+template <class List>
+Texts texts(const List& list) {
+  Texts all;
+  for (CORBA::ULong i = 0; i < list.length(); ++i) all.push_back(text(list[i]));
+  return all;
 }
 
 }  // namespace portsvc

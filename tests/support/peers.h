@@ -15,7 +15,6 @@
 #include <thread>
 #include <utility>
 
-#include "tests/empty_servant.h"
 #include "tests/support/fake_directory.h"
 #include "tests/support/servers.h"
 
@@ -53,8 +52,10 @@ class Active {
 };
 
 /// A server that notes the calls it gets, "operation argument ...", and answers as it is told.
-class FakePeer : public EmptyServant {
+class FakePeer : public MainServer {
  public:
+  using Data = Varo::DATA_BUFFER;
+
   /// The calls since the last time this was asked.
   Texts calls() {
     const std::lock_guard<std::mutex> guard(lock_);

@@ -1,23 +1,15 @@
-// Servants in this process, called directly, and short forms of the calls tests make most.
+// Servants in this process, called directly.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <string>
-#include <tuple>
-#include <utility>
 #include <vector>
 
 #include "roles/port_factory_main.h"
 #include "roles/port_factory_sub.h"
-#include "tests/support/payload.h"
+#include "tests/support/calls.h"
 #include "tests/support/test_clock.h"
 
 namespace portsvc {
-
-/// What an out number holds that no operation has written.
-constexpr unsigned int untouched = 0xABCD1234;
 
 /// A role's servant with its protected hooks open.
 template <class Role>
@@ -40,26 +32,6 @@ class MainServer : public Opened<Port_Factory_Main> {
 
 using SubServer = Opened<Port_Factory_Sub>;
 
-/// Result code, handle, owner.
-using Connected = std::tuple<unsigned int, unsigned int, unsigned int>;
-
-inline Connected connect(Port_Factory_i& server, const char* name, unsigned int mode,
-                         unsigned int access) {
-  CORBA::ULong handle = untouched;
-  CORBA::ULong owner = untouched;
-  const unsigned int code = server.connect_port(name, handle, mode, access, owner);
-  return {code, handle, owner};
-}
-
-/// Connects, which must work, and answers the handle.
-inline unsigned int connected(Port_Factory_i& server, const char* name, unsigned int mode,
-                              unsigned int access) {
-  const auto [code, handle, owner] = connect(server, name, mode, access);
-  EXPECT_EQ(code, result::ok) << name;
-  EXPECT_EQ(owner, 0u) << name;
-  return handle;
-}
-
 inline unsigned int client(Port_Factory_i& server, const char* name,
                            unsigned int access = ACCESS_WAIT) {
   return connected(server, name, CONNECT_CLIENT, access);
@@ -70,31 +42,9 @@ inline unsigned int owner(Port_Factory_i& server, const char* name,
   return connected(server, name, CONNECT_OWNER, access);
 }
 
-inline unsigned int send(Port_Factory_i& server, unsigned int handle, const char* data,
-                         unsigned int timeout = 0) {
-  return server.packet_foward(handle, wire(data), timeout);
-}
+inline bool exists(Port_Factory_i& server, const char* name) { return server.exist(name) == 0; }
 
-/// Result code, source, payload.
-using Received = std::tuple<unsigned int, unsigned int, std::string>;
-
-inline Received receive(Port_Factory_i& server, unsigned int id, unsigned int timeout = 0) {
-  CORBA::ULong source = untouched;
-  Varo::DATA_BUFFER_var data;
-  const unsigned int code = server.packet_receive(id, source, data.out(), timeout);
-  return {code, source, text(data.in())};
-}
-
-/// Result code, payload.
-using Reply = std::pair<unsigned int, std::string>;
-
-inline Reply reply(Port_Factory_i& server, unsigned int handle, unsigned int timeout = 0) {
-  Varo::DATA_BUFFER_var data;
-  const unsigned int code = server.packet_replay_wait(handle, data.out(), timeout);
-  return {code, text(data.in())};
-}
-
-// The same of a port itself; data that it does not write stays "untouched".
+// Calls of a port itself; data that it does not write stays "untouched".
 inline Received receive(Port_impl& port, unsigned int timeout) {
   unsigned int source = untouched;
   vrBuffer data = buffer("untouched");
@@ -107,18 +57,23 @@ inline Reply reply(Port_impl& port, unsigned int handle, unsigned int timeout) {
   return {code, text(data)};
 }
 
-using Texts = std::vector<std::string>;
-
 /// Result code, payloads.
 using Events = std::pair<unsigned int, Texts>;
 
 inline Events receive_n(Port_Factory_i& server, unsigned int id, unsigned int count,
                         unsigned int timeout = 0) {
   Varo::DATA_BUFFER_SEQ_var list;
-  Events events;
-  events.first = server.packet_receive_n(id, list.out(), count, timeout);
-  for (CORBA::ULong i = 0; i < list->length(); ++i) events.second.push_back(text(list[i]));
-  return events;
+  const unsigned int code = server.packet_receive_n(id, list.out(), count, timeout);
+  return {code, texts(list.in())};
+}
+
+/// The same of a box itself, and the source.
+inline Events receive_n(Port_impl& box, unsigned int count, unsigned int& source) {
+  std::vector<Event_ptr> events;
+  const unsigned int code = box.receive_n(source = untouched, events, count, 0);
+  Texts all;
+  for (const Event_ptr& event : events) all.push_back(text(*event));
+  return {code, all};
 }
 
 /// Result code, ready handle.
@@ -133,12 +88,6 @@ Selected select(Port_Factory_i& server, Select operation, const std::vector<unsi
   CORBA::ULong ready = untouched;
   const unsigned int code = (server.*operation)(set, ready, timeout);
   return {code, ready};
-}
-
-inline Varo::DT_PORT_SVC::PORT_INFO info_of(Port_Factory_i& server, const char* name) {
-  Varo::DT_PORT_SVC::PORT_INFO info{};
-  EXPECT_EQ(server.get_port_info(name, info), result::ok) << name;
-  return info;
 }
 
 inline unsigned int id_of(Port_Factory_i& server, const char* name) {
@@ -157,18 +106,6 @@ inline Keeper inquire(Port_Factory_i& server, const char* name) {
 /// All events of a box, which leave it.
 inline Texts drain(Port_Factory_i& server, const char* box) {
   return receive_n(server, id_of(server, box), 0xFFFFFFFF).second;
-}
-
-inline unsigned int event_count(Port_Factory_i& server, const char* box) {
-  CORBA::ULong count = untouched;
-  EXPECT_EQ(server.event_count(box, count), result::ok) << box;
-  return count;
-}
-
-inline Texts texts(const Varo::STRING_LIST& list) {
-  Texts all;
-  for (CORBA::ULong i = 0; i < list.length(); ++i) all.emplace_back(list[i]);
-  return all;
 }
 
 /// Names of ports and of event boxes.

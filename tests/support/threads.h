@@ -3,15 +3,18 @@
 
 #include <chrono>
 #include <functional>
+#include <future>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace portsvc {
 
-/// True as soon as `condition` is, false when it is not within ten seconds.
-inline bool eventually(const std::function<bool()>& condition) {
+/// True as soon as `condition` is, false when it is not within `patience`.
+inline bool eventually(const std::function<bool()>& condition,
+                       std::chrono::seconds patience = std::chrono::seconds(10)) {
   using std::chrono::steady_clock;
-  const auto deadline = steady_clock::now() + std::chrono::seconds(10);
+  const auto deadline = steady_clock::now() + patience;
   while (!condition()) {
     if (steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -19,11 +22,18 @@ inline bool eventually(const std::function<bool()>& condition) {
   return true;
 }
 
-/// Runs work(0) to work(count - 1), each on a thread of its own, and waits for all.
+/// Does the work on a thread of its own; the answer, for which its end waits.
+template <class Work>
+auto started(Work work) {
+  return std::async(std::launch::async, std::move(work));
+}
+
+/// Runs work(0) to work(count - 1), each on a thread of its own, and waits for all; what one throws
+/// is thrown here.
 inline void in_parallel(int count, const std::function<void(int)>& work) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < count; ++i) threads.emplace_back(work, i);
-  for (std::thread& thread : threads) thread.join();
+  std::vector<std::future<void>> all;
+  for (int i = 0; i < count; ++i) all.push_back(std::async(std::launch::async, work, i));
+  for (auto& one : all) one.get();
 }
 
 }  // namespace portsvc

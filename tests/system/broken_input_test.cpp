@@ -44,8 +44,8 @@ TEST_F(BrokenInput, GarbageOnTheSocketEndsItsConnectionAndNothingElse) {
 TEST_F(BrokenInput, MessagesThatStopHalfWayCostTheirConnectionOnly) {
   start("main", {"--message-timeout", "2"});
   const Port_Factory_var main = server("main");
-  EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 10), result::ok);
-  EXPECT_EQ(main->create_port("p", PORT_MASTER, 10), result::ok);
+  create(main, {"box"}, PORT_EVENTBOX);
+  create(main, {"p"});
   EXPECT_EQ(main->send_event("box", wire(std::string(16U << 20, 'x'))), result::ok);
   const unsigned int id = info_of(main, "box").port_id;
   const int sockets = process("main").sockets();
@@ -59,10 +59,8 @@ TEST_F(BrokenInput, MessagesThatStopHalfWayCostTheirConnectionOnly) {
   const RawConnection idle(port("main"));
   const RawConnection deaf(port("main"));
   deaf.send(request("packet_receive", {id, 1}));
-  ASSERT_TRUE(eventually([&] {
-    CORBA::ULong count = 1;
-    return main->event_count("box", count) == result::ok && count == 0;
-  })) << "the request was not understood";
+  ASSERT_TRUE(eventually([&] { return event_count(main, "box") == 0; }))
+      << "the request was not understood";
   const unsigned int owner = connected(main, "p", CONNECT_OWNER);
   EXPECT_EQ(std::get<0>(receive(main, owner, 3)), result::timed_out) << "a wait is no message";
   EXPECT_TRUE(eventually([&] { return process("main").sockets() == sockets + 1; }))
@@ -80,16 +78,15 @@ TEST_F(BrokenInput, AServerThatCannotStartSaysWhyInOneLine) {
     const auto [ended, out, err] = ended_server(arguments);
     EXPECT_EQ(ended, status) << fmt::format("{}", fmt::join(arguments, " "));
     EXPECT_EQ(err.rfind("port_server: ", 0), 0u) << err;
-    EXPECT_NE(err.find(why), std::string::npos) << err;
+    EXPECT_THAT(err, HasSubstr(why));
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     EXPECT_EQ(out, "");
   };
   const std::string free = "giop:tcp:127.0.0.1:0";
   const auto main_with = [&](const std::string& endpoint, const Words& more) {
-    Words arguments{"main",        "--name",           "m", "--endpoint", endpoint,
-                    "--state-dir", folder.path("main")};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    return arguments;
+    return Words{"main",        "--name",           "m", "--endpoint", endpoint,
+                 "--state-dir", folder.path("main")} +
+           more;
   };
   expect(2, "subcommand", {});
   expect(2, "--name is required", {"main"});

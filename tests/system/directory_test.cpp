@@ -13,13 +13,13 @@ using DirectoryOfServers = SystemTest;
 
 TEST_F(DirectoryOfServers, AFileThatCannotBeReadIsRefusedWithItsFault) {
   const std::string file = folder.path("broken.ini");
-  const std::string entry = "[a]\nrole = main\nreference = " + corbaloc("main") + "\n";
+  const std::string entry = directory_entry("a", "main", corbaloc("main"));
   const auto expect = [&](const std::string& fault) {
     const auto [status, out, err] =
-        ended_server({"sub", "--name", "s", "--main", "a", "--endpoint", "giop:tcp:127.0.0.1:0",
-                      "--state-dir", folder.path("s"), "--directory", file});
+        ended_server(server_words("sub", "s", free_port(), folder.path()) +
+                     Words{"--main", "a", "--directory", file});
     EXPECT_EQ(status, 1);
-    EXPECT_NE(err.find(fault), std::string::npos) << err;
+    EXPECT_THAT(err, HasSubstr(fault));
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     directory[1] = file;
     EXPECT_EQ(portctl("a", {"ping"}).status, 2) << "portctl with " << fault;
@@ -28,34 +28,14 @@ TEST_F(DirectoryOfServers, AFileThatCannotBeReadIsRefusedWithItsFault) {
   for (const auto& [content, fault] : std::map<std::string, std::string>{
            {entry + "what is this", "line 4"},
            {entry + entry, "line 4: duplicate section name"},
-           {"[a]\nrole = boss\nreference = " + corbaloc("main"), "wanted: main or slave"},
+           {directory_entry("a", "boss", corbaloc("main")), "wanted: main or slave"},
            {"[a]\nrole = main\n", "no reference"},
-           {"[a]\nrole = main\nreference = nonsense", "neither a corbaloc nor an IOR"},
-           {"[a]\nrole = main\nreference = IOR:0", "no reference"},
+           {directory_entry("a", "main", "nonsense"), "neither a corbaloc nor an IOR"},
+           {directory_entry("a", "main", "IOR:0"), "no reference"},
            {entry + "port = 9700\n", "unknown key 'port'"}}) {
     write_all(file, content);
     expect(fault);
   }
-}
-
-TEST_F(DirectoryOfServers, AMainServerThatIsNoPortServiceIsTakenForAbsentUntilTheFileIsPutRight) {
-  start("main");
-  done("main", {"create", "p"});
-  const Port_Factory_var main = server("main");
-  const Varo::FileHandle_var handle = main->openSnapShot();
-  point_main_at(broker().to_text(handle.in()));
-
-  start("sub1", {"--call-timeout", "1"});
-  EXPECT_EQ(portctl("main", {"ping"}).status, 3);
-  EXPECT_EQ(portctl("sub1", {"exists", "p"}).status, 1);
-  EXPECT_EQ(portctl("sub1", {"master", "p"}).status, 1);
-  done("sub1", {"create", "own", "--kind", "proxy"});
-  const auto owner = in_background("sub1", {"serve", "own", "--exec", "cat", "--count", "1"});
-  EXPECT_EQ(done("sub1", {"send", "own", "hello", "--wait"}), "hello");
-
-  point_main_at(corbaloc("main"));
-  EXPECT_TRUE(eventually([&] { return portctl("sub1", {"exists", "p"}).status == 0; }));
-  expect_exchange("p", "main", "sub1");
 }
 
 TEST_F(DirectoryOfServers, AnEntryThatIsChangedIsFollowedAndAFileThatIsBrokenIsSaid) {
@@ -63,9 +43,8 @@ TEST_F(DirectoryOfServers, AnEntryThatIsChangedIsFollowedAndAFileThatIsBrokenIsS
   start("sub1");
   ASSERT_TRUE(eventually([&] { return portctl("sub1", {"master", "p"}).status == 1; }));
   const int at = free_port();
-  Process other({PORT_SERVER, "main", "--name", "other", "--endpoint",
-                 fmt::format("giop:tcp:127.0.0.1:{}", at), "--state-dir", folder.path("other")},
-                folder.path("other"));
+  Process other(Words{PORT_SERVER} + server_words("main", "other", at, folder.path()),
+                folder.path("others"));
   const std::string reference = fmt::format("corbaloc:iiop:127.0.0.1:{}/{}", at, object_key);
   write_all(directory[1], "[main\n" + read_all(directory[1]));
   ASSERT_TRUE(eventually([&] { return times_said("sub1", "line 1") > 0; }))
@@ -90,23 +69,19 @@ TEST_F(DirectoryOfServers, ServersMeetInANamingServiceAlsoWhenItComesLast) {
 
   const auto start_naming = [&](const std::string& data) {
     std::filesystem::create_directory(folder.path(data));
-    return std::make_unique<Process>(
-        Words{"omniNames", "-start", std::to_string(at), "-datadir", folder.path(data),
-              "-nohostname", "-errlog", folder.path("naming.log"), "-ORBendPoint",
-              fmt::format("giop:tcp:127.0.0.1:{}", at)},
-        folder.path("naming"));
+    return std::make_unique<Process>(naming_words(at, folder.path(data)), folder.path("naming"));
   };
   auto naming = start_naming("first");
   ASSERT_TRUE(eventually([&] { return portctl("main", {"create", "p"}).status == 0; }));
   ASSERT_TRUE(eventually([&] { return portctl("sub1", {"exists", "p"}).status == 0; }));
   expect_exchange("p", "main", "sub1");
   EXPECT_EQ(done("main", {"subs"}), "sub1\n");
-  EXPECT_NE(done("main", {"ls", "--all"}).find("NAME  main"), std::string::npos);
+  EXPECT_THAT(done("main", {"ls", "--all"}), HasSubstr("NAME  main"));
 
   EXPECT_EQ(stop("main", SIGTERM), 0);
   const Outcome gone = portctl("main", {"ping"});
   EXPECT_EQ(gone.status, 3);
-  EXPECT_NE(gone.err.find("lists no server 'main'"), std::string::npos) << gone.err;
+  EXPECT_THAT(gone.err, HasSubstr("lists no server 'main'"));
   start("main");
   done("main", {"create", "q"});
   ASSERT_TRUE(eventually([&] { return portctl("sub1", {"exists", "q"}).status == 0; }));

@@ -27,15 +27,14 @@ class Limits : public SystemTest {
 TEST_F(Limits, OfPortsClientsAndQueuedBytesRefuseWhatIsAboveThem) {
   start("main", {"--max-ports", "3", "--max-clients-per-port", "2", "--max-queued-bytes", "16000"});
   const Port_Factory_var main = server("main");
-  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
-  EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 1000), result::ok);
-  EXPECT_EQ(main->create_port("second", PORT_EVENTBOX, 1000), result::ok);
+  create(main, {"p"});
+  create(main, {"box", "second"}, PORT_EVENTBOX, 1000);
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(refused([&] { main->create_port("another", PORT_MASTER, 8); }), refusal::ports);
   }
-  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok) << "it exists";
+  create(main, {"p"});  // which exists
   EXPECT_EQ(times_said("main", "the limit of 3 ports is reached"), 1);
-  EXPECT_NE(portctl("main", {"create", "another"}).err.find("limit of ports"), std::string::npos);
+  EXPECT_THAT(portctl("main", {"create", "another"}).err, HasSubstr("limit of ports"));
 
   const unsigned int client = connected(main, "p", CONNECT_CLIENT);
   connected(main, "p", CONNECT_CLIENT);
@@ -61,7 +60,7 @@ TEST_F(Limits, OfPortsClientsAndQueuedBytesRefuseWhatIsAboveThem) {
   EXPECT_EQ(times_said("main", "queued bytes is reached"), 1);
   // All of it has come back, that of packets and replies too.
   for (int i = 0; i < 20; ++i) {
-    auto taken = std::async(std::launch::async, [&] { return receive(main, owner, 10); });
+    auto taken = started([&] { return receive(main, owner, 10); });
     EXPECT_EQ(send(main, other, std::string(5000, 'y'), 10), result::ok);
     EXPECT_EQ(std::get<0>(taken.get()), result::ok);
     EXPECT_EQ(main->packet_replay(other, data, 0), result::ok);
@@ -73,12 +72,12 @@ TEST_F(Limits, OfPortsClientsAndQueuedBytesRefuseWhatIsAboveThem) {
 TEST_F(Limits, OfBlockedCallsAndConnectionsLeaveTheOthersAlone) {
   start("main", {"--max-connections", "12", "--max-blocked-calls", "3"});
   const Port_Factory_var main = server("main");
-  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+  create(main, {"p"});
   const unsigned int id = connected(main, "p", CONNECT_OWNER);
   const unsigned int client = connected(main, "p", CONNECT_CLIENT);
   std::vector<std::future<unsigned int>> calls;
   for (int i = 0; i < 4; ++i) {
-    calls.push_back(std::async(std::launch::async, [&] {
+    calls.push_back(started([&] {
       unsigned int code = 0;
       const unsigned int minor = refused([&] { code = std::get<0>(receive(main, id, 2)); });
       return minor != 0 ? minor : code;

@@ -27,9 +27,8 @@ class Observed : public SystemTest {
   }
   /// The head and the body of an answer.
   std::string get(const std::string& server, const std::string& path, const Words& options = {}) {
-    Words command{"curl", "-s", "-i", "--max-time", "10", "http://" + address(server) + path};
-    command.insert(command.end(), options.begin(), options.end());
-    Process curl(command, folder.path("curl"));
+    const Words command{"curl", "-s", "-i", "--max-time", "10", "http://" + address(server) + path};
+    Process curl(command + options, folder.path("curl"));
     EXPECT_EQ(outcome(curl).status, 0) << path;
     return curl.out();
   }
@@ -43,23 +42,18 @@ class Observed : public SystemTest {
 };
 
 TEST_F(Observed, WhatPassesThroughAServerShowsInItsMetrics) {
-  Words options = metrics("main");
-  options.insert(options.end(), {"--metrics-of", "sub1=127.0.0.1:1", "--snapshot-every", "60",
-                                 "--feed", "box=sleep 1000", "--max-ports", "4"});
-  start("main", options);
+  start("main", metrics("main") + Words{"--metrics-of", "sub1=127.0.0.1:1", "--snapshot-every",
+                                        "60", "--feed", "box=sleep 1000", "--max-ports", "4"});
   start("sub1", metrics("sub1"));
   const Port_Factory_var main = server("main");
   const std::string hostile = "<b>\"x\\\n\xff";
-  EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 3), result::ok);
-  EXPECT_EQ(main->create_port("p", PORT_MASTER, 10), result::ok);
-  EXPECT_EQ(main->create_port(hostile.c_str(), PORT_EVENTBOX, 1), result::ok);
-  EXPECT_EQ(main->create_port("last", PORT_MASTER, 1), result::ok);
+  create(main, {"box"}, PORT_EVENTBOX, 3);
+  create(main, {hostile}, PORT_EVENTBOX, 1);
+  create(main, {"p", "last"});
   EXPECT_THROW(main->create_port("above", PORT_MASTER, 1), CORBA::IMP_LIMIT);
   EXPECT_EQ(main->make_snapshot(), result::ok);
   EXPECT_EQ(main->add_event("box", 7), result::ok);
-  Varo::DATA_BUFFER_SEQ many;
-  many.length(10);
-  EXPECT_EQ(main->declare_event_n(7, many, 0), result::ok);
+  EXPECT_EQ(main->declare_event_n(7, wires(Texts(10)), 0), result::ok);
   EXPECT_EQ(main->send_event("box", wire("event")), result::ok);
   const unsigned int box = connected(main, "box", CONNECT_OWNER);
   EXPECT_EQ(std::get<0>(receive(main, box, 1)), result::ok);
@@ -89,7 +83,7 @@ TEST_F(Observed, WhatPassesThroughAServerShowsInItsMetrics) {
            R"(portsvc_sub_servers 2)",
            R"(portsvc_feed_running{box="box"} 1)",
        }) {
-    EXPECT_NE(text.find(std::string(line) + "\n"), std::string::npos) << line << " in " << text;
+    EXPECT_THAT(text, HasSubstr(std::string(line) + "\n"));
   }
 
   // Dashboard and alerts name nothing that no server tells.
@@ -112,8 +106,8 @@ TEST_F(Observed, WhatPassesThroughAServerShowsInItsMetrics) {
   EXPECT_EQ(rows["ports_found"], 4);
   EXPECT_EQ(board("main")["servers"][1]["board"], "127.0.0.1:1");
   const std::string top = done("main", {"top", "--metrics", address("main"), "--count", "1"});
-  EXPECT_NE(top.find("\nbox   "), std::string::npos) << top;
-  EXPECT_NE(done("main", {"top", "--count", "1"}).find("2/3"), std::string::npos);
+  EXPECT_THAT(top, HasSubstr("\nbox   "));
+  EXPECT_THAT(done("main", {"top", "--count", "1"}), HasSubstr("2/3"));
   EXPECT_EQ(portctl("main", {"top", "--metrics", "127.0.0.1:1"}).status, 3);
 
   // Only what asks this address by an address gets an answer, and only to a question.
@@ -122,9 +116,8 @@ TEST_F(Observed, WhatPassesThroughAServerShowsInItsMetrics) {
   }
   EXPECT_EQ(get("main", "/metrics", {"-X", "POST", "-d", "x"}).find("HTTP/1.1 405"), 0U);
   EXPECT_EQ(get("main", "/../etc/passwd", {"--path-as-is"}).find("HTTP/1.1 40"), 0U);
-  EXPECT_NE(
-      get("main", "/").find("Content-Security-Policy: default-src 'none'; script-src 'nonce-"),
-      std::string::npos);
+  EXPECT_THAT(get("main", "/"),
+              HasSubstr("Content-Security-Policy: default-src 'none'; script-src 'nonce-"));
   EXPECT_EQ(std::get<0>(receive(main, info_of(main, "p").port_id, 5)), result::ok);
   waits.join();
 }
@@ -138,17 +131,17 @@ TEST_F(Observed, ASubServerIsReadyWhileItReachesItsMainServer) {
   EXPECT_TRUE(ready("200"));
   kill("main");
   EXPECT_TRUE(ready("503"));
-  EXPECT_NE(get("sub1", "/readyz").find("main server main not reached for "), std::string::npos);
+  EXPECT_THAT(get("sub1", "/readyz"), HasSubstr("main server main not reached for "));
   EXPECT_EQ(get("sub1", "/healthz").find("HTTP/1.1 200"), 0U);
-  EXPECT_NE(get("sub1", "/metrics").find("portsvc_peer_up{peer=\"main\"} 0\n"), std::string::npos);
+  EXPECT_THAT(get("sub1", "/metrics"), HasSubstr("portsvc_peer_up{peer=\"main\"} 0\n"));
   start("main");
   EXPECT_TRUE(ready("200"));
   EXPECT_EQ(times_said("sub1", "peer: main server main lost"), 1);
   EXPECT_EQ(times_said("sub1", "peer: main server main found"), 2);
-  EXPECT_NE(ended_server({"main", "--name", "x", "--endpoint", "giop:tcp:127.0.0.1:0", "--metrics",
-                          address("sub1")})
-                .err.find("cannot listen on " + address("sub1")),
-            std::string::npos);
+  EXPECT_THAT(ended_server({"main", "--name", "x", "--endpoint", "giop:tcp:127.0.0.1:0",
+                            "--metrics", address("sub1")})
+                  .err,
+              HasSubstr("cannot listen on " + address("sub1")));
 }
 
 TEST_F(Observed, AFeedReachesTheBoxAndEverySubServerUnlessCopiesAreOff) {
@@ -214,7 +207,7 @@ TEST_F(Observed, TheLogIsOpenedAnewOnSighup) {
     subjects.insert(object["subject"]);
   }
   EXPECT_EQ(subjects, (std::set<std::string>{"server"}));
-  EXPECT_NE(read_all(log).find("stops: signal 15"), std::string::npos);
+  EXPECT_THAT(read_all(log), HasSubstr("stops: signal 15"));
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <signal.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -17,9 +16,8 @@ SystemTest::SystemTest() : directory{"--directory", folder.path("servers.ini")} 
 void SystemTest::point_main_at(const std::string& reference) {
   std::string entries;
   for (const char* name : {"main", "sub1", "sub2"}) {
-    entries += fmt::format("[{}]\nrole = {}\nreference = {}\n", name,
-                           std::string(name) == "main" ? "main" : "slave",
-                           std::string(name) == "main" ? reference : corbaloc(name));
+    const bool main = std::string(name) == "main";
+    entries += directory_entry(name, main ? "main" : "slave", main ? reference : corbaloc(name));
   }
   write_all(directory[1], entries);
 }
@@ -29,9 +27,8 @@ void SystemTest::use_tls(const orb::Tls& tls) {
   point_main_at(corbaloc("main"));
 }
 
-void SystemTest::add_tls(Words& command) const {
-  if (!tls_.in_use()) return;
-  command.insert(command.end(), {"--tls-ca", tls_.authorities, "--tls-key", tls_.key});
+Words SystemTest::tls_words() const {
+  return tls_.in_use() ? Words{"--tls-ca", tls_.authorities, "--tls-key", tls_.key} : Words();
 }
 
 void SystemTest::TearDown() {
@@ -48,25 +45,20 @@ void SystemTest::expect_no_complaint(const std::string& name) {
 }
 
 Process& SystemTest::start(const std::string& name, const Words& options) {
+  if (servers_.count(name) != 0) kill(name);
   const std::string ior_file = folder.path(name + ".ior");
   std::filesystem::remove(ior_file);
   const bool main = name == "main";
-  Words command{
-      PORT_SERVER,   main ? "main" : "sub",
-      "--name",      name,
-      "--endpoint",  fmt::format("giop:{}:127.0.0.1:{}", tls_.in_use() ? "ssl" : "tcp", port(name)),
-      "--state-dir", folder.path(name),
-      "--ior-file",  ior_file};
-  if (!main) command.insert(command.end(), {"--main", "main"});
+  Words command = server_words(main ? "main" : "sub", name, port(name), folder.path());
+  if (tls_.in_use()) command[4].replace(0, 8, "giop:ssl");
+  if (!main) command = command + Words{"--main", "main"};
   // How blocked calls wait makes no difference to any answer: CI runs the tests either way.
   const char* const waits = std::getenv("PORTSVC_WAITS");
   if (waits && std::find(options.begin(), options.end(), "--waits") == options.end()) {
-    command.insert(command.end(), {"--waits", waits});
+    command = command + Words{"--waits", waits};
   }
-  command.insert(command.end(), directory.begin(), directory.end());
-  add_tls(command);
-  command.insert(command.end(), options.begin(), options.end());
-  auto& server = servers_[name] = std::make_unique<Process>(command, files(name));
+  auto& server = servers_[name] = std::make_unique<Process>(
+      Words{PORT_SERVER} + command + directory + tls_words() + options, files(name));
   EXPECT_TRUE(eventually([&] { return !server->running() || std::filesystem::exists(ior_file); }));
   EXPECT_TRUE(server->running()) << name << " does not start: " << server->err();
   return *server;
@@ -89,11 +81,9 @@ int SystemTest::stop(const std::string& name, int signal) {
 std::unique_ptr<Process> SystemTest::in_background(const std::string& server,
                                                    const Words& arguments,
                                                    const std::string& input) {
-  Words command{PORTCTL, "--server", server};
-  add_tls(command);
-  command.insert(command.end(), directory.begin(), directory.end());
-  command.insert(command.end(), arguments.begin(), arguments.end());
-  return std::make_unique<Process>(command, files("portctl"), input);
+  return std::make_unique<Process>(
+      Words{PORTCTL, "--server", server} + tls_words() + directory + arguments, files("portctl"),
+      input);
 }
 
 Outcome SystemTest::outcome(Process& process, std::chrono::milliseconds patience) {
@@ -112,9 +102,8 @@ std::string SystemTest::done(const std::string& server, const Words& arguments) 
   return ended.out;
 }
 
-Outcome SystemTest::ended_server(Words arguments) {
-  arguments.insert(arguments.begin(), PORT_SERVER);
-  Process server(arguments, files("ended"));
+Outcome SystemTest::ended_server(const Words& arguments) {
+  Process server(Words{PORT_SERVER} + arguments, files("ended"));
   return outcome(server, 10s);
 }
 
@@ -144,10 +133,7 @@ int SystemTest::times_said(const std::string& server, const std::string& text) {
 
 orb::Broker& SystemTest::broker(const std::string& endpoint) {
   if (!broker_) {
-    rlimit files{};
-    ::getrlimit(RLIMIT_NOFILE, &files);
-    files.rlim_cur = files.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &files);
+    allow_many_connections();
     ::signal(SIGPIPE, SIG_IGN);
     orb::Options options;
     options.endpoint = endpoint;
@@ -173,32 +159,6 @@ std::string SystemTest::corbaloc(const std::string& name) const {
                      object_key);
 }
 
-unsigned int connected(Port_Factory_ptr server, const std::string& port, unsigned int mode,
-                       unsigned int access) {
-  CORBA::ULong handle = 0;
-  CORBA::ULong owner = 0;
-  EXPECT_EQ(server->connect_port(port.c_str(), handle, mode, access, owner), result::ok) << port;
-  return handle;
-}
-
-unsigned int send(Port_Factory_ptr server, unsigned int handle, const std::string& data,
-                  unsigned int timeout) {
-  return server->packet_foward(handle, wire(data), timeout);
-}
-
-Received receive(Port_Factory_ptr server, unsigned int id, unsigned int timeout) {
-  CORBA::ULong source = 0;
-  Varo::DATA_BUFFER_var data;
-  const unsigned int code = server->packet_receive(id, source, data.out(), timeout);
-  return {code, source, text(data.in())};
-}
-
-Reply reply(Port_Factory_ptr server, unsigned int handle, unsigned int timeout) {
-  Varo::DATA_BUFFER_var data;
-  const unsigned int code = server->packet_replay_wait(handle, data.out(), timeout);
-  return {code, text(data.in())};
-}
-
 Reply ask(Port_Factory_ptr server, unsigned int handle, const std::string& data,
           unsigned int timeout) {
   const unsigned int code = send(server, handle, data, timeout);
@@ -213,12 +173,6 @@ void answer_packets(Port_Factory_ptr server, const std::string& port, int count)
     EXPECT_EQ(server->packet_replay(source, wire("re:" + data), 0), result::ok);
   }
   EXPECT_EQ(server->disconnect_port(id), result::ok);
-}
-
-Varo::DT_PORT_SVC::PORT_INFO info_of(Port_Factory_ptr server, const std::string& port) {
-  Varo::DT_PORT_SVC::PORT_INFO info{};
-  EXPECT_EQ(server->get_port_info(port.c_str(), info), result::ok) << port;
-  return info;
 }
 
 }  // namespace portsvc

@@ -2,6 +2,7 @@
 // other, portctl, and a client of the broker for what portctl is not precise enough for.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -15,10 +16,10 @@
 
 #include "idl/port_codes.h"
 #include "middleware/orb/orb.h"
+#include "tests/support/calls.h"
 #include "tests/support/folder.h"
-#include "tests/support/payload.h"
+#include "tests/support/process.h"
 #include "tests/support/threads.h"
-#include "tests/system/process.h"
 
 // At the head of tests that speak the options, the trace or the TLS of one broker, or look at what
 // the other cannot do.
@@ -31,9 +32,9 @@
 namespace portsvc {
 
 using namespace std::chrono_literals;
+using ::testing::HasSubstr;
 using Varo::DT_PORT_SVC::Port_Factory_ptr;
 using Varo::DT_PORT_SVC::Port_Factory_var;
-using Words = std::vector<std::string>;
 
 /// How a command that has ended did.
 struct Outcome {
@@ -50,7 +51,7 @@ class SystemTest : public ::testing::Test {
   SystemTest();
   void TearDown() override;
 
-  /// Starts a server, again if it has been killed or stopped, and waits until it serves.
+  /// Starts a server, anew if it runs, and waits until it serves.
   Process& start(const std::string& name, const Words& options = {});
   Process& process(const std::string& name) { return *servers_.at(name); }
   void kill(const std::string& name);
@@ -67,7 +68,7 @@ class SystemTest : public ::testing::Test {
   Outcome outcome(Process& process, std::chrono::milliseconds patience = 30s);
 
   /// Runs a server that is to end by itself, for its arguments.
-  Outcome ended_server(Words arguments);
+  Outcome ended_server(const Words& arguments);
   /// A request from a client at one server, answered by an owner at another.
   void expect_exchange(const std::string& port, const std::string& owner_at,
                        const std::string& client_at);
@@ -92,7 +93,7 @@ class SystemTest : public ::testing::Test {
   Words directory;  ///< the options that name it
 
  private:
-  void add_tls(Words& command) const;
+  Words tls_words() const;
   std::string files(const std::string& of) { return folder.path(of + std::to_string(++started_)); }
   void expect_no_complaint(const std::string& name);
 
@@ -103,29 +104,12 @@ class SystemTest : public ::testing::Test {
   std::map<std::string, std::unique_ptr<Process>> servers_;
 };
 
-/// Connects, which must work, and answers the handle.
-unsigned int connected(Port_Factory_ptr server, const std::string& port, unsigned int mode,
-                       unsigned int access = ACCESS_WAIT);
-
-unsigned int send(Port_Factory_ptr server, unsigned int handle, const std::string& data,
-                  unsigned int timeout);
-
-/// Result code, source, payload.
-using Received = std::tuple<unsigned int, unsigned int, std::string>;
-Received receive(Port_Factory_ptr server, unsigned int id, unsigned int timeout);
-
-/// Result code, payload.
-using Reply = std::pair<unsigned int, std::string>;
-Reply reply(Port_Factory_ptr server, unsigned int handle, unsigned int timeout);
-
 /// A client's whole exchange: sends `data` and answers the reply.
 Reply ask(Port_Factory_ptr server, unsigned int handle, const std::string& data,
           unsigned int timeout);
 
 /// Owns `port` at `server` and answers `count` packets with "re:" and their payload.
 void answer_packets(Port_Factory_ptr server, const std::string& port, int count);
-
-Varo::DT_PORT_SVC::PORT_INFO info_of(Port_Factory_ptr server, const std::string& port);
 
 inline std::chrono::milliseconds since(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -

@@ -48,7 +48,7 @@ TEST_F(TlsOnly, ServersAndClientsWithCertificatesOfOneAuthorityServeEachOther) {
 
   const Port_Factory_var main = server("main");
   const std::string large(5U << 20, 'x');
-  EXPECT_EQ(main->create_port("q", PORT_EVENTBOX, 4), result::ok);
+  create(main, {"q"}, PORT_EVENTBOX);
   EXPECT_EQ(main->send_event("q", wire(large)), result::ok);
   const auto [code, source, data] = receive(main, connected(main, "q", CONNECT_OWNER), 1);
   EXPECT_EQ(code, result::ok);
@@ -61,12 +61,11 @@ TEST_F(TlsOnly, OthersAreTurnedAwayAndServedNothing) {
   make_authority("strangers");
   make_key("stranger", "strangers");
   const auto refused = [&](const Words& tls) {
-    Words command{PORTCTL, "--server", corbaloc("main"), "--call-timeout", "3"};
-    command.insert(command.end(), tls.begin(), tls.end());
-    command.insert(command.end(), {"create", "p"});
-    Process client(command, folder.path("refused"));
+    Process client(Words{PORTCTL, "--server", corbaloc("main"), "--call-timeout", "3"} + tls +
+                       Words{"create", "p"},
+                   folder.path("refused"));
     EXPECT_EQ(outcome(client, 10s).status, 3) << client.err();
-    EXPECT_NE(client.err().find("--tls-ca"), std::string::npos) << client.err();
+    EXPECT_THAT(client.err(), HasSubstr("--tls-ca"));
   };
   const std::string plant = folder.path("plant.pem");
   const std::string stranger = folder.path("stranger.pem");
@@ -75,7 +74,7 @@ TEST_F(TlsOnly, OthersAreTurnedAwayAndServedNothing) {
   Process mixed({PORTCTL, "--tls-ca", plant, "--tls-key", folder.path("mixed.pem"), "ls"},
                 folder.path("mixed"));
   EXPECT_EQ(outcome(mixed, 10s).status, 2);
-  EXPECT_NE(mixed.err().find("not the certificate's"), std::string::npos) << mixed.err();
+  EXPECT_THAT(mixed.err(), HasSubstr("not the certificate's"));
   refused({});
   refused({"--tls-ca", plant, "--tls-key", stranger});
   refused({"--tls-ca", folder.path("strangers.pem"), "--tls-key", folder.path("own.pem")});

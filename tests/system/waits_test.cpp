@@ -11,7 +11,11 @@ namespace {
 
 class Waits : public SystemTest, public ::testing::WithParamInterface<const char*> {
  protected:
-  Waits() { start("main", {"--waits", GetParam()}); }
+  Waits() {
+    start("main", {"--waits", GetParam()});
+    main = server("main");
+  }
+  Port_Factory_var main;
 };
 
 INSTANTIATE_TEST_SUITE_P(, Waits, ::testing::Values("early", "paused"),
@@ -21,9 +25,8 @@ INSTANTIATE_TEST_SUITE_P(, Waits, ::testing::Values("early", "paused"),
 // there, and the server keeps nothing for it.
 TEST_P(Waits, ADeadCallerSwallowsNothing) {
   NEEDS_OMNIORB();
-  const Port_Factory_var main = server("main");
-  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
-  EXPECT_EQ(main->create_port("box", PORT_EVENTBOX, 8), result::ok);
+  create(main, {"p"});
+  create(main, {"box"}, PORT_EVENTBOX);
 
   for (const char* name : {"p", "box"}) {
     const bool box = std::string(name) == "box";
@@ -43,7 +46,7 @@ TEST_P(Waits, ADeadCallerSwallowsNothing) {
     // The owner's connection outlives its process: the next one takes over where it stood.
     const unsigned int id = info_of(main, name).port_id;
     for (const char* data : {"first", "second"}) {
-      auto alive = std::async(std::launch::async, [&] { return receive(main, id, 20); });
+      auto alive = started([&] { return receive(main, id, 20); });
       put(data);
       EXPECT_EQ(alive.get(), Received(result::ok, sender, data));
     }
@@ -53,8 +56,7 @@ TEST_P(Waits, ADeadCallerSwallowsNothing) {
 // Nothing comes for them, so the server has to find out by itself.
 TEST_P(Waits, DeadCallersGiveTheirConnectionsBack) {
   NEEDS_OMNIORB();
-  const Port_Factory_var main = server("main");
-  EXPECT_EQ(main->create_port("p", PORT_MASTER, 8), result::ok);
+  create(main, {"p"});
   const unsigned int id = connected(main, "p", CONNECT_OWNER);
   const unsigned int sender = connected(main, "p", CONNECT_CLIENT, ACCESS_SELECT);
   const int sockets = process("main").sockets();

@@ -1,5 +1,5 @@
 // A servant of the service's own interface that does nothing: what a call costs before any work is
-// done, and a stand-in for a server where only the broker matters.
+// done.
 #pragma once
 
 #include "middleware/orb/orb.h"

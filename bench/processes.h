@@ -1,5 +1,5 @@
-// The processes that a benchmark starts, and what it may do to them: pin, freeze, read their use of
-// the processor. They end with the benchmark, whatever becomes of it.
+// What a benchmark does to the processes that it starts, beside what tests do: it pins them, and
+// ends with them.
 #pragma once
 
 #include <sched.h>
@@ -10,39 +10,19 @@
 #include <vector>
 
 #include "tests/support/folder.h"
-#include "tests/system/process.h"
+#include "tests/support/process.h"
 
 namespace portsvc::bench {
 
-/// A process started by this one. Start them from the main thread.
-class Child {
- public:
-  /// Runs `command` (looked up in PATH) with its outputs in `files`.out and `files`.err.
-  Child(const std::vector<std::string>& command, const std::string& files)
-      : process_(command, files) {}
-
-  pid_t pid() const { return process_.pid(); }
-  /// Throws, with what it said last, when the child has ended.
-  void require_alive() const;
-
-  /// Stops every thread of it, and lets them go on.
-  void freeze() const;
-  void thaw() const;
-
-  /// Processor time used so far, user and system, all threads.
-  double cpu_seconds() const;
-  unsigned int threads() const;
-
- private:
-  mutable Process process_;  // notes the end when it is asked
-};
+/// Throws, with what it said last, when the process has ended.
+void require_alive(const Process& process);
 
 /// While it lives, this process and the children run on one and the same processor, or this process
 /// on one and the children on another.
 class Pinned {
  public:
   enum Places { together, apart };
-  explicit Pinned(const std::vector<const Child*>& children, Places places = together);
+  explicit Pinned(const std::vector<const Process*>& children, Places places = together);
   ~Pinned();
   Pinned(const Pinned&) = delete;
   Pinned& operator=(const Pinned&) = delete;
@@ -66,8 +46,5 @@ void wait_until(const std::function<bool()>& done, std::chrono::seconds patience
 
 /// True when a program of that name is in PATH.
 bool is_installed(const std::string& program);
-
-/// As many open files, and so connections, as the system allows this process.
-void allow_many_connections();
 
 }  // namespace portsvc::bench

@@ -1,8 +1,7 @@
-#include "bench/child_process.h"
+#include "bench/processes.h"
 
 #include <fmt/format.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -15,18 +14,6 @@ namespace portsvc::bench {
 namespace {
 
 std::string proc_file(pid_t pid, const char* name) { return fmt::format("/proc/{}/{}", pid, name); }
-
-/// A field of /proc/PID/stat, numbered from 1 as in proc(5).
-double stat_field(pid_t pid, int number) {
-  const std::string text = read_all(proc_file(pid, "stat"));
-  // The second, a name in parentheses, may hold spaces: count from behind it.
-  std::istringstream words(text.substr(text.rfind(')') + 1));
-  std::string skipped;
-  for (int i = 3; i < number; ++i) words >> skipped;
-  double value = 0;
-  words >> value;
-  return value;
-}
 
 /// Threads come and go while they are listed; those that went need no pinning, and new ones
 /// inherit.
@@ -41,25 +28,14 @@ void pin_all_threads(pid_t pid, const cpu_set_t& processors) {
 
 }  // namespace
 
-void Child::require_alive() const {
-  if (process_.running()) return;
-  const std::string text = process_.out() + process_.err();
+void require_alive(const Process& process) {
+  if (process.running()) return;
+  const std::string text = process.out() + process.err();
   throw std::runtime_error("a server ended: " +
                            text.substr(text.size() > 500 ? text.size() - 500 : 0));
 }
 
-void Child::freeze() const { process_.signal(SIGSTOP); }
-
-void Child::thaw() const { process_.signal(SIGCONT); }
-
-double Child::cpu_seconds() const {
-  return (stat_field(pid(), 14) + stat_field(pid(), 15)) /
-         static_cast<double>(::sysconf(_SC_CLK_TCK));
-}
-
-unsigned int Child::threads() const { return static_cast<unsigned int>(stat_field(pid(), 20)); }
-
-Pinned::Pinned(const std::vector<const Child*>& children, Places places) {
+Pinned::Pinned(const std::vector<const Process*>& children, Places places) {
   ::sched_getaffinity(0, sizeof before_, &before_);
   std::vector<cpu_set_t> single;
   for (int i = 0; i < CPU_SETSIZE; ++i) {
@@ -72,7 +48,7 @@ Pinned::Pinned(const std::vector<const Child*>& children, Places places) {
   if (two) processors_ = "two";
   processes_.push_back(::getpid());
   pin_all_threads(processes_[0], two ? single.front() : single.back());
-  for (const Child* child : children) {
+  for (const Process* child : children) {
     processes_.push_back(child->pid());
     pin_all_threads(child->pid(), single.back());
   }
@@ -114,13 +90,6 @@ bool is_installed(const std::string& program) {
     if (::access((folder + "/" + program).c_str(), X_OK) == 0) return true;
   }
   return false;
-}
-
-void allow_many_connections() {
-  rlimit files{};
-  if (::getrlimit(RLIMIT_NOFILE, &files) != 0) return;
-  files.rlim_cur = files.rlim_max;
-  ::setrlimit(RLIMIT_NOFILE, &files);
 }
 
 }  // namespace portsvc::bench
