@@ -13,8 +13,8 @@
 namespace portsvc {
 namespace {
 
-constexpr std::int64_t second = 1000000;
-constexpr std::int64_t start = 1700000000 * second;
+constexpr std::int64_t one_second = 1000000;
+constexpr std::int64_t begin = 1700000000 * one_second;
 
 // The clock that is in place while there is a TestClock. It outlives them all: a thread of the
 // process that no test owns, like the one that closes idle file handles, may be reading it when a
@@ -22,7 +22,7 @@ constexpr std::int64_t start = 1700000000 * second;
 class Hands final : public Clock {
  public:
   void reset(TestClock* owner) {
-    microseconds = start;
+    microseconds = begin;
     const std::lock_guard<std::mutex> guard(lock_);
     owner_ = owner;
     own_thread_ = std::this_thread::get_id();
@@ -33,12 +33,12 @@ class Hands final : public Clock {
 
   ACE_Time_Value now() const override {
     const std::int64_t time = microseconds;
-    return ACE_Time_Value(time / second, static_cast<suseconds_t>(time % second));
+    return ACE_Time_Value(time / one_second, static_cast<suseconds_t>(time % one_second));
   }
 
   void pause(const ACE_Time_Value& length, const void* waited_on) override {
     if (is_owners_pause(length, waited_on)) {
-      microseconds += length.sec() * second + length.usec();
+      microseconds += length.sec() * one_second + length.usec();
       ++pauses;
       if (owner_->on_pause) owner_->on_pause(length);
     } else if (length != ACE_Time_Value::zero) {
@@ -55,7 +55,7 @@ class Hands final : public Clock {
     return rounds_;
   }
 
-  std::atomic<std::int64_t> microseconds{start};
+  std::atomic<std::int64_t> microseconds{begin};
   int pauses = 0;  // of the owner's thread, which alone uses it
 
  private:
@@ -90,11 +90,11 @@ TestClock::TestClock() {
 TestClock::~TestClock() { replace_clock(nullptr); }
 
 void TestClock::advance(double seconds) {
-  hands.microseconds += static_cast<std::int64_t>(seconds * static_cast<double>(second));
+  hands.microseconds += static_cast<std::int64_t>(seconds * static_cast<double>(one_second));
 }
 
 double TestClock::elapsed() const {
-  return static_cast<double>(hands.microseconds - start) / static_cast<double>(second);
+  return static_cast<double>(hands.microseconds - begin) / static_cast<double>(one_second);
 }
 
 int TestClock::pauses() const { return hands.pauses; }
