@@ -31,9 +31,9 @@ unsigned int waiting_of(std::size_t size) {
 }
 
 /// One side of the comparison: the real server, or the empty one.
-class Side {
+class Compared {
  public:
-  Side(Port_Factory_ptr server, bool real) : server_(server), real_(real) {
+  Compared(Port_Factory_ptr server, bool real) : server_(server), real_(real) {
     for (unsigned int i = 0; i < most_connections; ++i) {
       const std::string port = fmt::format("reply{}", i);
       require_ok(server_->create_port(port.c_str(), PORT_MASTER, 8));
@@ -130,7 +130,7 @@ void measure_against_empty_servant(const Bench& bench) {
   // payloads: each contender is several.
   const unsigned int pairs = bench.amount(3U, 1U);
   std::vector<std::unique_ptr<Server>> servers;
-  std::vector<Side> sides;  // the empty one and the real one in turn
+  std::vector<Compared> sides;  // the empty one and the real one in turn
   std::vector<const Process*> processes;
   for (unsigned int i = 0; i < pairs; ++i) {
     for (const bool real : {false, true}) {
@@ -143,9 +143,9 @@ void measure_against_empty_servant(const Bench& bench) {
   }
 
   const auto compare = [&](const std::string& what, std::size_t size, const std::string& note,
-                           const std::function<Work(const Side&)>& work_of) {
+                           const std::function<Work(const Compared&)>& work_of) {
     std::vector<Work> works;
-    for (const Side& side : sides) works.push_back(work_of(side));
+    for (const Compared& compared : sides) works.push_back(work_of(compared));
     for (const unsigned int connections : {1U, 2U, most_connections}) {
       // Four threads that are free to move share two processors now in this way, now in that, and a
       // call takes up to three times as long: they get fixed places. Sixteen even that out.
@@ -170,15 +170,17 @@ void measure_against_empty_servant(const Bench& bench) {
     }
   };
 
-  compare("exist", 0, "", [](const Side& side) { return side.exist(); });
+  compare("exist", 0, "", [](const Compared& compared) { return compared.exist(); });
   for (const std::size_t size :
        {std::size_t{100}, std::size_t{4} << 10, std::size_t{64} << 10, std::size_t{1} << 20}) {
-    compare("send_event", size, "", [=](const Side& side) { return side.send_event(size); });
+    compare("send_event", size, "",
+            [=](const Compared& compared) { return compared.send_event(size); });
     compare("packet_receive_n", size, fmt::format("{} at once", batch_of(size)),
-            [=](const Side& side) { return side.packet_receive_n(size); });
-    compare("packet_replay", size, "", [=](const Side& side) { return side.packet_replay(size); });
+            [=](const Compared& compared) { return compared.packet_receive_n(size); });
+    compare("packet_replay", size, "",
+            [=](const Compared& compared) { return compared.packet_replay(size); });
     compare("packet_replay_wait", size, "reply there",
-            [=](const Side& side) { return side.packet_replay_wait(size); });
+            [=](const Compared& compared) { return compared.packet_replay_wait(size); });
   }
 }
 

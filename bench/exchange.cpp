@@ -16,8 +16,6 @@
 namespace portsvc::bench {
 namespace {
 
-constexpr std::size_t payload_size = 100;
-
 /// A figure of a measurement, and what it is held to.
 struct Figure {
   const char* name;
@@ -66,7 +64,7 @@ std::vector<double> exchange(Side& side, unsigned int owners, unsigned int clien
 
 /// Seconds from the sending of an event until a consumer that waits for it has it, in a slice.
 std::vector<double> hand_over(Side& side, bool paused, unsigned int events) {
-  side.begin_events(payload_size, 1, events);
+  side.begin_events(small_payload, 1, events);
   std::atomic<Clock::rep> sent{0};
   std::atomic<unsigned int> taken{0};
   std::vector<double> times;
@@ -98,7 +96,7 @@ void report(const Bench& bench, const Figures& figures,
             const std::vector<const Contender*>& contenders,
             const std::vector<std::vector<double>>& medians, Row row, bool targets) {
   const std::string what = row.what;
-  row.payload = size_text(payload_size);
+  row.payload = size_text(small_payload);
   for (std::size_t k = 0; k < figures.size(); ++k) {
     for (std::size_t i = 1; i < contenders.size(); ++i) {
       const std::string& other = contenders[i]->name;

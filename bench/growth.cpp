@@ -9,8 +9,6 @@
 namespace portsvc::bench {
 namespace {
 
-constexpr std::size_t payload_size = 100;
-
 /// A server with so many ports, and so many clients on one of them.
 class Crowd {
  public:
@@ -32,12 +30,12 @@ class Crowd {
 
   /// The client's side: a packet sent, a reply taken.
   Work packet_foward() const {
-    return {{}, [this, data = payload(payload_size)](unsigned int) {
+    return {{}, [this, data = payload(small_payload)](unsigned int) {
               require_ok(server_->packet_foward(next_handle(), data, 1));
             }};
   }
   Work packet_replay_wait() const {
-    return {[this, data = payload(payload_size)](unsigned int) {
+    return {[this, data = payload(small_payload)](unsigned int) {
               require_ok(server_->packet_replay(next_handle(), data, 0));
             },
             [this](unsigned int) {
@@ -48,7 +46,7 @@ class Crowd {
 
   /// The owner's side: a packet and an event taken, a client answered.
   Work packet_receive() const {
-    return {[this, data = payload(payload_size)](unsigned int) {
+    return {[this, data = payload(small_payload)](unsigned int) {
               require_ok(server_->packet_foward(next_handle(), data, 1));
             },
             [this](unsigned int) {
@@ -58,7 +56,7 @@ class Crowd {
             }};
   }
   Work packet_receive_n() const {
-    return {[this, data = payload(payload_size)](unsigned int) {
+    return {[this, data = payload(small_payload)](unsigned int) {
               require_ok(server_->send_event("popular box", data));
             },
             [this](unsigned int) {
@@ -67,7 +65,7 @@ class Crowd {
             }};
   }
   Work packet_replay() const {
-    return {{}, [this, data = payload(payload_size)](unsigned int) {
+    return {{}, [this, data = payload(small_payload)](unsigned int) {
               require_ok(server_->packet_replay(next_handle(), data, 0));
             }};
   }
@@ -101,7 +99,7 @@ void measure_growth(const Bench& bench) {
   const Crowd large(bench, "crowd100000", 100000, 10);
   const Crowd handles(bench, "crowd-handles", 10, 10000);
   const Pinned pinned({&small.process(), &middle.process(), &large.process(), &handles.process()});
-  const std::string with_data = size_text(payload_size);
+  const std::string with_data = size_text(small_payload);
   const auto compare = [&](const std::string& operation, const std::string& payload,
                            Work (Crowd::*work)() const) {
     const std::vector<double> seconds = alternate(

@@ -17,6 +17,9 @@ namespace portsvc::bench {
 using Varo::DT_PORT_SVC::Port_Factory_ptr;
 using Varo::DT_PORT_SVC::Port_Factory_var;
 
+/// The payload of whatever has no other.
+constexpr std::size_t small_payload = 100;
+
 /// One run.
 struct Bench {
   const std::string port_server;  ///< path of the program

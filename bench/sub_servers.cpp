@@ -16,8 +16,6 @@
 namespace portsvc::bench {
 namespace {
 
-constexpr std::size_t payload_size = 100;
-
 /// A directory file with one entry per server.
 class DirectoryFile {
  public:
@@ -129,7 +127,7 @@ double copy_rate(const Bench& bench, unsigned int count, double& empty_seconds) 
     return least;
   };
   const Pinned pinned(processes);
-  const DATA_BUFFER wire = payload(payload_size);
+  const DATA_BUFFER wire = payload(small_payload);
   const Work empty_call{{}, [&](unsigned int) { require_ok(empty->update_port("box", 0, wire)); }};
   empty_seconds = seconds_per_call(empty_call, 1, std::chrono::milliseconds(300));
 
@@ -161,7 +159,7 @@ void measure_copies(const Bench& bench) {
     Row row;
     row.value = copy_rate(bench, count, empty_seconds);
     row.what = fmt::format("copies of events to {} sub server{}", count, count == 1 ? "" : "s");
-    row.payload = size_text(payload_size);
+    row.payload = size_text(small_payload);
     row.connections = count;
     row.processors = "one";
     row.against = "empty calls";

@@ -7,7 +7,7 @@
 namespace portsvc::bench {
 namespace {
 
-constexpr const char* line =
+constexpr const char* row_format =
     "{:<9} {:<51} {:>7} {:>5} {:>4}  {:<26} {:>11} {:>11} {:<6} {:>7} {:<9} {}\n";
 
 std::string number(const std::optional<double>& value) {
@@ -32,10 +32,10 @@ void Table::add(const Row& row) {
 
   if (!json_) {
     if (rows_.empty()) {
-      fmt::print(line, "section", "what", "payload", "conns", "cpus", "against", "reference",
+      fmt::print(row_format, "section", "what", "payload", "conns", "cpus", "against", "reference",
                  "value", "unit", "ratio", "target", "note");
     }
-    fmt::print(line, section_, row.what, row.payload,
+    fmt::print(row_format, section_, row.what, row.payload,
                row.connections == 0 ? "" : std::to_string(row.connections), row.processors,
                row.against, number(row.reference), number(row.value), row.unit,
                ratio ? fmt::format("{:.3f}", *ratio) : "", verdict, row.note);

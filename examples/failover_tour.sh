@@ -114,7 +114,11 @@ sleep 2
 say "the main server is started again, with the ports of its snapshot and other port ids"
 start main "$main" --restore
 show portctl --server "$sub" refresh --main "$main"
-sleep 2
+deadline=$((SECONDS + 20))
+until tail -n 1 "$state/seen" | grep -q ' answered$' || [ $SECONDS -ge $deadline ]; do
+  sleep 0.1
+done
+sleep 1
 
 say "what the client saw, in seconds after the kill"
 awk -v killed="$killed" '

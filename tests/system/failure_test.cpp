@@ -138,7 +138,8 @@ TEST_F(Failures, AServerStopsWithCallsBlockedInItAndWithAFrozenPeer) {
   EXPECT_EQ(stop("sub1", SIGTERM), 0);
   process("main").signal(SIGCONT);
   EXPECT_EQ(stop("main", SIGINT), 0);
-  for (auto& call : calls) EXPECT_EQ(call.get(), 1U) << "its server was gone";
+  // Its server was gone, or had just noticed that it could not ask the other.
+  for (auto& call : calls) EXPECT_THAT(call.get(), ::testing::AnyOf(1U, result::peer_receive));
 }
 
 }  // namespace

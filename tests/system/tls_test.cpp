@@ -82,7 +82,7 @@ TEST_F(TlsOnly, OthersAreTurnedAwayAndServedNothing) {
   raw.send("GIOP plain text");
   EXPECT_TRUE(raw.closed_by_peer(10s));
   EXPECT_EQ(portctl("main", {"exists", "p"}).status, 1) << "a stranger has made it";
-  EXPECT_GT(times_said("main", "tls: refused 127.0.0.1:"), 0) << process("main").err();
+  EXPECT_GT(times_said("main", "tls: refused "), 0) << process("main").err();
 
   // What SIGHUP makes it read again holds for connections made from then on.
   for (const char* name : {"plant", "own"}) {
