@@ -143,7 +143,7 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
   omniORB::setLogFunction(log_line);
   const std::string trace =
       std::to_string(std::max(options.trace, options.endpoint.empty() ? 0U : 1U));
-  const std::string message_timeout = std::to_string(options.message_timeout.count());
+  const std::string message_time = std::to_string(options.message_timeout.count());
   const std::pair<const char*, const char*> wanted[] = {
       {"traceLevel", trace.c_str()},
       {"giopMaxMsgSize", max_message.c_str()},
@@ -153,7 +153,7 @@ Broker::Broker(const Options& options) : impl_(std::make_unique<Impl>()) {
       {"threadPerConnectionPolicy", "1"},
       {"threadPerConnectionUpperLimit", threads.c_str()},
       {"supportPerThreadTimeOut", "1"},
-      {"serverCallTimeOutPeriod", message_timeout.c_str()},
+      {"serverCallTimeOutPeriod", message_time.c_str()},
       {"sslCAFile", options.tls.authorities.c_str()},
       {"sslKeyFile", options.tls.key.c_str()},
       // It reads the key only when there is a password for it, even for one that needs none.
