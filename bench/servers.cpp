@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <filesystem>
 #include <stdexcept>
 #include <utility>
 
@@ -69,7 +70,8 @@ std::vector<std::string> empty_server() { return {own_path(), "empty-server"}; }
 
 std::vector<std::string> waking_server() { return {own_path(), "waking-server"}; }
 
-std::string own_path() { return "/proc/self/exe"; }
+// The link itself would name the shell that starts the process.
+std::string own_path() { return std::filesystem::read_symlink("/proc/self/exe"); }
 
 CORBA::ULong connect_client(Port_Factory_ptr server, const std::string& port, CORBA::ULong access) {
   return connect(server, port, CONNECT_CLIENT, access);
