@@ -33,6 +33,11 @@ Result take_one(Ownership& box, Payload& event, Timeout timeout) {
   return taken;
 }
 
+template <class State>
+bool any_ended(const std::vector<State*>& states) {
+  return std::any_of(states.begin(), states.end(), [](const State* each) { return each->ended(); });
+}
+
 // Selecting is the same for owners and clients, but for the operation and what is held.
 template <class Entry, class State, class Operation>
 Result select_one(const std::vector<Entry*>& entries, const std::vector<State*>& states,
@@ -45,13 +50,10 @@ Result select_one(const std::vector<Entry*>& entries, const std::vector<State*>&
       return Result(result::access_refused);
     }
   }
-  Wait wait(link, states.front()->ended(), timeout);
-  const auto cancelled = [&] {
-    return wait.cancelled() || std::any_of(states.begin(), states.end(),
-                                           [](State* state) { return state->ended().load(); });
-  };
+  Wait wait(
+      link, [&] { return any_ended(states); }, timeout);
   for (;;) {
-    if (cancelled()) return Result(failure::cancelled);
+    if (wait.cancelled()) return Result(failure::cancelled);
     Varo::PORT_HANDLE_SET handles;
     handles.length(static_cast<CORBA::ULong>(states.size()));
     std::uint64_t life = 0;
@@ -75,7 +77,7 @@ Result select_one(const std::vector<Entry*>& entries, const std::vector<State*>&
       wait.got_through();
     } else if (!(result == detail::stale && link.options().reconnect) &&
                !wait.goes_on_after(result, true)) {
-      return cancelled() ? Result(failure::cancelled) : detail::for_callers(result);
+      return wait.cancelled() ? Result(failure::cancelled) : detail::for_callers(result);
     }
   }
 }
@@ -158,15 +160,7 @@ Result Connection::release(const std::string& name) {
 }
 
 Result Connection::hosts(std::map<std::string, std::string>& hosts) {
-  return link_->call([&](Port_Factory_ptr server) -> unsigned int {
-    Varo::DT_PORT_SVC::ConnectionSeq_var list;
-    const unsigned int code = server->current_connection(list.out());
-    hosts.clear();
-    for (CORBA::ULong i = 0; i < list->length(); ++i) {
-      hosts.emplace(list[i].port_name.in(), list[i].host.in());
-    }
-    return code;
-  });
+  return detail::read_hosts(*link_, hosts);
 }
 
 Result Connection::set_host(const std::string& name, const std::string& host) {
@@ -311,18 +305,21 @@ const std::string& Client::port() const { return impl_->port(); }
 void Client::cancel() { impl_->cancel(); }
 
 Result Client::send(Bytes packet, Timeout timeout) {
-  Wait wait(impl_->link(), impl_->ended(), timeout);
+  Wait wait(
+      impl_->link(), [this] { return impl_->ended(); }, timeout);
   return impl_->send(packet, wait);
 }
 
 Result Client::wait_reply(Payload& reply, Timeout timeout) {
-  Wait wait(impl_->link(), impl_->ended(), timeout);
+  Wait wait(
+      impl_->link(), [this] { return impl_->ended(); }, timeout);
   return impl_->wait_reply(reply, wait);
 }
 
 Result Client::ask(Bytes packet, Payload& reply, Timeout timeout) {
   impl_->give_up_replies();
-  Wait wait(impl_->link(), impl_->ended(), timeout);
+  Wait wait(
+      impl_->link(), [this] { return impl_->ended(); }, timeout);
   const Result sent = impl_->send(packet, wait);
   return sent ? impl_->wait_reply(reply, wait) : sent;
 }
@@ -417,8 +414,12 @@ Result take(const std::vector<Box*>& boxes, Box*& from, std::vector<Payload>& ev
             unsigned int most, Timeout timeout) {
   from = nullptr;
   if (boxes.empty()) return Result(result::nothing_selected);
-  detail::Link& link = boxes.front()->impl_->link();
-  Wait wait(link, boxes.front()->impl_->ended(), timeout);
+  std::vector<Ownership*> all;
+  all.reserve(boxes.size());
+  for (Box* const box : boxes) all.push_back(box->impl_.get());
+  detail::Link& link = all.front()->link();
+  const auto ended = [&] { return any_ended(all); };
+  Wait wait(link, ended, timeout);
   constexpr int looks_between_questions = 20;
   for (int look = 1;; ++look) {
     Result result(result::timed_out);
@@ -437,7 +438,7 @@ Result take(const std::vector<Box*>& boxes, Box*& from, std::vector<Payload>& ev
     if (result || result == failure::cancelled) return result;
     if (result == result::timed_out) {
       if (wait.over()) return result;
-      (void)link.pause(time_between_looks, boxes.front()->impl_->ended());
+      (void)link.pause(time_between_looks, ended);
     } else if (!wait.goes_on_after(result, true)) {
       return wait.cancelled() ? Result(failure::cancelled) : detail::for_callers(result);
     }

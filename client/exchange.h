@@ -27,7 +27,7 @@ class Exchange {
   Link& link() const { return *link_; }
   const std::string& port() const { return port_; }
   Access access() const { return access_; }
-  std::atomic<bool>& ended() { return ended_; }
+  bool ended() const { return ended_.load(); }
   void cancel();
 
   /// Sees to it that the client is connected in the life that the server is in.

@@ -356,16 +356,16 @@ void Link::wake() {
   changed_.notify_all();
 }
 
-bool Link::pause(std::chrono::milliseconds time, const std::atomic<bool>& ended) {
+bool Link::pause(std::chrono::milliseconds time, const Ended& ended) {
   std::unique_lock<std::mutex> lock(lock_);
-  return !changed_.wait_for(lock, time, [&] { return ended.load() || cancelled(); });
+  return !changed_.wait_for(lock, time, [&] { return ended() || cancelled(); });
 }
 
 // --- Wait
 
-Wait::Wait(Link& link, const std::atomic<bool>& ended, Timeout timeout)
+Wait::Wait(Link& link, Link::Ended ended, Timeout timeout)
     : link_(link),
-      ended_(ended),
+      ended_(std::move(ended)),
       end_(timeout.is_forever() ? std::nullopt
                                 : std::make_optional(steady_clock::now() + timeout.seconds())) {}
 
@@ -381,23 +381,10 @@ std::chrono::seconds Wait::left(std::chrono::seconds most) const {
 }
 
 bool Wait::goes_on_after(Result failure, bool repeatable) {
-  switch (failure.code()) {
-    case failure::unreachable:
-    case failure::no_service:  // the server is just starting
-    case failure::not_listed:
-    case refusal::stopping:
-    case result::no_peer:
-    case result::unknown_handle:  // the server has come back without the port
-    case result::unknown_name:
-      break;
-    case failure::lost:
-    case result::peer_receive:
-    case result::failed:
-      if (repeatable) break;
-      return false;
-    default:
-      return false;
-  }
+  if (!failure.may_pass()) return false;
+  const bool perhaps_done =
+      failure == failure::lost || failure == result::peer_receive || failure == result::failed;
+  if (perhaps_done && !repeatable) return false;
   if (!link_.options().reconnect) return false;
   auto time = pause_;
   if (end_) {

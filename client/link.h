@@ -106,6 +106,9 @@ class Link {
   const std::string& server() const { return server_; }
   const Options& options() const { return options_; }
 
+  /// Whether somebody has cancelled the object, or one of those, that wait; wake() has it asked.
+  using Ended = std::function<bool()>;
+
   using Call = std::function<unsigned int(Port_Factory_ptr)>;
   /// A call that does not wait in the server. A server that is not known (any more) is looked up
   /// first. `bytes`: about how large the request is.
@@ -134,7 +137,7 @@ class Link {
   bool cancelled() const { return cancelled_.load(); }
   void wake();
   /// Pauses; false at once when `ended` or the link is cancelled.
-  bool pause(std::chrono::milliseconds time, const std::atomic<bool>& ended);
+  bool pause(std::chrono::milliseconds time, const Ended& ended);
 
  private:
   struct Target {
@@ -163,9 +166,9 @@ class Link {
 /// server that is away.
 class Wait {
  public:
-  Wait(Link& link, const std::atomic<bool>& ended, Timeout timeout);
+  Wait(Link& link, Link::Ended ended, Timeout timeout);
 
-  bool cancelled() const { return ended_.load() || link_.cancelled(); }
+  bool cancelled() const { return ended_() || link_.cancelled(); }
   /// True when the time is used up. The server counts whole seconds and ends a little late: a rest
   /// this short is no slice more.
   bool over() const;
@@ -183,7 +186,7 @@ class Wait {
   static constexpr std::chrono::milliseconds longest{30000};
 
   Link& link_;
-  const std::atomic<bool>& ended_;
+  const Link::Ended ended_;
   const std::optional<std::chrono::steady_clock::time_point> end_;
   std::chrono::milliseconds pause_{shortest};
   bool lost_ = false;  // on_lost has been told

@@ -16,6 +16,18 @@ constexpr std::chrono::milliseconds time_between_looks(200);
 
 }  // namespace
 
+Result read_hosts(Link& link, std::map<std::string, std::string>& hosts) {
+  return link.call([&](Port_Factory_ptr server) -> unsigned int {
+    Varo::DT_PORT_SVC::ConnectionSeq_var list;
+    const unsigned int code = server->current_connection(list.out());
+    hosts.clear();
+    for (CORBA::ULong i = 0; i < list->length(); ++i) {
+      hosts.emplace(list[i].port_name.in(), list[i].host.in());
+    }
+    return code;
+  });
+}
+
 OwnerWord word_of(const OwnerNote& note) {
   return {note.program, note.host, note.process, note.has_ended()};
 }
@@ -171,7 +183,8 @@ Result Ownership::connect(bool again, unsigned int& id) {
     bool wait = false;
     const Result taken_over = take_over(again && owner == former_id, since, wait);
     if (taken_over && wait) {
-      if (!link_->pause(time_between_looks, ended_)) return Result(failure::cancelled);
+      if (!link_->pause(time_between_looks, [this] { return ended(); }))
+        return Result(failure::cancelled);
       continue;
     }
     if (!taken_over) return taken_over;
@@ -187,15 +200,9 @@ Result Ownership::connect(bool again, unsigned int& id) {
 }
 
 std::string Ownership::text_at_port(bool& any) {
-  std::string text;
-  const Result listed = link_->call([&](Port_Factory_ptr server) {
-    Varo::DT_PORT_SVC::ConnectionSeq_var list;
-    const unsigned int code = server->current_connection(list.out());
-    for (CORBA::ULong i = 0; i < list->length(); ++i) {
-      if (name_ == list[i].port_name.in()) text = list[i].host.in();
-    }
-    return code;
-  });
+  std::map<std::string, std::string> hosts;
+  const Result listed = read_hosts(*link_, hosts);
+  const std::string text = hosts[name_];
   any = !listed || !text.empty();
   return text;
 }
@@ -283,7 +290,8 @@ Result Ownership::still_owned(std::uint64_t life) {
 }
 
 Result Ownership::wait(Timeout timeout, const Take& take, std::uint64_t& life) {
-  Wait wait(*link_, ended_, timeout);
+  Wait wait(
+      *link_, [this] { return ended(); }, timeout);
   const bool looks_only =
       timeout.seconds().count() == 0 && (what_ != What::port || options_.access == Access::select);
   for (;;) {

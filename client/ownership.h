@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,6 +15,9 @@
 #include "middleware/owner_note.h"
 
 namespace portsvc::client::detail {
+
+/// As Connection::hosts().
+Result read_hosts(Link& link, std::map<std::string, std::string>& hosts);
 
 /// What callers are told of a note.
 OwnerWord word_of(const OwnerNote& note);
@@ -47,10 +51,10 @@ class Ownership {
   Link& link() const { return *link_; }
   const std::string& name() const { return name_; }
   Access access() const { return options_.access; }
-  std::atomic<bool>& ended() { return ended_; }
+  bool ended() const { return ended_.load(); }
   unsigned int id() const;
   std::uint64_t gaps() const { return gaps_.load(); }
-  /// Ends the waits; when it returns none of them is in the server.
+  /// Ends the waits; when it returns none of them is in a server that answers.
   void cancel();
 
   /// Sees to it that the port is owned in the life that the server is in.

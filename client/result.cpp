@@ -41,6 +41,24 @@ std::string Result::text() const {
   return fmt::format("{} {}: {}", code_, text.name, text.meaning);
 }
 
+bool Result::may_pass() const {
+  switch (code_) {
+    case failure::unreachable:
+    case failure::lost:
+    case failure::no_service:
+    case failure::not_listed:
+    case refusal::stopping:
+    case result::no_peer:
+    case result::peer_receive:
+    case result::failed:
+    case result::unknown_handle:
+    case result::unknown_name:
+      return true;
+    default:
+      return false;
+  }
+}
+
 void Result::check(const std::string& what) const {
   if (!ok()) throw Error(what + ": " + text(), *this);
 }

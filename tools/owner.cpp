@@ -57,22 +57,4 @@ void describe_reconnect(CLI::App& command, Reconnect& reconnect) {
       "wait for it at first");
 }
 
-bool may_pass(client::Result failed) {
-  switch (failed.code()) {
-    case client::failure::unreachable:
-    case client::failure::lost:
-    case client::failure::no_service:
-    case client::failure::not_listed:
-    case refusal::stopping:
-    case result::unknown_handle:
-    case result::unknown_name:
-    case result::no_peer:
-    case result::peer_receive:
-    case result::failed:
-      return true;
-    default:
-      return false;
-  }
-}
-
 }  // namespace portsvc::tools

@@ -53,9 +53,6 @@ struct Reconnect {
 /// The options --reconnect and --no-reconnect.
 void describe_reconnect(CLI::App& command, Reconnect& reconnect);
 
-/// Whether it may pass: a server that is away, or one that does not have the port yet.
-bool may_pass(client::Result failed);
-
 /// What `make` makes of the session's server. With --reconnect said in so many words it waits until
 /// the server is there, and what is asked of it.
 template <class Make>
@@ -66,7 +63,7 @@ auto patiently(Session& session, const Reconnect& reconnect, Make make) {
     try {
       return make();
     } catch (const client::Error& error) {
-      if (!reconnect.also_at_first || !may_pass(error.result())) throw;
+      if (!reconnect.also_at_first || !error.result().may_pass()) throw;
       if (pause.count() == 250) warn(with_options(error.what()) + "; trying again");
     }
     pause_for(pause);

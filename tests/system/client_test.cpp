@@ -256,6 +256,21 @@ TEST_F(ClientLibrary, GoesOnAtAServerThatComesBackAndSendsNothingToAnotherPort) 
   EXPECT_EQ(owned.get(), client::failure::cancelled);
 }
 
+TEST_F(ClientLibrary, IsCancelledAlsoInTheLongPausesOfALostServer) {
+  start("main");
+  Connection main = connect("main");
+  client::Box a(main, "a", creating()), b(main, "b", creating());
+  client::Box* from = nullptr;
+  std::vector<Payload> events;
+  auto waiting = started([&] { return take({&a, &b}, from, events, 9); });
+  kill("main");
+  EXPECT_EQ(waiting.wait_for(4500ms),
+            std::future_status::timeout);  // then a pause has seconds left
+  b.cancel();
+  EXPECT_EQ(waiting.wait_for(2s), std::future_status::ready);
+  EXPECT_EQ(waiting.get(), client::failure::cancelled);
+}
+
 TEST_F(ClientLibrary, TakesOverFromTheDeadAloneAndEndsWaitsThroughProxies) {
   start("main");
   start("sub1");

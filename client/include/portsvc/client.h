@@ -32,9 +32,9 @@
 // Cancellation. cancel() may be called from any thread. It ends the waits of its object, or, at a
 // Connection, of everything made with that, with failure::cancelled, within a second: a wait is
 // made of calls of a second each. (When the server has stopped answering it takes
-// Options::call_timeout more.) That of an Owner or a Box asks the server to end the take, and waits
-// for that: once it has returned, nothing is taken for nobody. The object stays cancelled; it can
-// be used for what does not wait, and destroyed.
+// Options::call_timeout more.) That of an Owner, a Box or a Subscription asks the server to end the
+// take, and waits for that: once it has returned, nothing is taken for nobody. The object stays
+// cancelled; it can be used for what does not wait, and destroyed.
 #pragma once
 
 #include <chrono>
@@ -98,6 +98,10 @@ class [[nodiscard]] Result {
   std::string_view meaning() const;
   /// "2017 send_timed_out: no owner took the packet before the time-out".
   std::string text() const;
+
+  /// Whether it may pass by itself: a server that is away or just starting, one that does not have
+  /// the port yet.
+  bool may_pass() const;
 
   /// Throws Error unless it is a success; `what` says what was tried, for example "send to orders".
   void check(const std::string& what) const;
