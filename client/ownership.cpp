@@ -202,7 +202,7 @@ Result Ownership::connect(bool again, unsigned int& id) {
 std::string Ownership::text_at_port(bool& any) {
   std::map<std::string, std::string> hosts;
   const Result listed = read_hosts(*link_, hosts);
-  const std::string text = hosts[name_];
+  std::string text = hosts[name_];
   any = !listed || !text.empty();
   return text;
 }
