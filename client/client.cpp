@@ -14,11 +14,11 @@ namespace portsvc::client {
 using detail::Exchange;
 using detail::Ownership;
 using detail::Port_Factory_ptr;
+using detail::slice;
 using detail::Wait;
 
 namespace {
 
-constexpr std::chrono::seconds slice(1);
 constexpr std::chrono::milliseconds time_between_looks(50);
 
 std::string new_box_name() {

@@ -7,8 +7,6 @@
 namespace portsvc::client::detail {
 namespace {
 
-constexpr std::chrono::seconds slice(1);
-
 // Through a proxy a wait is one call, which may be left behind: not for ever.
 constexpr std::chrono::seconds longest_proxied_wait = std::chrono::hours(1);
 

@@ -30,6 +30,10 @@ inline Result for_callers(Result result) {
   return result == stale ? Result(failure::lost) : result;
 }
 
+/// What one call waits in the server. A longer wait is made of such calls, so that it can be
+/// cancelled and notices a server that has gone.
+constexpr std::chrono::seconds slice(1);
+
 /// The code for a failed call.
 Result result_of(const CORBA::Exception& exception);
 /// The last failure of this thread, as the broker has told it.

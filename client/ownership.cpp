@@ -260,7 +260,7 @@ class Ownership::Taking {
   Ownership& owned_;
 };
 
-Result Ownership::attempt(std::chrono::seconds slice, const Take& take, std::uint64_t& life) {
+Result Ownership::attempt(std::chrono::seconds longest, const Take& take, std::uint64_t& life) {
   for (bool again = false;;) {
     unsigned int id = 0;
     Result result = hold(id, life);
@@ -268,8 +268,8 @@ Result Ownership::attempt(std::chrono::seconds slice, const Take& take, std::uin
     const Taking taking(*this);
     // A cancellation that comes from here on sees the call; one that came before is seen here.
     if (ended_ || link_->cancelled()) return Result(failure::cancelled);
-    result = link_->call_in(life, slice, [&](Port_Factory_ptr server) {
-      return take(server, id, static_cast<unsigned int>(slice.count()));
+    result = link_->call_in(life, longest, [&](Port_Factory_ptr server) {
+      return take(server, id, static_cast<unsigned int>(longest.count()));
     });
     if (result == result::unknown_handle) lose(life);  // the port has gone, its server has not
     if (!link_->options().reconnect) return result;

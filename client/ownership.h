@@ -66,7 +66,7 @@ class Ownership {
   class Taking;
 
   /// One call of `take`, connecting first if need be. `stale`: at once again, in another life.
-  Result attempt(std::chrono::seconds slice, const Take& take, std::uint64_t& life);
+  Result attempt(std::chrono::seconds longest, const Take& take, std::uint64_t& life);
   Result connect(bool again, unsigned int& id);
   Result take_over(bool again, std::chrono::steady_clock::time_point since, bool& wait);
   Result make_box();
