@@ -32,7 +32,7 @@ class Port_Factory_Sub : public Port_Factory_i {
                    CORBA::ORB_var orb);
   ~Port_Factory_Sub() override;
 
-  Varo::DT_PORT_SVC::Port_Factory_var get_remote_point() override;
+  Varo::DT_PORT_SVC::Port_Factory_var get_remote_point() final;  // the constructor calls it
   void releaseRemotePoint() override;
   /// Reports to the main server that this server serves the owner of the named port, and marks the
   /// port so that it is reported again after every reconnection.
