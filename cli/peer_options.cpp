@@ -1,5 +1,7 @@
 #include "cli/peer_options.h"
 
+#include <CLI/CLI.hpp>
+
 namespace portsvc::cli {
 
 void describe_peer_options(CLI::App& app, PeerOptions& options) {

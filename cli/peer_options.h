@@ -1,11 +1,14 @@
 // The options that both programs have, because both talk to servers.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <string>
 
 #include "middleware/orb/orb.h"
+
+namespace CLI {
+class App;
+}
 
 namespace portsvc::cli {
 

@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdint>
 
 #include "idl/port_codes.h"

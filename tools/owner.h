@@ -1,7 +1,6 @@
 // Owning a port or a box for a command: the options about it, and what is told of other owners.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <optional>
@@ -11,6 +10,10 @@
 #include "tools/errors.h"
 #include "tools/interrupt_watch.h"
 #include "tools/session.h"
+
+namespace CLI {
+class App;
+}
 
 namespace portsvc::tools {
 
