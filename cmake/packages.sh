@@ -28,6 +28,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libomniorb4-dev omniidl libace-
   prometheus-cpp-dev libcivetweb-dev libssl-dev)
 PACKAGING_PACKAGES=(dpkg-dev fakeroot file lintian debootstrap systemd)
 TEST_PACKAGES=(libgtest-dev libgmock-dev omniorb-nameserver openssl tcl-combat chromium curl prometheus)
+CLANG_PACKAGES=(clang libclang-rt-14-dev llvm)
 BENCH_PACKAGES=(libbenchmark-dev redis-server nats-server)
 
 # configure_and_build DIR [CMAKE_OPTION...]: builds the tree in DIR with all processors. The
