@@ -133,8 +133,9 @@ void Port_Factory_Skeleton::_dispatch(TAO_ServerRequest& request,
   if (message && message->length() > largest_request) {
     throw CORBA::MARSHAL(0, CORBA::COMPLETED_NO);
   }
-  const Timed_Call timed(request.operation());
-  const Blocked_Call counted(request.operation());
+  const std::size_t operation = Served_Calls::number_of(request.operation());
+  const Timed_Call timed(operation);
+  const Blocked_Call counted(operation);
   errno = EINVAL;
   POA_Varo::DT_PORT_SVC::Port_Factory::_dispatch(request, upcall);
 }

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 #include "platform/counters.h"
@@ -27,7 +28,9 @@ struct Operation_Calls {
 class Served_Calls {
  public:
   /// The number of an operation of the interface, or of all others together.
-  static std::size_t number_of(const char* operation);
+  static std::size_t number_of(std::string_view operation);
+  /// Whether a call of it may wait for something in the server.
+  static bool may_wait(std::size_t operation);
 
   void count(std::size_t operation, std::chrono::nanoseconds took);
   /// Every operation, also those that nobody has called. Calls that end meanwhile may be missing.
@@ -48,11 +51,11 @@ class Served_Calls {
 /// Those of the process.
 Served_Calls& served_calls();
 
-/// Counts a call when it goes.
+/// Counts a call of an operation, by its number, when it goes.
 class Timed_Call {
  public:
-  explicit Timed_Call(const char* operation)
-      : operation_(Served_Calls::number_of(operation)), start_(std::chrono::steady_clock::now()) {}
+  explicit Timed_Call(std::size_t operation)
+      : operation_(operation), start_(std::chrono::steady_clock::now()) {}
   ~Timed_Call() { served_calls().count(operation_, std::chrono::steady_clock::now() - start_); }
   Timed_Call(const Timed_Call&) = delete;
   Timed_Call& operator=(const Timed_Call&) = delete;

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cerrno>
-#include <cstring>
 #include <memory>
 #include <new>
 #include <utility>
@@ -90,9 +89,8 @@ inline Varo::DATA_BUFFER* give(std::unique_ptr<unsigned char[]> bytes, unsigned 
 /// one: the others stay open to who wants to see what all the calls wait for.
 class Blocked_Call {
  public:
-  explicit Blocked_Call(const char* operation)
-      : counted_(std::strncmp(operation, "packet_", 7) == 0 ||
-                 std::strncmp(operation, "select_", 7) == 0) {
+  /// `operation` is its number among the served calls.
+  explicit Blocked_Call(std::size_t operation) : counted_(Served_Calls::may_wait(operation)) {
     if (counted_ && !limits().blocked_calls.take()) refuse(refusal::blocked_calls);
   }
   ~Blocked_Call() {
@@ -131,8 +129,9 @@ class Remote_Caller final : public Caller {
 class Port_Factory_Skeleton : public virtual POA_Varo::DT_PORT_SVC::Port_Factory {
  public:
   _CORBA_Boolean _dispatch(omniCallHandle& handle) override {
-    const Timed_Call timed(handle.operation_name());
-    const Blocked_Call counted(handle.operation_name());
+    const std::size_t operation = Served_Calls::number_of(handle.operation_name());
+    const Timed_Call timed(operation);
+    const Blocked_Call counted(operation);
     const Remote_Caller caller(handle);
     const Caller::Scope scope(&caller);
     const detail::Own_Arguments arguments;
