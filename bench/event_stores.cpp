@@ -142,7 +142,7 @@ void measure_event_stores(const Bench& bench) {
 void measure_keeping(const Bench& bench) {
   const std::vector<Contender> stores = start_stores(bench);
   const auto all = all_of(stores);
-  for (const std::size_t size : {std::size_t{100}, std::size_t{64} << 10}) {
+  for (const std::size_t size : {std::size_t{100}, std::size_t{4} << 10, std::size_t{64} << 10}) {
     pinned_and_free(all, [&](Row row) {
       const auto times = compare(all, bench.amount(12U, 1U), [&](Side& side, const Contender&) {
         return keep_and_drain(side, size, std::chrono::milliseconds(bench.amount(300, 50)));
