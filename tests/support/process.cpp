@@ -16,8 +16,7 @@
 
 #include "idl/port_codes.h"
 #include "tests/support/folder.h"
-
-namespace fs = std::filesystem;
+#include "tests/support/threads.h"
 
 namespace portsvc {
 namespace {
@@ -51,16 +50,10 @@ double stat_field(pid_t pid, int number) {
 
 Words server_words(const std::string& role, const std::string& name, int port,
                    const std::string& folder) {
-  const std::string file = folder + "/" + name;
-  return {role,
-          "--name",
-          name,
-          "--endpoint",
-          "giop:tcp:127.0.0.1:" + std::to_string(port),
-          "--state-dir",
-          file,
-          "--ior-file",
-          file + ".ior"};
+  const std::string address = "giop:tcp:127.0.0.1:" + std::to_string(port);
+  const Words words{role, "--name", name, "--endpoint", address};
+  return words +
+         Words{"--state-dir", folder + "/" + name, "--ior-file", folder + "/" + name + ".ior"};
 }
 
 Words naming_words(int port, const std::string& folder) {
@@ -78,14 +71,19 @@ std::string directory_entry(const std::string& name, const std::string& role,
 Process::Process(const Words& command, std::string files, const std::string& input)
     : files_(std::move(files)), child_(shell_line(command, files_, input), SIGKILL) {}
 
+bool Process::serves() const {
+  return eventually([&] { return !running() || !out().empty(); }) && running();
+}
+
 std::string Process::out() const { return read_all(files_ + ".out"); }
 std::string Process::err() const { return read_all(files_ + ".err"); }
 
 int Process::sockets() const {
   int count = 0;
   std::error_code gone;
-  for (const auto& file : fs::directory_iterator("/proc/" + std::to_string(pid()) + "/fd")) {
-    count += fs::read_symlink(file, gone).string().rfind("socket:", 0) == 0;
+  for (const auto& file :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid()) + "/fd")) {
+    count += std::filesystem::read_symlink(file, gone).string().rfind("socket:", 0) == 0;
   }
   return count;
 }

@@ -53,6 +53,8 @@ class Process {
   std::optional<int> wait(std::chrono::milliseconds patience) const {
     return child_.status(patience);
   }
+  /// Of a server: waits until it says that it serves; false when it ends instead.
+  bool serves() const;
   bool running() const { return !wait(std::chrono::milliseconds(0)); }
 
   /// What it has written so far.
