@@ -7,7 +7,6 @@
 #include <string>
 #include <tuple>
 #include <utility>
-#include <vector>
 
 #include "core/port_factory_i.h"
 #include "idl/port_codes.h"

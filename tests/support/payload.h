@@ -1,6 +1,7 @@
 // Payloads from texts and back.
 #pragma once
 
+#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <cstring>
 #include <string>
@@ -38,6 +39,13 @@ inline Varo::DATA_BUFFER_SEQ wires(const Texts& texts) {
   list.length(static_cast<CORBA::ULong>(texts.size()));
   for (CORBA::ULong i = 0; i < list.length(); ++i) list[i] = wire(texts[i]);
   return list;
+}
+
+inline Varo::PORT_HANDLE_SET handle_set(const std::vector<unsigned int>& handles) {
+  Varo::PORT_HANDLE_SET set;
+  set.length(static_cast<CORBA::ULong>(handles.size()));
+  std::copy(handles.begin(), handles.end(), set.get_buffer());
+  return set;
 }
 
 inline std::string text(const Varo::DATA_BUFFER& data) {

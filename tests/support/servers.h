@@ -1,7 +1,6 @@
 // Servants in this process, called directly.
 #pragma once
 
-#include <algorithm>
 #include <vector>
 
 #include "roles/port_factory_main.h"
@@ -20,8 +19,6 @@ class Opened : public Role {
   using Role::last_handle;
   using Role::next_handle_;
   using Role::Role;
-  using Role::wait_for_replay_signal;
-  using Role::wait_for_signal;
 };
 
 class MainServer : public Opened<Port_Factory_Main> {
@@ -31,6 +28,13 @@ class MainServer : public Opened<Port_Factory_Main> {
 };
 
 using SubServer = Opened<Port_Factory_Sub>;
+
+/// A test of a main server.
+class WithServer : public ::testing::Test {
+ protected:
+  TestClock clock;
+  MainServer server;
+};
 
 inline unsigned int client(Port_Factory_i& server, const char* name,
                            unsigned int access = ACCESS_WAIT) {
@@ -82,11 +86,8 @@ using Selected = std::pair<unsigned int, unsigned int>;
 template <class Select>
 Selected select(Port_Factory_i& server, Select operation, const std::vector<unsigned int>& handles,
                 unsigned int timeout = 0) {
-  Varo::PORT_HANDLE_SET set;
-  set.length(static_cast<CORBA::ULong>(handles.size()));
-  std::copy(handles.begin(), handles.end(), set.get_buffer());
   CORBA::ULong ready = untouched;
-  const unsigned int code = (server.*operation)(set, ready, timeout);
+  const unsigned int code = (server.*operation)(handle_set(handles), ready, timeout);
   return {code, ready};
 }
 
