@@ -2,10 +2,8 @@
 #include "platform/wait.h"
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
-#include <future>
 #include <mutex>
 #include <set>
 
@@ -23,38 +21,9 @@ using Answer = std::optional<unsigned int>;
 
 constexpr unsigned int done = 1;
 constexpr unsigned int given_up = 2;
-constexpr unsigned int refused = 3;
 
 Answer no() { return std::nullopt; }
 Answer not_yet(const Caller*) { return std::nullopt; }
-
-TEST(Wait, TestsBeforeItPausesAndBeforeItGivesUp) {
-  TestClock clock;
-  EXPECT_EQ(wait(
-                1, given_up, {}, [](const Caller*) { return Answer(done); }, no),
-            done);
-  EXPECT_EQ(clock.pauses(), 0);
-
-  EXPECT_EQ(wait(1, given_up, {}, not_yet, no), given_up);
-  EXPECT_EQ(clock.pauses(), 100);
-
-  // What is there at the very last test is still taken.
-  const double end = clock.elapsed() + 1;
-  const auto at_the_end = [&](const Caller*) {
-    return clock.elapsed() >= end ? Answer(done) : no();
-  };
-  EXPECT_EQ(wait(1, given_up, {}, at_the_end, no), done);
-}
-
-TEST(Wait, GoesOnForEverWithoutALimitAndEndsWhenTheModeSaysSo) {
-  TestClock clock;
-  const auto next_day = [&](const Caller*) {
-    return clock.elapsed() > 86400 ? Answer(done) : no();
-  };
-  clock.on_pause = [&](const ACE_Time_Value&) { clock.advance(60); };
-  EXPECT_EQ(wait(0, given_up, {}, next_day, no), done);
-  EXPECT_EQ(wait(0, given_up, {}, not_yet, [] { return Answer(refused); }), refused);
-}
 
 TEST(Wait, HeedsAClockThatIsSet) {
   TestClock clock;
@@ -70,6 +39,11 @@ TEST(Wait, HeedsAClockThatIsSet) {
   clock.on_pause = [&](const ACE_Time_Value&) { clock.advance(3600); };
   EXPECT_EQ(wait(1, given_up, {}, not_yet, no), given_up);
   EXPECT_EQ(clock.pauses(), before + 1);
+  // Without a limit it goes on for ever.
+  const auto next_day = [&](const Caller*) {
+    return clock.elapsed() > 86400 ? Answer(done) : no();
+  };
+  EXPECT_EQ(wait(0, given_up, {}, next_day, no), done);
 }
 
 TEST(Poller, EndsEachWaitWhenItsOwnTestSaysSoAndNoOther) {
@@ -280,7 +254,7 @@ TEST_F(WokenWaits, OnePerThingTheLongestFirst) {
   EXPECT_TRUE(eventually([&] { return clock.tests > before; }));
   server.send_event("box", wire("a"));
   EXPECT_EQ(takes[0].get(), "a");
-  server.send_event("box", wire("b"));
+  server.update_port_front("box", 0, wire("b"));
   EXPECT_EQ(takes[1].get(), "b");
   server.add_event("box", 7);
   server.declare_event_n(7, wires({"c", "d"}), 0);
@@ -296,18 +270,6 @@ TEST_F(WokenWaits, PassOnAWakeUpThatTheyDoNotUse) {
   server.send_event("box", wire("x"));
   oldest.reset();
   EXPECT_EQ(younger.get(), "x");
-}
-
-TEST_F(WokenWaits, OfEvents) {
-  for (const bool front : {false, true}) {
-    auto next = begun(take_event);
-    if (front) {
-      server.update_port_front("box", 0, wire("c"));
-    } else {
-      server.send_event("box", wire("c"));
-    }
-    EXPECT_EQ(next.get(), "c");
-  }
 }
 
 TEST_F(WokenWaits, OfAnIdleSendingTask) {
