@@ -1,8 +1,6 @@
 // Whatever allocation fails, the answer is a code, and everything is as it was.
 #include "tests/support/allocation.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <functional>
 
@@ -12,7 +10,8 @@
 namespace portsvc {
 namespace {
 
-constexpr unsigned int no_memory = result::out_of_memory;
+constexpr unsigned int no_memory = result::out_of_memory, failed = result::failed,
+                       unknown = result::unknown_handle;
 
 struct Call {
   unsigned int answer;   ///< with all the memory it needs
@@ -31,18 +30,16 @@ class LackOfMemory : public WithPeers {
       const Names before = names(server);
       const auto check = [&](unsigned int code) {
         if (call.may_lose && code == call.answer) return;
-        EXPECT_EQ(code, call.without) << i;
-        EXPECT_EQ(errno, ENOMEM) << i;
-        EXPECT_EQ(names(server), before) << i;
-        EXPECT_FALSE(server.get_port("p")->has_selectors()) << i;
-        if (call.given) {
-          EXPECT_FALSE(server.find_port(*call.given)) << i;
-        }
+        EXPECT_EQ(code, call.without);
+        EXPECT_EQ(errno, ENOMEM);
+        EXPECT_EQ(names(server), before);
+        EXPECT_FALSE(server.get_port("p")->has_selectors());
+        EXPECT_FALSE(call.given && server.find_port(*call.given));
         errno = 0;
       };
       errno = 0;
       SCOPED_TRACE(i);
-      EXPECT_EQ(fail_each_allocation(call.make, check), call.answer) << i;
+      EXPECT_EQ(fail_each_allocation(call.make, check), call.answer);
     }
   }
 
@@ -80,50 +77,42 @@ TEST_F(LackOfMemory, IsAnsweredByTheMainRoleAndItsPortsAndNothingIsCountedForEve
     Varo::DATA_BUFFER_var taken;
     Varo::DATA_BUFFER_SEQ_var list;
     Varo::DT_PORT_SVC::ConnectionSeq_var connections;
-    Varo::PORT_HANDLE_SET ids, handles;
-    ids.length(1);
-    ids[0] = id;
-    handles.length(1);
-    handles[0] = handle;
-    expect_codes(
-        server,
-        {
-            {5, 0, [&] { return vrBuffer(5, "hello").size(); }},
-            {5, 0, [&] { return vrPort_Buffer(source).size(); }},
-            {3, 0, [&] { return assigned.assign("new", 3), assigned.size(); }},
-            {10, 5, [&] { return (copied = source).size() + copied.handle(); }},
-            {0, no_memory, [&] { return server.inquire_master("p", keeper.out()); }},
-            {0, no_memory, [&] { return server.select_event_port(ids, out, 1); }},
-            {0, no_memory, [&] { return server.select_replay_port(handles, out, 1); }},
-            {0, no_memory, [&] { return server.create_port(name.c_str(), PORT_MASTER, 3); }},
-            {0, no_memory, [&] { return server.create_port(other.c_str(), PORT_EVENTBOX, 3); }},
-            {0, no_memory, [&] { return server.force_toslave(other.c_str(), name.c_str()); }},
-            {0, no_memory, [&] { return server.set_connected_host(name.c_str(), other.c_str()); }},
-            {0, no_memory,
-             [&] { return server.connect_port("p", given, CONNECT_CLIENT, ACCESS_WAIT, owner); },
-             false, &given},
-            {0, no_memory, [&] { return server.add_event(other.c_str(), 7); }},
-            {0, no_memory, [&] { return server.get_remote_sub(ports.out()); }, true},
-            {0, no_memory, [&] { return server.patch_object_name(ports.out(), boxes.out()); }},
-            {0, result::failed, [&] { return server.current_connection(connections.out()); }},
-            {result::unknown_handle, result::failed,
-             [&] { return server.packet_receive(1, out, taken.out(), 0); }},
-            {result::unknown_handle, result::failed,
-             [&] { return server.packet_replay_wait(1, taken.out(), 0); }},
-            {result::unknown_handle, result::failed,
-             [&] { return server.packet_receive_n(1, list.out(), 2, 0); }},
-            {0, no_memory, [&] { return server.packet_receive(id, out, taken.out(), 0); }},
-            {0, no_memory, [&] { return server.packet_replay_wait(handle, taken.out(), 0); }},
-            {0, result::failed, [&] { return server.packet_receive_n(box, list.out(), 2, 0); }},
-            {0, no_memory, [&] { return server.declare_event_n(7, three, 0); }, true},
-            {0, no_memory, [&] { return server.declare_event(7, data, 0); }, true},
-            {0, no_memory, [&] { return server.send_event("box", data); }, true},
-            {0, no_memory, [&] { return server.packet_replay(handle, data, 0); }, true},
-            {0, no_memory, [&] { return server.update_port("box", 1, data); }, true},
-            {0, no_memory, [&] { return server.packet_receive(box, out, taken.out(), 0); }, true},
-            {0, no_memory, [&] { return server.delete_port(other.c_str()); }, true},
-            {0, no_memory, [&] { return server.delete_port("p"); }, true},
-        });
+    const Varo::PORT_HANDLE_SET ids = handle_set({id}), handles = handle_set({handle});
+    const std::vector<Call> calls{
+        {5, 0, [&] { return vrBuffer(5, "hello").size(); }},
+        {5, 0, [&] { return vrPort_Buffer(source).size(); }},
+        {3, 0, [&] { return assigned.assign("new", 3), assigned.size(); }},
+        {10, 5, [&] { return (copied = source).size() + copied.handle(); }},
+        {0, no_memory, [&] { return server.inquire_master("p", keeper.out()); }},
+        {0, no_memory, [&] { return server.select_event_port(ids, out, 1); }},
+        {0, no_memory, [&] { return server.select_replay_port(handles, out, 1); }},
+        {0, no_memory, [&] { return server.create_port(name.c_str(), PORT_MASTER, 3); }},
+        {0, no_memory, [&] { return server.create_port(other.c_str(), PORT_EVENTBOX, 3); }},
+        {0, no_memory, [&] { return server.force_toslave(other.c_str(), name.c_str()); }},
+        {0, no_memory, [&] { return server.set_connected_host(name.c_str(), other.c_str()); }},
+        {0, no_memory,
+         [&] { return server.connect_port("p", given, CONNECT_CLIENT, ACCESS_WAIT, owner); }, false,
+         &given},
+        {0, no_memory, [&] { return server.add_event(other.c_str(), 7); }},
+        {0, no_memory, [&] { return server.get_remote_sub(ports.out()); }, true},
+        {0, no_memory, [&] { return server.patch_object_name(ports.out(), boxes.out()); }},
+        {0, failed, [&] { return server.current_connection(connections.out()); }},
+        {unknown, failed, [&] { return server.packet_receive(1, out, taken.out(), 0); }},
+        {unknown, failed, [&] { return server.packet_replay_wait(1, taken.out(), 0); }},
+        {unknown, failed, [&] { return server.packet_receive_n(1, list.out(), 2, 0); }},
+        {0, no_memory, [&] { return server.packet_receive(id, out, taken.out(), 0); }},
+        {0, no_memory, [&] { return server.packet_replay_wait(handle, taken.out(), 0); }},
+        {0, failed, [&] { return server.packet_receive_n(box, list.out(), 2, 0); }},
+        {0, no_memory, [&] { return server.declare_event_n(7, three, 0); }, true},
+        {0, no_memory, [&] { return server.declare_event(7, data, 0); }, true},
+        {0, no_memory, [&] { return server.send_event("box", data); }, true},
+        {0, no_memory, [&] { return server.packet_replay(handle, data, 0); }, true},
+        {0, no_memory, [&] { return server.update_port("box", 1, data); }, true},
+        {0, no_memory, [&] { return server.packet_receive(box, out, taken.out(), 0); }, true},
+        {0, no_memory, [&] { return server.delete_port(other.c_str()); }, true},
+        {0, no_memory, [&] { return server.delete_port("p"); }, true},
+    };
+    expect_codes(server, calls);
   }
   EXPECT_EQ(limits().queued_bytes.used(), counted);
 }
@@ -138,7 +127,7 @@ TEST_F(LackOfMemory, IsAnsweredByTheSubRole) {
       {
           {0, no_memory, [&] { return server.create_port(name.c_str(), PORT_SLAVE, 3); }},
           {0, no_memory, [&] { return server.patch_object_name(ports.out(), boxes.out()); }},
-          {result::failed, no_memory, [&] { return server.inquire_master("p", keeper.out()); }},
+          {failed, no_memory, [&] { return server.inquire_master("p", keeper.out()); }},
           {0, no_memory, [&] { return server.packet_replay(handle, data, 0); }, true},
           {0, no_memory, [&] { return server.update_port("box", 1, data); }, true},
       });

@@ -2,9 +2,7 @@
 #include "ports/event_box.h"
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 
-#include <future>
 #include <set>
 
 #include "tests/support/servers.h"
@@ -13,7 +11,7 @@
 namespace portsvc {
 namespace {
 
-class EventBox : public ::testing::Test {
+class EventBox : public WithServer {
  protected:
   void boxes(const Texts& names, unsigned int limit = 5) {
     create(server, names, PORT_EVENTBOX, limit);
@@ -29,8 +27,6 @@ class EventBox : public ::testing::Test {
   }
   Received receive(unsigned int timeout = 0) { return portsvc::receive(box, timeout); }
 
-  TestClock clock;
-  MainServer server;
   vrEventBox box{"b", 7, 9, nullptr};
 };
 

@@ -1,38 +1,23 @@
-// The broker folder and the stand-ins for the sibling libraries. Peers are real processes: this
-// program starts itself again with --peer.
+// The broker folder and the stand-ins for the sibling libraries. Peers are real servers.
 #include <ace/Reactor.h>
 #include <ace/Select_Reactor.h>
 #include <ace/Timer_Queue.h>
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <iostream>
 #include <limits>
 #include <optional>
-#include <thread>
-#include <tuple>
 
 #include "middleware/connect_manager.h"
 #include "middleware/data_sender.h"
-#include "middleware/directory.h"
 #include "middleware/file_handle.h"
 #include "middleware/interface_name.h"
-#include "middleware/orb/orb.h"
 #include "middleware/reference_container.h"
 #include "middleware/server_list.h"
-#include "platform/process.h"
-#include "roles/port_factory_main.h"
-#include "tests/support/calls.h"
-#include "tests/support/fake_directory.h"
 #include "tests/support/folder.h"
+#include "tests/support/peers.h"
 #include "tests/support/process.h"
-#include "tests/support/test_clock.h"
 #include "tests/support/threads.h"
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Varo::DT_PORT_SVC::Port_Factory;
 using Varo::DT_PORT_SVC::Port_Factory_var;
@@ -59,14 +44,6 @@ Port_Factory_var serve(orb::Broker& broker) {
   return broker.serve(servant.in());
 }
 
-int run_peer(const std::string& port, const std::string& state) {
-  set_state_folder(state);
-  orb::Broker broker({"giop:tcp:127.0.0.1:" + port});
-  serve(broker);
-  std::cout << "serving" << std::endl;
-  for (;;) ::pause();
-}
-
 void call(const CORBA::Object_var& server) {
   Port_Factory_var(Port_Factory::_unchecked_narrow(server))->heart_bit();
 }
@@ -77,10 +54,9 @@ class Peer {
   Peer() { start(); }
   /// Again, when it has been killed or still runs.
   void start() {
-    const std::string program = fs::read_symlink("/proc/self/exe");
-    process_.emplace(Texts{program, "--peer", std::to_string(port), folder_.path()},
-                     folder_.path("peer"));
-    EXPECT_TRUE(eventually([&] { return !process_->out().empty(); })) << process_->err();
+    const Words words = server_words("main", "peer", port, folder_.path());
+    process_.emplace(Words{PORT_SERVER} + words, folder_.path("peer"));
+    EXPECT_TRUE(process_->serves()) << process_->err();
   }
   void kill() { process_->kill(); }
   /// From here on it answers nothing.
@@ -262,7 +238,7 @@ TEST_F(Middleware, FileListsServersInItsOrderAndIsFollowedButNotIntoADamagedStat
 
   write_all(file, "[m");
   EXPECT_TRUE(knows("z", ""));
-  fs::remove(file);
+  std::filesystem::remove(file);
   EXPECT_TRUE(knows("m", ""));
   write_all(file, entry("z", "slave", 2));
   EXPECT_FALSE(knows("m", ""));
@@ -438,7 +414,7 @@ TEST_F(ConnectManager, ReportsThePeerWheneverItIsReachedAnewUntilItIsStopped) {
 }
 
 TEST_F(ConnectManager, NoticesARestartBetweenTwoBeats) {
-  manager.set_period(1500ms);
+  manager.set_period(3000ms);
   manager.start();
   await(manager.beats, 1);
   EXPECT_EQ(manager.connected, 1);
@@ -524,11 +500,3 @@ TEST_F(FileHandle, ClosesItselfWhenNobodyUsesItAndWhenThereAreTooMany) {
 
 }  // namespace
 }  // namespace portsvc
-
-int main(int argc, char** argv) {
-  if (argc == 4 && std::string(argv[1]) == "--peer") return portsvc::run_peer(argv[2], argv[3]);
-  const portsvc::TemporaryFolder state;
-  portsvc::set_state_folder(state.path());
-  ::testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}

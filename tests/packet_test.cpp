@@ -1,14 +1,73 @@
-// Packets and replies: the port whose owner is served here, and the servant's operations.
-#include <gtest/gtest.h>
-
-#include <future>
-
+// Packets and replies: payloads, the queue that keeps them, the port whose owner is served here,
+// the servant's operations, and watching several ports, or several replies, at once.
+#include "ports/buffer_queue.h"
 #include "ports/master_port.h"
 #include "tests/support/servers.h"
 #include "tests/support/threads.h"
 
 namespace portsvc {
 namespace {
+
+vrPort_Buffer packet(unsigned int handle, std::string_view data) {
+  return vrPort_Buffer(handle, buffer(data));
+}
+
+TEST(Buffer, OwnsItsBytesUntilItGivesThemAway) {
+  std::string source = "hello";
+  vrBuffer first = buffer(source), second(first), third = buffer("old");
+  third = first;
+  source[0] = 'J';
+  first.assign("bye", 3);
+  EXPECT_EQ(text(first) + text(second) + text(third), "byehellohello");
+
+  const unsigned char* const bytes = second.data();
+  vrBuffer moved(std::move(second));
+  third = std::move(moved);
+  EXPECT_EQ(third.data(), bytes);
+  EXPECT_EQ(text(third), "hello");
+  EXPECT_EQ(third.release().get(), bytes);
+  first.assign("x", 0);
+  for (const vrBuffer* emptied : {&first, &second, &moved, &third}) {
+    EXPECT_EQ(emptied->size(), 0u);
+    EXPECT_EQ(emptied->data(), nullptr);
+  }
+}
+
+TEST(Buffer, ComparesLengthAndBytesAndPortBuffersTheirHandles) {
+  const std::tuple<const char*, const char*, bool> cases[] = {
+      {"abc", "abc", true}, {"", "", true},       {"abc", "abd", false},
+      {"abc", "ab", false}, {"ab", "abc", false}, {"", "a", false}};
+  for (const auto& [left, right, equal] : cases) {
+    EXPECT_EQ(buffer(left) == buffer(right), equal) << left << " " << right;
+  }
+  EXPECT_TRUE(packet(1, "a") == packet(1, "b"));
+  EXPECT_FALSE(packet(1, "a") == packet(2, "a"));
+}
+
+TEST(BufferQueue, TakesByHandleAndTellsEmptyFromNoneForThatHandle) {
+  vrPort_Buffer_Queue queue;
+  queue.set_limit(10);
+  const auto pop = [&](unsigned int handle) {
+    vrPort_Buffer out(9, {});
+    const unsigned int code = queue.pop(handle, out);
+    return Reply(code, std::to_string(out.handle()) + text(out));
+  };
+  EXPECT_EQ(pop(any_handle), Reply(result::nothing_arrived, "9"));
+  EXPECT_EQ(pop(800), Reply(result::unknown_name, "9"));
+  EXPECT_EQ(queue.find(800), result::queue_empty);
+  // The empty payload in the middle must neither gain nor lose bytes when its neighbours leave.
+  for (const auto& one : {packet(800, "a"), packet(801, ""), packet(800, "b"), packet(802, "c")}) {
+    queue.push_back(one);
+  }
+  EXPECT_EQ(queue.find(803), result::unknown_name);
+  EXPECT_EQ(queue.find(801), result::ok);
+  EXPECT_EQ(pop(803), Reply(result::unknown_name, "9"));
+  for (const char* taken : {"800a", "800b"}) EXPECT_EQ(pop(800), Reply(result::ok, taken));
+  for (const char* taken : {"801", "802c"}) EXPECT_EQ(pop(any_handle), Reply(result::ok, taken));
+  queue.push(801, buffer("a"));
+  queue.clear();
+  EXPECT_EQ(queue.find(801), result::queue_empty);
+}
 
 class MasterPort : public ::testing::Test {
  protected:
@@ -213,6 +272,147 @@ TEST(Packets, AreCopiesAndNeedTheRightKindOfHandle) {
   EXPECT_TRUE(text(large) == bytes) << "a caller in this process keeps its argument";
   EXPECT_TRUE(receive(server, id) == Received(result::ok, handle, bytes));
   EXPECT_TRUE(reply(server, handle) == Reply(result::ok, bytes));
+}
+
+class Selection : public WithServer {
+ protected:
+  Selection() { create(server, {"a", "b", "c"}); }
+  unsigned int watcher(const char* name) { return owner(server, name, ACCESS_SELECT); }
+  unsigned int waiter(const char* name) { return client(server, name, ACCESS_SELECT); }
+
+  Selected events(std::initializer_list<unsigned int> ids, unsigned int timeout = 0) {
+    return select(server, &Port_Factory_i::select_event_port, ids, timeout);
+  }
+  Selected replies(std::initializer_list<unsigned int> handles, unsigned int timeout = 0) {
+    return select(server, &Port_Factory_i::select_replay_port, handles, timeout);
+  }
+  bool watched(const char* name) { return server.get_port(name)->has_selectors(); }
+  // Queues a packet in a watched port, or in one that is watched for this moment.
+  void queue(const char* name) {
+    const auto port = server.get_port(name);
+    ASSERT_EQ(port->select(true), result::ok);
+    ASSERT_EQ(send(server, client(server, name), "x"), result::ok);
+    port->select(false);
+  }
+  void in_pause(int number, std::function<void()> action) {
+    clock.on_pause = [this, number, action = std::move(action),
+                      before = clock.pauses()](const ACE_Time_Value&) {
+      if (clock.pauses() == before + number) action();
+    };
+  }
+};
+
+TEST_F(Selection, RefusesWhatCannotBeWatched) {
+  const unsigned int a = watcher("a");
+  const unsigned int blocking = owner(server, "b");
+  EXPECT_EQ(events({a, 1}), Selected(result::unknown_handle, untouched));
+  EXPECT_TRUE(watched("a")) << "what was counted before stays counted";
+  server.get_port("a")->select(false);
+  EXPECT_EQ(events({blocking}), Selected(result::access_refused, untouched));
+  EXPECT_EQ(events({a, id_of(server, "c")}), Selected(result::access_refused, untouched))
+      << "c never had an owner";
+
+  const unsigned int handle = waiter("a");
+  EXPECT_EQ(replies({handle, a}), Selected(result::unknown_handle, untouched)) << "an owner's id";
+  EXPECT_EQ(replies({handle, client(server, "a")}), Selected(result::access_refused, untouched));
+  EXPECT_EQ(events({}, 5), Selected(result::nothing_selected, untouched)) << "at once";
+  EXPECT_EQ(replies({}), Selected(result::nothing_selected, untouched));
+  EXPECT_EQ(clock.pauses(), 0);
+}
+
+TEST_F(Selection, PrefersTheFirstInRequestOrderAndTheLowestClient) {
+  const unsigned int a = watcher("a"), b = watcher("b"), c = watcher("c");
+  queue("b");
+  queue("c");
+  EXPECT_EQ(events({a, c, b}), Selected(result::ok, c));
+  EXPECT_EQ(events({a, b, c}, 5), Selected(result::ok, b));
+
+  const unsigned int low = waiter("c"), middle = waiter("a"), high = waiter("b");
+  for (const unsigned int handle : {high, middle}) server.packet_replay(handle, wire("r"), 0);
+  EXPECT_EQ(replies({high, low, middle, high}), Selected(result::ok, middle));
+  EXPECT_EQ(clock.pauses(), 0);
+  EXPECT_EQ(reply(server, middle), Reply(result::ok, "r")) << "selecting takes nothing";
+  EXPECT_EQ(replies({high, low, middle}), Selected(result::ok, high));
+}
+
+TEST_F(Selection, ReportsWhatArrivesWithinOnePause) {
+  const unsigned int a = watcher("a"), b = watcher("b");
+  const unsigned int sender = client(server, "b");
+  in_pause(7, [&] { EXPECT_EQ(send(server, sender, "x"), result::ok); });
+  EXPECT_EQ(events({a, b}), Selected(result::ok, b));
+  EXPECT_EQ(clock.pauses(), 7) << "a watched port admits packets without a take";
+  EXPECT_EQ(receive(server, b), Received(result::ok, sender, "x"));
+
+  const unsigned int mine = waiter("a"), other = waiter("a");
+  in_pause(3, [&] { server.packet_replay(other, wire("r"), 0); });
+  EXPECT_EQ(replies({mine}, 1), Selected(result::timed_out, 0)) << "somebody else's reply";
+  in_pause(3, [&] { server.packet_replay(mine, wire("r"), 0); });
+  EXPECT_EQ(replies({mine}), Selected(result::ok, mine));
+}
+
+TEST_F(Selection, TimesOutWithNothingReady) {
+  const unsigned int a = watcher("a");
+  EXPECT_EQ(events({a, a}, 1), Selected(result::timed_out, 0));
+  EXPECT_NEAR(clock.elapsed(), 1, 0.02);
+  // A packet that is there at the last look still counts.
+  in_pause(100, [&] { queue("a"); });
+  EXPECT_EQ(events({a}, 1), Selected(result::ok, a));
+  EXPECT_EQ(replies({waiter("a")}, 1), Selected(result::timed_out, 0));
+  EXPECT_NEAR(clock.elapsed(), 3, 0.05);
+}
+
+TEST_F(Selection, DropsWhoHasGone) {
+  const unsigned int a = watcher("a"), b = watcher("b");
+  in_pause(2, [&] { server.disconnect_port(a); });
+  EXPECT_EQ(events({a, b, a}, 1), Selected(result::timed_out, 0)) << "b is still watched";
+  watcher("a");
+  in_pause(2, [&] {
+    server.disconnect_port(a);
+    server.disconnect_port(b);
+  });
+  EXPECT_EQ(events({a, b}), Selected(result::nothing_selected, untouched));
+
+  const unsigned int x = waiter("a"), y = waiter("b"), z = waiter("c");
+  in_pause(2, [&] {
+    for (const unsigned int handle : {x, y}) server.disconnect_port(handle);
+  });
+  EXPECT_EQ(replies({x, y, z}, 1), Selected(result::timed_out, 0));
+  in_pause(2, [&] { server.disconnect_port(z); });
+  EXPECT_EQ(replies({z}), Selected(result::nothing_selected, untouched));
+}
+
+TEST_F(Selection, LeavesTheCountsAsTheyWereOnEveryWayOut) {
+  const unsigned int a = watcher("a");
+  const unsigned int b = watcher("b");
+  for (const bool queued : {false, true}) {
+    if (queued) queue("b");
+    EXPECT_EQ(events({a, b, a}, 1).first, queued ? result::ok : result::timed_out);
+    EXPECT_FALSE(watched("a"));
+    EXPECT_FALSE(watched("b"));
+  }
+  EXPECT_EQ(std::get<0>(receive(server, b)), result::ok);
+  // An owner that disconnects ends all watches; the one that still runs then takes nothing off.
+  in_pause(1, [&] {
+    server.disconnect_port(b);
+    watcher("b");
+  });
+  EXPECT_EQ(events({a, b}, 1), Selected(result::timed_out, 0));
+  EXPECT_FALSE(watched("a"));
+  EXPECT_FALSE(watched("b"));
+}
+
+TEST_F(Selection, TellsEveryWatcherOfAPort) {
+  const unsigned int a = watcher("a");
+  const auto watch = [&] { return events({a}); };
+  auto first = started(watch);
+  auto second = started(watch);
+  ASSERT_TRUE(clock.await_poll(nullptr, 4));
+  EXPECT_EQ(send(server, client(server, "a"), "x"), result::ok);
+  EXPECT_EQ(first.get(), Selected(result::ok, a));
+  EXPECT_EQ(second.get(), Selected(result::ok, a));
+  EXPECT_FALSE(watched("a"));
+  EXPECT_EQ(std::get<2>(receive(server, a)), "x");
+  EXPECT_EQ(std::get<0>(receive(server, a)), result::nothing_arrived);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "ports/slave_port.h"
 
-#include <gtest/gtest.h>
-
 #include "tests/support/peers.h"
 #include "tests/support/threads.h"
 
@@ -164,11 +162,7 @@ TEST_F(SlavePort, LeavesNoConnectionOpenAtThePeer) {
     peer->during = [&](const std::string& operation) {
       if (operation != "connect_port") return;
       peer->during = nullptr;
-      if (leaves) {
-        port.disconnect(handle);
-      } else {
-        send(handle);
-      }
+      leaves ? port.disconnect(handle) : send(handle);
     };
     send(handle);
   }

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <deque>
@@ -10,15 +9,47 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
-#include <string>
-#include <thread>
-#include <utility>
 
-#include "tests/support/fake_directory.h"
+#include "middleware/directory.h"
 #include "tests/support/servers.h"
 
 namespace portsvc {
+
+/// A directory without a file or a naming service: finds what a test has entered, and counts how
+/// often it is asked.
+class FakeDirectory : public Directory {
+ public:
+  CORBA::Object_var resolve(const std::string& server, const std::string& realm) override {
+    const std::lock_guard<std::mutex> guard(lock_);
+    ++asked_[server + "@" + realm];
+    const auto found = servers_.find(server);
+    return found == servers_.end() ? CORBA::Object_var() : found->second;
+  }
+  std::vector<std::string> servers(const std::string& role, const std::string&) override {
+    return role == role_sub ? subs : std::vector<std::string>();
+  }
+  void bind(const std::string&, const std::string&, const std::string&,
+            CORBA::Object_ptr) override {}
+  void unbind(const std::string&, const std::string&, const std::string&,
+              CORBA::Object_ptr) override {}
+
+  void enter(const std::string& server, CORBA::Object_var reference) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    servers_[server] = reference;
+  }
+  /// How often "SERVER@REALM" was looked up.
+  int asked(const std::string& server) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return asked_[server];
+  }
+
+  std::vector<std::string> subs;  ///< the sub servers' names
+
+ private:
+  std::mutex lock_;  // guards the two below
+  std::map<std::string, CORBA::Object_var> servers_;
+  std::map<std::string, int> asked_;
+};
 
 /// A servant that can be called by reference until stop(), and owned by this object.
 template <class Servant>
@@ -55,6 +86,8 @@ class Active {
 class FakePeer : public MainServer {
  public:
   using Data = Varo::DATA_BUFFER;
+  using Name = const char*;
+  using Number = CORBA::ULong;
 
   /// The calls since the last time this was asked.
   Texts calls() {
@@ -69,26 +102,12 @@ class FakePeer : public MainServer {
   /// Makes an operation fail with a broker exception, or work again.
   void fail(const std::string& operation, bool fails = true) {
     const std::lock_guard<std::mutex> guard(lock_);
-    if (fails) {
-      failing_.insert(operation);
-    } else {
-      failing_.erase(operation);
-    }
+    failing_[operation] = fails;
   }
 
   /// Makes get_port_info know a port; the others are no_such_port.
   void has(const std::string& name, unsigned int kind, unsigned int id, unsigned int limit = 5) {
-    Varo::DT_PORT_SVC::PORT_INFO info{};
-    info.kind = kind;
-    info.port_id = id;
-    info.limit = limit;
-    info_[name] = info;
-  }
-
-  /// How many threads have called so far.
-  std::size_t calling_threads() {
-    const std::lock_guard<std::mutex> guard(lock_);
-    return threads_.size();
+    info_[name] = {kind, id, 0, 0, limit};
   }
 
   /// Called during each call, before it is answered.
@@ -96,61 +115,54 @@ class FakePeer : public MainServer {
   unsigned int reported_owner = 0;  ///< owner of connect_port
   Names listed;                     ///< of patch_object_name
   std::string keeper = "keeper";    ///< of inquire_master
-  std::atomic<int> delay_ms{0};     ///< how long every call takes
 
-  CORBA::ULong connect_port(const char* name, CORBA::ULong& handle, CORBA::ULong mode,
-                            CORBA::ULong access, CORBA::ULong& owner) override {
+  Number connect_port(Name name, Number& handle, Number mode, Number access,
+                      Number& owner) override {
     owner = reported_owner;
-    return note("connect_port", &handle, name, mode, access);
+    const Number code = note(__func__, name, mode, access);
+    handle = ++last_handle_;
+    return code;
   }
-  CORBA::ULong disconnect_port(CORBA::ULong handle) override {
-    return note("disconnect_port", nullptr, handle);
+  Number disconnect_port(Number handle) override { return note(__func__, handle); }
+  Number packet_foward(Number handle, const Data& data, Number timeout) override {
+    return note(__func__, handle, text(data), timeout);
   }
-  CORBA::ULong packet_foward(CORBA::ULong handle, const Data& data, CORBA::ULong timeout) override {
-    return note("packet_foward", nullptr, handle, text(data), timeout);
-  }
-  CORBA::ULong packet_receive(CORBA::ULong id, CORBA::ULong& source, Varo::DATA_BUFFER_out data,
-                              CORBA::ULong timeout) override {
+  Number packet_receive(Number id, Number& source, Varo::DATA_BUFFER_out data,
+                        Number timeout) override {
     source = 42;
     data = new Data(wire("packet"));
-    return note("packet_receive", nullptr, id, timeout);
+    return note(__func__, id, timeout);
   }
-  CORBA::ULong packet_replay(CORBA::ULong handle, const Data& data, CORBA::ULong timeout) override {
-    return note("packet_replay", nullptr, handle, text(data), timeout);
+  Number packet_replay(Number handle, const Data& data, Number timeout) override {
+    return note(__func__, handle, text(data), timeout);
   }
-  CORBA::ULong packet_replay_wait(CORBA::ULong handle, Varo::DATA_BUFFER_out data,
-                                  CORBA::ULong timeout) override {
+  Number packet_replay_wait(Number handle, Varo::DATA_BUFFER_out data, Number timeout) override {
     data = new Data(wire("reply"));
-    return note("packet_replay_wait", nullptr, handle, timeout);
+    return note(__func__, handle, timeout);
   }
-  CORBA::ULong get_port_info(const char* name, Varo::DT_PORT_SVC::PORT_INFO& out) override {
-    const unsigned int answer = note("get_port_info", nullptr, name);
+  Number get_port_info(Name name, Varo::DT_PORT_SVC::PORT_INFO& out) override {
+    const unsigned int answer = note(__func__, name);
     const auto found = info_.find(name);
     if (found == info_.end()) return result::no_such_port;
     out = found->second;
     return answer;
   }
-  CORBA::ULong patch_object_name(Varo::STRING_LIST_out ports,
-                                 Varo::STRING_LIST_out boxes) override {
+  Number patch_object_name(Varo::STRING_LIST_out ports, Varo::STRING_LIST_out boxes) override {
     ports = list(listed.first);
     boxes = list(listed.second);
-    return note("patch_object_name", nullptr);
+    return note(__func__);
   }
-  CORBA::ULong push_remote_consumer(const char* name) override {
-    return note("push_remote_consumer", nullptr, name);
+  Number push_remote_consumer(Name name) override { return note(__func__, name); }
+  Number update_port(Name name, Number handle, const Data& data) override {
+    return note(__func__, name, handle, text(data));
   }
-  CORBA::ULong update_port(const char* name, CORBA::ULong handle, const Data& data) override {
-    return note("update_port", nullptr, name, handle, text(data));
+  Number update_port_front(Name name, Number handle, const Data& data) override {
+    return note(__func__, name, handle, text(data));
   }
-  CORBA::ULong update_port_front(const char* name, CORBA::ULong handle, const Data& data) override {
-    return note("update_port_front", nullptr, name, handle, text(data));
-  }
-  CORBA::ULong force_toslave(const char* server, const char* name) override {
-    return note("force_toslave", nullptr, server, name);
-  }
-  CORBA::ULong inquire_master(const char* name, CORBA::String_out master) override {
+  Number force_toslave(Name server, Name name) override { return note(__func__, server, name); }
+  Number inquire_master(Name name, CORBA::String_out master) override {
     master = CORBA::string_dup(keeper.c_str());
-    return note("inquire_master", nullptr, name);
+    return note(__func__, name);
   }
 
  private:
@@ -162,16 +174,13 @@ class FakePeer : public MainServer {
   }
 
   template <class... Args>
-  unsigned int note(const char* operation, CORBA::ULong* fresh_handle, const Args&... arguments) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
+  unsigned int note(const char* operation, const Args&... arguments) {
     if (const auto call = during) call(operation);
     const std::lock_guard<std::mutex> guard(lock_);
-    if (fresh_handle) *fresh_handle = ++last_handle_;
-    threads_.insert(std::this_thread::get_id());
     std::string call = operation;
     (call.append(fmt::format(" {}", arguments)), ...);
     calls_.push_back(call);
-    if (failing_.count(operation)) throw CORBA::TRANSIENT();
+    if (failing_[operation]) throw CORBA::TRANSIENT();
     std::deque<unsigned int>& codes = answers_[operation];
     if (codes.empty()) return result::ok;
     const unsigned int code = codes.front();
@@ -180,12 +189,11 @@ class FakePeer : public MainServer {
   }
 
   std::map<std::string, Varo::DT_PORT_SVC::PORT_INFO> info_;  // set before anybody calls
-  std::mutex lock_;                                           // guards what follows
+  std::atomic<Number> last_handle_{0};
+  std::mutex lock_;  // guards what follows
   Texts calls_;
-  std::set<std::thread::id> threads_;
   std::map<std::string, std::deque<unsigned int>> answers_;
-  std::set<std::string> failing_;
-  CORBA::ULong last_handle_ = 0;
+  std::map<std::string, bool> failing_;
 };
 
 /// A test with a clock, a broker whose adapter takes calls, and a directory in use.
