@@ -1,6 +1,5 @@
-// What is no sensible input: bytes on the socket, options, addresses.
-#include <fmt/format.h>
-
+// What is turned away: bytes on the socket, options and addresses that make no sense, and
+// strangers.
 #include "tests/system/system_test.h"
 
 namespace portsvc {
@@ -42,8 +41,7 @@ TEST_F(BrokenInput, GarbageOnTheSocketEndsItsConnectionAndNothingElse) {
 }
 
 TEST_F(BrokenInput, MessagesThatStopHalfWayCostTheirConnectionOnly) {
-  start("main", {"--message-timeout", "2"});
-  const Port_Factory_var main = server("main");
+  const Port_Factory_var main = serving("main", {"--message-timeout", "2"});
   create(main, {"box"}, PORT_EVENTBOX);
   create(main, {"p"});
   EXPECT_EQ(main->send_event("box", wire(std::string(16U << 20, 'x'))), result::ok);
@@ -75,18 +73,15 @@ TEST_F(BrokenInput, AServerThatCannotStartSaysWhyInOneLine) {
   const std::string snapshot = read_all(folder.path("main/SnapShot/portsnap.snp"));
   write_all(folder.path("file"), "");
   const auto expect = [&](int status, const std::string& why, const Words& arguments) {
-    const auto [ended, out, err] = ended_server(arguments);
-    EXPECT_EQ(ended, status) << fmt::format("{}", fmt::join(arguments, " "));
-    EXPECT_EQ(err.rfind("port_server: ", 0), 0u) << err;
-    EXPECT_THAT(err, HasSubstr(why));
-    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
-    EXPECT_EQ(out, "");
+    const Outcome ended = ended_server(arguments);
+    expect_failure(ended, status, why);
+    EXPECT_EQ(ended.err.rfind("port_server: ", 0), 0u) << ended.err;
   };
   const std::string free = "giop:tcp:127.0.0.1:0";
-  const auto main_with = [&](const std::string& endpoint, const Words& more) {
-    return Words{"main",        "--name",           "m", "--endpoint", endpoint,
-                 "--state-dir", folder.path("main")} +
-           more;
+  const auto main_with = [&](const std::string& endpoint, const Words& more,
+                             const std::string& state = "main") {
+    const Words words{"main", "--name", "m", "--endpoint", endpoint, "--state-dir"};
+    return words + Words{folder.path(state)} + more;
   };
   expect(2, "subcommand", {});
   expect(2, "--name is required", {"main"});
@@ -101,13 +96,105 @@ TEST_F(BrokenInput, AServerThatCannotStartSaysWhyInOneLine) {
   expect(1, "needs a certificate", main_with("giop:ssl:127.0.0.1:0", {}));
   expect(1, "is in use", main_with(fmt::format("giop:tcp:127.0.0.1:{}", port("main")), {}));
   expect(1, "no reference", main_with(free, {"--naming", "nonsense"}));
-  expect(1, "cannot make the folder",
-         {"main", "--name", "m", "--endpoint", free, "--state-dir", folder.path("file/state")});
-  expect(1, "cannot write",
-         {"main", "--name", "m", "--endpoint", free, "--state-dir", folder.path("m"), "--ior-file",
-          folder.path("nowhere/ior")});
+  expect(1, "cannot make the folder", main_with(free, {}, "file/state"));
+  expect(1, "cannot write", main_with(free, {"--ior-file", folder.path("nowhere/ior")}, "m"));
+  const Words sub = server_words("sub", "sub1", port("sub1"), folder.path()) + directory;
+  expect(2, "cannot be its own main server", sub + Words{"--main", "sub1"});
+  point_main_at(corbaloc("sub1"));
+  const Outcome itself = ended_server(sub + Words{"--main", "main"});  // it has looked for ports
+  EXPECT_EQ(itself.status, 1);
+  EXPECT_THAT(itself.err, HasSubstr("is this server"));
   EXPECT_EQ(read_all(folder.path("main/SnapShot/portsnap.snp")), snapshot)
       << "what was refused must not touch the files of the server that runs";
+}
+
+class TlsOnly : public SystemTest {
+ protected:
+  void SetUp() override {
+    NEEDS_OMNIORB();
+    make_authority("plant");
+    make_key("own", "plant");
+    use_tls({folder.path("plant.pem"), folder.path("own.pem")});
+  }
+
+  void openssl(const std::string& arguments) {
+    const Outcome ended = ran({"sh", "-c", "cd " + folder.path("") + " && openssl " + arguments});
+    EXPECT_EQ(ended.status, 0) << arguments << ": " << ended.err;
+  }
+  void make_authority(const std::string& name) {
+    openssl(fmt::format("req -x509 {0} -keyout {1}.key -out {1}.pem -days 2 -subj /CN={1}", new_key,
+                        name));
+  }
+  void make_key(const std::string& name, const std::string& authority) {
+    openssl(fmt::format("req {0} -keyout {1}.key -out {1}.csr -subj /CN={1}", new_key, name));
+    openssl(
+        fmt::format("x509 -req -in {0}.csr -CA {1}.pem -CAkey {1}.key -CAcreateserial -days 2 "
+                    "-out {0}.crt",
+                    name, authority));
+    write_all(folder.path(name + ".pem"),
+              read_all(folder.path(name + ".crt")) + read_all(folder.path(name + ".key")));
+  }
+
+ private:
+  static constexpr const char* new_key = "-newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes";
+};
+
+TEST_F(TlsOnly, ServersAndClientsWithCertificatesOfOneAuthorityServeEachOther) {
+  const Port_Factory_var main = serving("main");
+  start("sub1");
+  done("main", {"create", "p"});
+  const auto owner = in_background("main", {"serve", "p", "--count", "1", "--exec", "tr a-z A-Z"});
+  EXPECT_EQ(done("sub1", {"send", "p", "hello", "--wait"}), "HELLO");
+  EXPECT_EQ(outcome(*owner).status, 0) << owner->err();
+
+  const std::string large(5U << 20, 'x');
+  create(main, {"q"}, PORT_EVENTBOX);
+  EXPECT_EQ(main->send_event("q", wire(large)), result::ok);
+  const auto [code, source, data] = receive(main, connected(main, "q", CONNECT_OWNER), 1);
+  EXPECT_EQ(code, result::ok);
+  EXPECT_TRUE(data == large);
+  EXPECT_EQ(stop("main", SIGTERM), 0);
+}
+
+TEST_F(TlsOnly, OthersAreTurnedAwayAndServedNothing) {
+  start("main");
+  make_authority("strangers");
+  make_key("stranger", "strangers");
+  const auto refused = [&](const Words& tls) {
+    const Words client{PORTCTL, "--server", corbaloc("main"), "--call-timeout", "3"};
+    expect_failure(ran(client + tls + Words{"create", "p"}), 3, "--tls-ca");
+  };
+  const std::string plant = folder.path("plant.pem");
+  const std::string stranger = folder.path("stranger.pem");
+  write_all(folder.path("mixed.pem"),
+            read_all(folder.path("own.crt")) + read_all(folder.path("stranger.key")));
+  expect_failure(ran({PORTCTL, "--tls-ca", plant, "--tls-key", folder.path("mixed.pem"), "ls"}), 2,
+                 "not the certificate's");
+  refused({});
+  refused({"--tls-ca", plant, "--tls-key", stranger});
+  refused({"--tls-ca", folder.path("strangers.pem"), "--tls-key", folder.path("own.pem")});
+  const RawConnection raw(port("main"));
+  raw.send("GIOP plain text");
+  EXPECT_TRUE(raw.closed_by_peer(10s));
+  EXPECT_EQ(portctl("main", {"exists", "p"}).status, 1) << "a stranger has made it";
+  EXPECT_GT(times_said("main", "tls: refused "), 0) << process("main").err();
+
+  // What SIGHUP makes it read again holds for connections made from then on.
+  std::filesystem::copy(plant, folder.path("old_plant"));
+  std::filesystem::copy(folder.path("own.pem"), folder.path("old_own"));
+  write_all(plant, read_all(folder.path("strangers.pem")));
+  process("main").signal(SIGHUP);
+  EXPECT_TRUE(eventually([&] { return times_said("main", "reloaded") == 1; }));
+  refused({"--tls-ca", folder.path("old_plant"), "--tls-key", folder.path("old_own")});
+  write_all(folder.path("own.pem"), read_all(stranger));
+  process("main").signal(SIGHUP);
+  EXPECT_TRUE(eventually([&] { return times_said("main", "reloaded") == 2; }));
+  EXPECT_EQ(done("main", {"create", "p"}), "");
+  write_all(folder.path("own.pem"), "no key");
+  process("main").signal(SIGHUP);
+  EXPECT_TRUE(eventually([&] { return times_said("main", "the certificates stay: ") == 1; }));
+  write_all(folder.path("own.pem"), read_all(stranger));
+  done("main", {"exists", "p"});
 }
 
 }  // namespace

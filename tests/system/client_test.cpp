@@ -2,10 +2,6 @@
 // comes, when somebody else has the port, and when the server goes and comes back.
 #include "portsvc/client.h"
 
-#include <fmt/format.h>
-
-#include <future>
-
 #include "tests/system/system_test.h"
 
 namespace portsvc {
@@ -18,10 +14,10 @@ using client::Owner;
 using client::Packet;
 using client::Payload;
 using client::Subscription;
-using steady_clock = std::chrono::steady_clock;
 
 class ClientLibrary : public SystemTest {
  protected:
+  ClientLibrary() { start("main", {"--max-message", "8000000"}); }
   Connection connect(const std::string& name) {
     return Connection(fmt::format("127.0.0.1:{}", port(name)));
   }
@@ -48,7 +44,7 @@ class ClientLibrary : public SystemTest {
   }
   /// Answers packets with "re:" and what they hold until the owner is cancelled.
   static std::future<client::Result> answering(Owner& owner) {
-    return std::async(std::launch::async, [&owner] {
+    return started([&owner] {
       Packet packet;
       for (;;) {
         if (const client::Result taken = owner.receive(packet); !taken) return taken;
@@ -61,22 +57,19 @@ class ClientLibrary : public SystemTest {
     const client::Result result = client.ask(question, reply, 20s);
     return result ? std::string(reply.text()) : result.text();
   }
-  /// What a thread that is in a wait answers once it is cancelled, which takes no longer than a
-  /// call.
+  /// Cancels what another thread waits for, which takes no longer than a call.
   template <class Wait, class Cancel>
-  static client::Result cancelled(Wait wait, Cancel cancel) {
-    auto answer = std::async(std::launch::async, wait);
+  static void expect_cancelled(Wait wait, Cancel cancel) {
+    auto answer = started(wait);
     EXPECT_EQ(answer.wait_for(1300ms), std::future_status::timeout);  // into its second call
     const auto start = steady_clock::now();
     cancel();
-    const client::Result result = answer.get();
+    EXPECT_EQ(answer.get(), client::failure::cancelled);
     EXPECT_LT(since(start), 3s);
-    return result;
   }
 };
 
 TEST_F(ClientLibrary, CarriesRequestsRepliesAndEventsAndLetsGoOfWhatItHolds) {
-  start("main", {"--max-message", "8000000"});
   Connection main = connect("main");
   {
     Owner owner(main, "p", creating());
@@ -101,8 +94,7 @@ TEST_F(ClientLibrary, CarriesRequestsRepliesAndEventsAndLetsGoOfWhatItHolds) {
     EXPECT_EQ(failure_of([&] { Client(main, "none"); }), result::unknown_name);
     EXPECT_EQ(failure_of([&] { connect_by_name("none"); }), client::failure::not_listed);
     EXPECT_EQ(failure_of([&] { Connection("127.0.0.1:1"); }), client::failure::unreachable);
-    EXPECT_EQ(cancelled([&] { return owned.get(); }, [&] { owner.cancel(); }),
-              client::failure::cancelled);
+    expect_cancelled([&] { return owned.get(); }, [&] { owner.cancel(); });
   }
   client::PortInfo info;
   EXPECT_TRUE(main.info("p", info));
@@ -117,12 +109,11 @@ TEST_F(ClientLibrary, CarriesRequestsRepliesAndEventsAndLetsGoOfWhatItHolds) {
     EXPECT_TRUE(take({&a, &b}, from, events, 9, 5s));
     EXPECT_EQ(from, &b);
     EXPECT_EQ(take({&a, &b}, from, events, 9, 0s), result::timed_out);
-    EXPECT_EQ(cancelled([&] { return a.take(events, 9); },
-                        [&] {
-                          a.cancel();
-                          EXPECT_TRUE(main.put("a", "nobody takes it"));
-                        }),
-              client::failure::cancelled);
+    expect_cancelled([&] { return a.take(events, 9); },
+                     [&] {
+                       a.cancel();
+                       EXPECT_TRUE(main.put("a", "nobody takes it"));
+                     });
     unsigned int left = 0;
     EXPECT_TRUE(main.count("a", left));
     EXPECT_EQ(left, 1u);
@@ -149,8 +140,7 @@ TEST_F(ClientLibrary, CarriesRequestsRepliesAndEventsAndLetsGoOfWhatItHolds) {
     EXPECT_EQ(texts(second), "a;;c;d;");
     Payload none;
     EXPECT_EQ(first.take(none, 0s), result::timed_out);
-    EXPECT_EQ(cancelled([&] { return first.take(none); }, [&] { main.cancel(); }),
-              client::failure::cancelled);
+    expect_cancelled([&] { return first.take(none); }, [&] { main.cancel(); });
     Connection other = connect("main");
     EXPECT_TRUE(other.list(ports, boxes));
     EXPECT_EQ(boxes.size(), 2u);
@@ -160,7 +150,6 @@ TEST_F(ClientLibrary, CarriesRequestsRepliesAndEventsAndLetsGoOfWhatItHolds) {
 }
 
 TEST_F(ClientLibrary, WaitsAsLongAsItIsToldAndTakesNoReplyForAnother) {
-  start("main");
   Connection main = connect("main");
   Owner owner(main, "p", creating());
   Client client(main, "p");
@@ -177,7 +166,7 @@ TEST_F(ClientLibrary, WaitsAsLongAsItIsToldAndTakesNoReplyForAnother) {
   EXPECT_EQ(timed([&] { return owner.receive(packet, 2s); }), result::timed_out);
   EXPECT_EQ(timed([&] { return client.wait_reply(reply, 2s); }), result::reply_timed_out);
 
-  auto first = std::async(std::launch::async, [&] { return client.ask("first", reply, 2s); });
+  auto first = started([&] { return client.ask("first", reply, 2s); });
   EXPECT_TRUE(owner.receive(packet, 10s));
   EXPECT_EQ(first.get(), result::reply_timed_out);
   EXPECT_TRUE(owner.reply(packet.from, "late"));
@@ -192,7 +181,7 @@ TEST_F(ClientLibrary, WaitsAsLongAsItIsToldAndTakesNoReplyForAnother) {
   Client asker(main, "b", client::Access::select);
   Owner* ready = nullptr;
   EXPECT_EQ(asker.send("x", 1s), result::owner_not_taking);
-  auto selected = std::async(std::launch::async, [&] { return select({&a, &b}, ready, 10s); });
+  auto selected = started([&] { return select({&a, &b}, ready, 10s); });
   EXPECT_TRUE(eventually([&] { return asker.send("x", 1s).ok(); }));
   EXPECT_TRUE(selected.get());
   ASSERT_EQ(ready, &b);
@@ -209,7 +198,6 @@ TEST_F(ClientLibrary, WaitsAsLongAsItIsToldAndTakesNoReplyForAnother) {
 }
 
 TEST_F(ClientLibrary, GoesOnAtAServerThatComesBackAndSendsNothingToAnotherPort) {
-  start("main");
   Connection main = connect_by_name("main");
   Owner owner(main, "p", creating());
   auto owned = answering(owner);
@@ -218,14 +206,14 @@ TEST_F(ClientLibrary, GoesOnAtAServerThatComesBackAndSendsNothingToAnotherPort) 
   Owner silent(main, "silent", creating());
   Client waiting(main, "silent");
   Packet request;
-  auto sent = std::async(std::launch::async, [&] { return waiting.send("x", 10s); });
+  auto sent = started([&] { return waiting.send("x", 10s); });
   EXPECT_TRUE(silent.receive(request, 10s));
   EXPECT_TRUE(sent.get());
   Payload reply;
-  auto lost = std::async(std::launch::async, [&] { return waiting.wait_reply(reply, forever); });
+  auto lost = started([&] { return waiting.wait_reply(reply, forever); });
   Subscription subscription(main, {7});
   Payload event;
-  auto watched = std::async(std::launch::async, [&] { return subscription.take(event); });
+  auto watched = started([&] { return subscription.take(event); });
 
   kill("main");
   const client::Result refused = main.put("p", "x");
@@ -239,7 +227,7 @@ TEST_F(ClientLibrary, GoesOnAtAServerThatComesBackAndSendsNothingToAnotherPort) 
   Owner other(again, "other", creating());
   std::vector<Client> strangers;
   for (int i = 0; i < 4; ++i) strangers.emplace_back(again, "other");
-  auto stray = std::async(std::launch::async, [&] {
+  auto stray = started([&] {
     Packet packet;
     return other.receive(packet, 3s);
   });
@@ -257,7 +245,6 @@ TEST_F(ClientLibrary, GoesOnAtAServerThatComesBackAndSendsNothingToAnotherPort) 
 }
 
 TEST_F(ClientLibrary, IsCancelledAlsoInTheLongPausesOfALostServer) {
-  start("main");
   Connection main = connect("main");
   client::Box a(main, "a", creating()), b(main, "b", creating());
   client::Box* from = nullptr;
@@ -272,7 +259,6 @@ TEST_F(ClientLibrary, IsCancelledAlsoInTheLongPausesOfALostServer) {
 }
 
 TEST_F(ClientLibrary, TakesOverFromTheDeadAloneAndEndsWaitsThroughProxies) {
-  start("main");
   start("sub1");
   ASSERT_TRUE(sub1_knows_main());
   Connection main = connect("main");
@@ -291,10 +277,9 @@ TEST_F(ClientLibrary, TakesOverFromTheDeadAloneAndEndsWaitsThroughProxies) {
   Client client(sub, "p");
   Payload reply;
   Packet packet;
-  auto asking = std::async(std::launch::async, [&] { return client.ask("x", reply, forever); });
+  auto asking = started([&] { return client.ask("x", reply, forever); });
   ASSERT_TRUE(owner.receive(packet, 10s));
-  EXPECT_EQ(cancelled([&] { return asking.get(); }, [&] { client.cancel(); }),
-            client::failure::cancelled);
+  expect_cancelled([&] { return asking.get(); }, [&] { client.cancel(); });
   EXPECT_TRUE(owner.reply(packet.from, "nobody hears it"));  // and ends the wait at the server
   auto owned = answering(owner);
   Client next(sub, "p");

@@ -1,9 +1,4 @@
-// How servers and portctl find each other.
-#include <fmt/format.h>
-#include <signal.h>
-
-#include <filesystem>
-
+// How servers and portctl find each other, and what they are to each other when all are there.
 #include "tests/system/system_test.h"
 
 namespace portsvc {
@@ -15,13 +10,9 @@ TEST_F(DirectoryOfServers, AFileThatCannotBeReadIsRefusedWithItsFault) {
   const std::string file = folder.path("broken.ini");
   const std::string entry = directory_entry("a", "main", corbaloc("main"));
   const auto expect = [&](const std::string& fault) {
-    const auto [status, out, err] =
-        ended_server(server_words("sub", "s", free_port(), folder.path()) +
-                     Words{"--main", "a", "--directory", file});
-    EXPECT_EQ(status, 1);
-    EXPECT_THAT(err, HasSubstr(fault));
-    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     directory[1] = file;
+    const Words sub = server_words("sub", "s", free_port(), folder.path()) + directory;
+    expect_failure(ended_server(sub + Words{"--main", "a"}), 1, fault);
     EXPECT_EQ(portctl("a", {"ping"}).status, 2) << "portctl with " << fault;
   };
   expect("cannot open file");
@@ -79,9 +70,7 @@ TEST_F(DirectoryOfServers, ServersMeetInANamingServiceAlsoWhenItComesLast) {
   EXPECT_THAT(done("main", {"ls", "--all"}), HasSubstr("NAME  main"));
 
   EXPECT_EQ(stop("main", SIGTERM), 0);
-  const Outcome gone = portctl("main", {"ping"});
-  EXPECT_EQ(gone.status, 3);
-  EXPECT_THAT(gone.err, HasSubstr("lists no server 'main'"));
+  expect_failure(portctl("main", {"ping"}), 3, "lists no server 'main'");
   start("main");
   done("main", {"create", "q"});
   ASSERT_TRUE(eventually([&] { return portctl("sub1", {"exists", "q"}).status == 0; }));
@@ -90,6 +79,59 @@ TEST_F(DirectoryOfServers, ServersMeetInANamingServiceAlsoWhenItComesLast) {
   naming = start_naming("second");  // which has lost its data
   EXPECT_TRUE(eventually([&] { return portctl("main", {"ping"}).status == 0; }));
   EXPECT_TRUE(eventually([&] { return portctl("main", {"subs"}).out == "sub1\n"; }));
+}
+
+class SubServers : public SystemTest {
+ protected:
+  SubServers() { start("main"); }
+};
+
+TEST_F(SubServers, ARequestIsAnsweredWhereverOwnerAndClientAre) {
+  const std::vector<std::pair<const char*, const char*>> places{
+      {"main", "sub1"}, {"sub1", "main"}, {"sub1", "sub1"}, {"sub1", "sub2"}};
+  const auto name = [](std::size_t i) { return fmt::format("p{}", i); };
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    if (i == 2) start("sub1"), start("sub2");  // they clone two ports now and two when named
+    done("main", {"create", name(i)});
+  }
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    const auto [owner_at, client_at] = places[i];
+    const auto owner = in_background(
+        owner_at, {"serve", name(i), "--count", "1", "--exec", fmt::format("cat; echo @{}", i)});
+    EXPECT_EQ(done(client_at, {"send", name(i), "hello", "--wait"}), fmt::format("hello@{}\n", i));
+    EXPECT_EQ(outcome(*owner).status, 0) << owner->err();
+    EXPECT_EQ(info_of(server("main"), name(i)).owner_connected, 0u);
+  }
+}
+
+TEST_F(SubServers, OnePictureOfTheInstallationForItsOperator) {
+  const Port_Factory_var sub = serving("sub1");
+  done("main", {"create", "p", "--limit", "7"});
+  EXPECT_EQ(portctl("main", {"master", "p"}).status, 1) << "nobody has said who keeps it";
+  done("main", {"move", "q", "--to", "sub1"});
+  EXPECT_EQ(done("main", {"master", "q"}), "sub1\n");
+  ASSERT_TRUE(eventually([&] { return portctl("sub1", {"master", "q"}).out == "sub1\n"; }));
+  done("sub1", {"move", "p", "--to", "sub1"});
+  EXPECT_TRUE(eventually([&] {
+    return portctl("main", {"master", "p"}).out == "sub1\n";
+  })) << "the sub server says so";
+  done("sub1", {"create", "own", "--kind", "proxy"});
+  EXPECT_EQ(done("main", {"subs"}), "sub1\nsub2\n");
+
+  EXPECT_EQ(info_of(sub, "p").kind, PORT_MASTER) << "served there now";
+  EXPECT_EQ(info_of(sub, "p").limit, 7u);
+  EXPECT_EQ(portctl("sub1", {"create", "p"}).status, 1) << "a sub server refuses a second one";
+  EXPECT_EQ(portctl("main", {"exists", "own"}).status, 1) << "a sub server's own port";
+
+  // sub2 has never been started: the others are listed all the same.
+  const Outcome all = portctl("main", {"--json", "ls", "--all"});
+  EXPECT_EQ(all.status, 3);
+  EXPECT_THAT(all.err, HasSubstr("sub2"));
+  const auto servers = json::parse(all.out);
+  ASSERT_EQ(servers.size(), 3u);
+  EXPECT_EQ(servers[0]["ports"][0]["name"], "p");
+  EXPECT_EQ(servers[1]["server"], "sub1");
+  EXPECT_TRUE(servers[2].contains("problem"));
 }
 
 }  // namespace

@@ -1,25 +1,16 @@
-// One server and its clients.
-#include <fmt/format.h>
-#include <signal.h>
-
-#include <future>
-#include <nlohmann/json.hpp>
+// One server and its clients: what they ask of it, what it refuses at its limits, and how it waits
+// with them.
 #include <random>
+#include <set>
 
 #include "tests/system/system_test.h"
 
 namespace portsvc {
 namespace {
 
-using std::chrono::steady_clock;
-
 class MainServer : public SystemTest {
  protected:
-  MainServer() {
-    start("main");
-    main = server("main");
-  }
-  Port_Factory_var main;
+  const Port_Factory_var main = serving("main");
 };
 
 std::string random_bytes(std::size_t size) {
@@ -31,14 +22,11 @@ std::string random_bytes(std::size_t size) {
 
 TEST_F(MainServer, ThreeHundredBlockedCallersOfOneProcessDelayNobody) {
   constexpr int callers = 300;
-  std::vector<unsigned int> ids;
+  std::vector<std::future<Received>> blocked;
   for (int i = 0; i < callers; ++i) {
     const std::string name = fmt::format("p{}", i);
     create(main, {name});
-    ids.push_back(connected(main, name, CONNECT_OWNER));
-  }
-  std::vector<std::future<Received>> blocked;
-  for (const unsigned int id : ids) {
+    const unsigned int id = connected(main, name, CONNECT_OWNER);
     blocked.push_back(started([&, id] { return receive(main, id, 0); }));
   }
   ASSERT_TRUE(eventually([&] { return process("main").threads() >= callers; }));
@@ -121,38 +109,16 @@ TEST_F(MainServer, SaysThatItIsStoppingToWhoCallsMeanwhile) {
       return true;
     }
   }));
-  const Outcome refused = portctl("main", {"ping"});
-  EXPECT_EQ(refused.status, 3);
-  EXPECT_THAT(refused.err, HasSubstr("the server is stopping"));
+  expect_failure(portctl("main", {"ping"}), 3, "the server is stopping");
   EXPECT_EQ(stop("main", SIGCONT), 0);
   blocked.get();
-}
-
-TEST_F(MainServer, PortctlTellsRefusalMisuseAndSilenceApart) {
-  EXPECT_EQ(portctl("main", {"create", "p"}).status, 0);
-  const auto expect = [&](int status, const std::string& text, const Words& arguments,
-                          const std::string& at = "main") {
-    const Outcome ended = portctl(at, arguments);
-    EXPECT_EQ(ended.status, status) << fmt::format("{}", fmt::join(arguments, " "));
-    EXPECT_EQ(ended.out, "");
-    EXPECT_THAT(ended.err, HasSubstr(text));
-    EXPECT_EQ(std::count(ended.err.begin(), ended.err.end(), '\n'), 1) << ended.err;
-  };
-  expect(1, "2001 unknown_name", {"send", "nobody", "x"});
-  expect(1, "2007 unknown_handle", {"send", "p", "x", "--no-block"});
-  expect(1, "2017 send_timed_out", {"send", "p", "x", "--timeout", "1"});
-  expect(2, "no command 'ask'", {"ask", "p"});
-  expect(2, "NAME is required", {"send"});
-  expect(2, "is no reference", {"ping"}, "corbaloc:nonsense");
 }
 
 TEST_F(MainServer, ABoxIsFilledCountedSwitchedAndEmptied) {
   done("main", {"create", "box", "--kind", "box", "--limit", "3"});
   EXPECT_EQ(portctl("main", {"event", "declare", "-5", "x"}).status, 1) << "nobody subscribed";
   done("main", {"event", "subscribe", "box", "-5"});
-  const Outcome again = portctl("main", {"event", "subscribe", "box", "4294967291"});
-  EXPECT_EQ(again.status, 1);
-  EXPECT_THAT(again.err, HasSubstr("2014"));
+  expect_failure(portctl("main", {"event", "subscribe", "box", "4294967291"}), 1, "2014");
   done("main", {"event", "declare", "-5", "a", "b", "c", "d"});
   done("main", {"event", "put", "box", "e"});
   EXPECT_EQ(done("main", {"event", "count", "box"}), "3\n");
@@ -166,8 +132,7 @@ TEST_F(MainServer, ABoxIsFilledCountedSwitchedAndEmptied) {
     done("main", {"event", "copy", "box", state});
     done("main", {"event", "persistent", "box", state});
     done("main", {"snapshot", "download", folder.path("snapshot")});
-    const auto shown = nlohmann::json::parse(
-        done("main", {"--json", "snapshot", "show", folder.path("snapshot")}));
+    const json shown = told("main", {"snapshot", "show", folder.path("snapshot")});
     EXPECT_EQ(shown["ports"][0]["persistent"], state == std::string("on"));
   }
   EXPECT_EQ(portctl("main", {"event", "copy", "nobox", "on"}).status, 1);
@@ -181,10 +146,7 @@ TEST_F(MainServer, NumbersThatAnOperationDoesNotWriteArriveAsZero) {
   create(main, {"box"}, PORT_EVENTBOX);
   const unsigned int id = connected(main, "p", CONNECT_OWNER), box = info_of(main, "box").port_id;
   Varo::DATA_BUFFER_var data;
-  Varo::PORT_HANDLE_SET unknown, not_selecting;
-  for (auto* handles : {&unknown, &not_selecting}) handles->length(1);
-  unknown[0] = 1;
-  not_selecting[0] = id;
+  const Varo::PORT_HANDLE_SET unknown = handle_set({1}), not_selecting = handle_set({id});
   CORBA::ULong a, b;
   Varo::DT_PORT_SVC::PORT_INFO info{1, 1, 1, 1, 1};
   const std::pair<CORBA::ULong, std::function<CORBA::ULong()>> calls[] = {
@@ -211,6 +173,164 @@ TEST_F(MainServer, NumbersThatAnOperationDoesNotWriteArriveAsZero) {
     }
     EXPECT_EQ(info.kind + info.port_id + info.owner_connected + info.owner_access + info.limit, 0u);
   }
+}
+
+class Limits : public SystemTest {
+ protected:
+  /// The minor code with which a call was refused, 0 when it was carried out.
+  template <class Call>
+  static unsigned int refused(Call call) {
+    try {
+      call();
+      return 0;
+    } catch (const CORBA::IMP_LIMIT& exception) {
+      return exception.minor();
+    }
+  }
+};
+
+TEST_F(Limits, OfPortsClientsAndQueuedBytesRefuseWhatIsAboveThem) {
+  const Port_Factory_var main = serving(
+      "main", {"--max-ports", "3", "--max-clients-per-port", "2", "--max-queued-bytes", "16000"});
+  create(main, {"p"});
+  create(main, {"box", "second"}, PORT_EVENTBOX, 1000);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(refused([&] { main->create_port("another", PORT_MASTER, 8); }), refusal::ports);
+  }
+  create(main, {"p"});  // which exists
+  EXPECT_EQ(times_said("main", "the limit of 3 ports is reached"), 1);
+  EXPECT_THAT(portctl("main", {"create", "another"}).err, HasSubstr("limit of ports"));
+
+  const unsigned int client = connected(main, "p", CONNECT_CLIENT);
+  connected(main, "p", CONNECT_CLIENT);
+  EXPECT_EQ(refused([&] { connected(main, "p", CONNECT_CLIENT); }), refusal::clients);
+  const unsigned int owner = connected(main, "p", CONNECT_OWNER);
+  EXPECT_EQ(main->disconnect_port(client), result::ok);
+  EXPECT_NE(connected(main, "p", CONNECT_CLIENT), 0u);
+  EXPECT_EQ(times_said("main", "port p: the limit of 2 clients is reached"), 1);
+
+  // An event counts once, in however many boxes it stands, and until the last has let it go.
+  for (const char* box : {"box", "second"}) main->add_event(box, 1);
+  const Varo::DATA_BUFFER data = wire(std::string(5000, 'x'));
+  unsigned int events = 0;
+  while (events < 100 && refused([&] { main->declare_event(1, data, 0); }) == 0) ++events;
+  EXPECT_EQ(events, 3u);
+  EXPECT_EQ(refused([&] { main->packet_replay(client, data, 0); }), 0u) << "no client, no payload";
+  const unsigned int other = client + 1;
+  EXPECT_EQ(refused([&] { main->packet_replay(other, data, 0); }), refusal::queued_bytes);
+  EXPECT_EQ(main->packet_replay(other, wire("small"), 0), result::ok) << "what fits still goes in";
+  EXPECT_EQ(main->clear_event("box"), result::ok);
+  EXPECT_EQ(refused([&] { main->send_event("box", data); }), refusal::queued_bytes);
+  EXPECT_EQ(main->clear_event("second"), result::ok);
+  EXPECT_EQ(times_said("main", "queued bytes is reached"), 1);
+  // All of it has come back, that of packets and replies too.
+  for (int i = 0; i < 20; ++i) {
+    auto taken = started([&] { return receive(main, owner, 10); });
+    EXPECT_EQ(send(main, other, std::string(5000, 'y'), 10), result::ok);
+    EXPECT_EQ(std::get<0>(taken.get()), result::ok);
+    EXPECT_EQ(main->packet_replay(other, data, 0), result::ok);
+    EXPECT_EQ(reply(main, other, 10).first, result::ok);
+  }
+  EXPECT_EQ(times_said("main", "queued bytes again"), 1);
+}
+
+TEST_F(Limits, OfBlockedCallsAndConnectionsLeaveTheOthersAlone) {
+  const Port_Factory_var main =
+      serving("main", {"--max-connections", "12", "--max-blocked-calls", "3"});
+  create(main, {"p"});
+  const unsigned int id = connected(main, "p", CONNECT_OWNER);
+  const unsigned int client = connected(main, "p", CONNECT_CLIENT);
+  std::vector<std::future<unsigned int>> calls;
+  for (int i = 0; i < 4; ++i) {
+    calls.push_back(started([&] {
+      unsigned int code = 0;
+      const unsigned int minor = refused([&] { code = std::get<0>(receive(main, id, 2)); });
+      return minor != 0 ? minor : code;
+    }));
+  }
+  EXPECT_EQ(main->exist("p"), 0) << "what does not wait is not counted";
+  std::multiset<unsigned int> answers;
+  for (auto& call : calls) answers.insert(call.get());
+  EXPECT_EQ(answers, std::multiset<unsigned int>({result::timed_out, result::timed_out,
+                                                  result::timed_out, refusal::blocked_calls}));
+  EXPECT_EQ(std::get<0>(receive(main, id, 1)), result::timed_out);
+  EXPECT_EQ(times_said("main", "the limit of 3 blocked calls is reached"), 1);
+
+  std::vector<std::unique_ptr<RawConnection>> connections;
+  bool full = false;
+  // One after the other: of several that come at once, more may be refused than are above the
+  // limit.
+  for (int i = 0; i < 12 && !full; ++i) {
+    connections.push_back(std::make_unique<RawConnection>(port("main")));
+    full = connections.back()->closed_by_peer(200ms);
+  }
+  EXPECT_TRUE(full);
+  EXPECT_GT(connections.size(), 1U);
+  EXPECT_EQ(portctl("main", {"--timeout-call", "2", "ping"}).status, 3);
+  EXPECT_EQ(main->exist("p"), 0) << "who is in stays in";
+  EXPECT_EQ(times_said("main", "the limit of 12 connections is reached"), 1);
+  connections.clear();
+  EXPECT_TRUE(eventually([&] { return portctl("main", {"ping"}).status == 0; }));
+  EXPECT_EQ(main->disconnect_port(client), result::ok);
+}
+
+class Waits : public SystemTest, public ::testing::WithParamInterface<const char*> {
+ protected:
+  const Port_Factory_var main = serving("main", {"--waits", GetParam()});
+};
+
+INSTANTIATE_TEST_SUITE_P(, Waits, ::testing::Values("early", "paused"),
+                         [](const auto& mode) { return mode.param; });
+
+// A caller that is killed while it waits takes nothing with it: what comes next goes to whoever is
+// there, and the server keeps nothing for it.
+TEST_P(Waits, ADeadCallerSwallowsNothing) {
+  NEEDS_OMNIORB();
+  create(main, {"p"});
+  create(main, {"box"}, PORT_EVENTBOX);
+
+  for (const char* name : {"p", "box"}) {
+    const bool box = std::string(name) == "box";
+    const auto dead = in_background(
+        "main", box ? Words{"event", "watch", "box"} : Words{"receive", "p", "--count", "0"});
+    ASSERT_TRUE(eventually([&] { return info_of(main, name).owner_connected != 0; }));
+    const unsigned int sender = box ? 0 : connected(main, "p", CONNECT_CLIENT);
+    const auto put = [&](const char* data) {
+      EXPECT_EQ(box ? main->send_event("box", wire(data)) : send(main, sender, data, 10),
+                result::ok);
+    };
+    put("taken");
+    ASSERT_TRUE(eventually([&] { return dead->out() == "taken\n"; }));
+    done("main", {"ping"});  // meanwhile it waits for the next one
+    dead->kill();
+
+    // The owner's connection outlives its process: the next one takes over where it stood.
+    const unsigned int id = info_of(main, name).port_id;
+    for (const char* data : {"first", "second"}) {
+      auto alive = started([&] { return receive(main, id, 20); });
+      put(data);
+      EXPECT_EQ(alive.get(), Received(result::ok, sender, data));
+    }
+  }
+}
+
+// Nothing comes for them, so the server has to find out by itself.
+TEST_P(Waits, DeadCallersGiveTheirConnectionsBack) {
+  NEEDS_OMNIORB();
+  create(main, {"p"});
+  const unsigned int id = connected(main, "p", CONNECT_OWNER);
+  const unsigned int sender = connected(main, "p", CONNECT_CLIENT, ACCESS_SELECT);
+  const int sockets = process("main").sockets();
+  std::vector<std::unique_ptr<RawConnection>> callers;
+  for (int i = 0; i < 20; ++i) {
+    callers.push_back(std::make_unique<RawConnection>(port("main")));
+    callers.back()->send(i % 2 ? request("packet_receive", {id, 0})
+                               : request("packet_replay_wait", {sender, 0}));
+  }
+  EXPECT_FALSE(callers.back()->closed_by_peer(1500ms)) << "while they are there they wait";
+  callers.clear();
+  EXPECT_TRUE(eventually([&] { return process("main").sockets() <= sockets; }));
+  EXPECT_EQ(send(main, sender, "x", 0), result::owner_not_taking) << "a take of the dead";
 }
 
 }  // namespace

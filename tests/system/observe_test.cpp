@@ -1,9 +1,11 @@
-// What a server tells those who run it: metrics, health, log, and the feed of its boxes.
-#include <fmt/format.h>
-#include <signal.h>
+// What a server tells those who run it: metrics, health, log, the feed of its boxes, and what a
+// service manager hears.
+#include <sys/ptrace.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <filesystem>
-#include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -13,24 +15,20 @@
 namespace portsvc {
 namespace {
 
-using nlohmann::json;
-
 class Observed : public SystemTest {
  protected:
   /// Options that serve the metrics of a server.
-  Words metrics(const std::string& server) {
-    ports_[server] = free_port();
-    return {"--metrics", fmt::format("127.0.0.1:{}", ports_[server])};
-  }
+  Words metrics(const std::string& server) { return {"--metrics", address(server)}; }
   std::string address(const std::string& server) {
-    return fmt::format("127.0.0.1:{}", ports_.at(server));
+    if (ports_.count(server) == 0) ports_[server] = free_port();
+    return fmt::format("127.0.0.1:{}", ports_[server]);
   }
   /// The head and the body of an answer.
   std::string get(const std::string& server, const std::string& path, const Words& options = {}) {
     const Words command{"curl", "-s", "-i", "--max-time", "10", "http://" + address(server) + path};
-    Process curl(command + options, folder.path("curl"));
-    EXPECT_EQ(outcome(curl).status, 0) << path;
-    return curl.out();
+    const Outcome ended = ran(command + options);
+    EXPECT_EQ(ended.status, 0) << path;
+    return ended.out;
   }
   json board(const std::string& server, const std::string& query = "") {
     const std::string answer = get(server, "/board.json" + query);
@@ -42,10 +40,10 @@ class Observed : public SystemTest {
 };
 
 TEST_F(Observed, WhatPassesThroughAServerShowsInItsMetrics) {
-  start("main", metrics("main") + Words{"--metrics-of", "sub1=127.0.0.1:1", "--snapshot-every",
-                                        "60", "--feed", "box=sleep 1000", "--max-ports", "4"});
+  const Port_Factory_var main = serving(
+      "main", metrics("main") + Words{"--metrics-of", "sub1=127.0.0.1:1", "--snapshot-every", "60",
+                                      "--feed", "box=sleep 1000", "--max-ports", "4"});
   start("sub1", metrics("sub1"));
-  const Port_Factory_var main = server("main");
   const std::string hostile = "<b>\"x\\\n\xff";
   create(main, {"box"}, PORT_EVENTBOX, 3);
   create(main, {hostile}, PORT_EVENTBOX, 1);
@@ -166,8 +164,7 @@ TEST_F(Observed, AFeedReachesTheBoxAndEverySubServerUnlessCopiesAreOff) {
   EXPECT_TRUE(eventually([&] { return count("main") == "2\n" && count("sub1") == "2\n"; }));
   done("main", {"event", "copy", "alarms", "off"});
   const auto add = [&](const std::string& line) {
-    Process shell({"sh", "-c", "echo " + line + " >> " + in}, folder.path("add"));
-    EXPECT_EQ(outcome(shell).status, 0);
+    std::ofstream(in, std::ios::app) << line << "\n";
   };
   add("three");
   EXPECT_TRUE(eventually([&] { return count("main") == "3\n"; }));
@@ -208,6 +205,80 @@ TEST_F(Observed, TheLogIsOpenedAnewOnSighup) {
   }
   EXPECT_EQ(subjects, (std::set<std::string>{"server"}));
   EXPECT_THAT(read_all(log), HasSubstr("stops: signal 15"));
+}
+
+class ServiceManager : public SystemTest {
+ protected:
+  ServiceManager() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    folder.path("notify").copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ::setenv("NOTIFY_SOCKET", address.sun_path, 1);
+    ::setenv("WATCHDOG_USEC", "1000000", 1);
+  }
+  ~ServiceManager() override {
+    ::unsetenv("NOTIFY_SOCKET");
+    ::unsetenv("WATCHDOG_USEC");
+    ::close(socket_);
+  }
+
+  /// The next message, empty when none comes within `patience`.
+  std::string heard(std::chrono::milliseconds patience) const {
+    const timeval time{patience.count() / 1000, patience.count() % 1000 * 1000};
+    ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);
+    std::string message(4096, '\0');
+    const ssize_t size = ::recv(socket_, message.data(), message.size(), 0);
+    message.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
+    return message;
+  }
+  bool hears(const std::string& text) const {
+    return eventually([&] { return heard(1s).find(text) != std::string::npos; });
+  }
+
+ private:
+  const int socket_;
+};
+
+/// Holds a process's threads still, all but those of a name.
+class HeldThreads {
+ public:
+  HeldThreads(pid_t process, const std::string& but) {
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+      std::string name;
+      std::getline(std::ifstream(entry.path() / "comm"), name);
+      if (name == but) continue;
+      const pid_t thread = std::stoi(entry.path().filename());
+      EXPECT_EQ(::ptrace(PTRACE_SEIZE, thread, nullptr, nullptr), 0);
+      EXPECT_EQ(::ptrace(PTRACE_INTERRUPT, thread, nullptr, nullptr), 0);
+      EXPECT_EQ(::waitpid(thread, nullptr, __WALL), thread);
+      threads_.push_back(thread);
+    }
+  }
+  ~HeldThreads() {
+    for (const pid_t thread : threads_) ::ptrace(PTRACE_DETACH, thread, nullptr, nullptr);
+  }
+  HeldThreads(const HeldThreads&) = delete;
+  HeldThreads& operator=(const HeldThreads&) = delete;
+
+ private:
+  std::vector<pid_t> threads_;
+};
+
+TEST_F(ServiceManager, HearsThatAServerIsReadyAliveAsLongAsItAnswersAndStopping) {
+  start("main");
+  EXPECT_TRUE(hears("READY=1\nSTATUS=main main serving at corbaloc:"));
+  EXPECT_TRUE(hears("WATCHDOG=1"));
+  {
+    const HeldThreads held(process("main").pid(), "heartbeat");
+    EXPECT_TRUE(hears("STATUS=does not answer"));
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(heard(1s).find("WATCHDOG"), std::string::npos);
+  }
+  EXPECT_TRUE(hears("STATUS=main main serving"));
+  EXPECT_TRUE(hears("WATCHDOG=1"));
+  EXPECT_EQ(stop("main", SIGTERM), 0);
+  EXPECT_TRUE(hears("STOPPING=1"));
 }
 
 }  // namespace

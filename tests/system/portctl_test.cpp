@@ -1,13 +1,10 @@
 // portctl between a server and the user's pipes, files and commands.
 #include <cstdlib>
-#include <filesystem>
 
 #include "tests/system/system_test.h"
 
 namespace portsvc {
 namespace {
-
-namespace fs = std::filesystem;
 
 class PortctlSystem : public SystemTest {
  protected:
@@ -36,7 +33,7 @@ TEST_F(PortctlSystem, NeverTakesWhatItCannotShow) {
   done("main", {"event", "clear", "box"});
 
   // Its reader goes while it waits: it ends, and what comes then is nobody's.
-  const auto start = std::chrono::steady_clock::now();
+  const auto start = steady_clock::now();
   (void)shell("timeout 20 $portctl event watch box | sleep 0.5");
   EXPECT_LT(since(start), 10s);
   done("main", {"event", "put", "box", "late"});
@@ -51,13 +48,13 @@ TEST_F(PortctlSystem, WritesDevicesPipesAndLinksAndReplacesNone) {
             0);
   EXPECT_NE(portctl("main", {"snapshot", "download", "/dev/full"}).status, 0);
 
-  fs::create_directory(folder.path("state"));
-  fs::create_symlink("reference", folder.path("ior"));
+  std::filesystem::create_directory(folder.path("state"));
+  std::filesystem::create_symlink("reference", folder.path("ior"));
   const Process other({PORT_SERVER, "main", "--name", "other", "--endpoint", "giop:tcp:127.0.0.1:0",
                        "--state-dir", folder.path("state"), "--ior-file", folder.path("ior")},
                       folder.path("other"));
-  EXPECT_TRUE(eventually([&] { return fs::exists(folder.path("reference")); }));
-  EXPECT_TRUE(fs::is_symlink(folder.path("ior")));
+  EXPECT_TRUE(eventually([&] { return std::filesystem::exists(folder.path("reference")); }));
+  EXPECT_TRUE(std::filesystem::is_symlink(folder.path("ior")));
 }
 
 TEST_F(PortctlSystem, ServesWithFailuresTakesOverAndComesBack) {
@@ -94,21 +91,27 @@ TEST_F(PortctlSystem, RefusesWhatWouldDoHarm) {
   EXPECT_EQ(portctl("main", {"move", "p", "--to", "nowhere"}).status, 1);
   done("main", {"create", "box", "--kind", "box"});
   done("main", {"event", "subscribe", "box", "-5"});
-  EXPECT_NE(done("main", {"event", "subscriptions"}).find("-5    box"), std::string::npos);
+  EXPECT_THAT(done("main", {"event", "subscriptions"}), HasSubstr("-5    box"));
 }
 
-// Whoever reads the message must know what to do.
-TEST_F(PortctlSystem, SaysWhyACallFailedAndWhatToDo) {
-  const auto expect = [&](const std::string& at, const std::string& text) {
-    const Outcome ended = portctl(at, {"--call-timeout", "1", "ls"});
-    EXPECT_EQ(ended.status, 3);
-    EXPECT_NE(ended.err.find(text), std::string::npos) << ended.err;
+// Whoever reads the message must know what to do, and a script what to make of the status.
+TEST_F(PortctlSystem, TellsRefusalMisuseAndSilenceApartAndWhatToDo) {
+  done("main", {"create", "p"});
+  const auto expect = [&](int status, const std::string& why, const Words& command,
+                          const std::string& at = "main") {
+    expect_failure(portctl(at, Words{"--call-timeout", "1"} + command), status, why);
   };
-  expect("127.0.0.1:" + std::to_string(free_port()), "connection refused");
-  expect("nowhere.invalid:9700", "the host name 'nowhere.invalid' is unknown");
-  expect("line7", "lists no server 'line7'; it lists main, sub1, sub2");
+  expect(1, "2001 unknown_name", {"send", "nobody", "x"});
+  expect(1, "2007 unknown_handle", {"send", "p", "x", "--no-block"});
+  expect(1, "2017 send_timed_out", {"send", "p", "x", "--timeout", "1"});
+  expect(2, "no command 'ask'", {"ask", "p"});
+  expect(2, "NAME is required", {"send"});
+  expect(2, "is no reference", {"ping"}, "corbaloc:nonsense");
+  expect(3, "connection refused", {"ls"}, "127.0.0.1:" + std::to_string(free_port()));
+  expect(3, "the host name 'nowhere.invalid' is unknown", {"ls"}, "nowhere.invalid:9700");
+  expect(3, "lists no server 'line7'; it lists main, sub1, sub2", {"ls"}, "line7");
   process("main").signal(SIGSTOP);
-  expect("main", "no answer within");
+  expect(3, "no answer within", {"ls"});
   process("main").signal(SIGCONT);
 }
 
@@ -117,15 +120,13 @@ TEST_F(PortctlSystem, CompletesCommandsOptionsAndPorts) {
   done("main", {"create", "box", "--kind", "box"});
   // As bash asks, with the cursor after the last word.
   const auto offered = [&](const Words& words) {
-    Words command{"bash", "-c",
-                  ". " COMPLETION "; export PORTSVC_SERVER=" + corbaloc("main") +
-                      "; COMP_WORDS=(" PORTCTL
-                      " \"$@\"); COMP_CWORD=$#; _portctl; "
-                      "printf '%s;' \"${COMPREPLY[@]}\"",
-                  "bash"};
-    command.insert(command.end(), words.begin(), words.end());
-    Process bash(command, folder.path("bash"));
-    return outcome(bash).out;
+    const Words command{"bash", "-c",
+                        ". " COMPLETION "; export PORTSVC_SERVER=" + corbaloc("main") +
+                            "; COMP_WORDS=(" PORTCTL
+                            " \"$@\"); COMP_CWORD=$#; _portctl; "
+                            "printf '%s;' \"${COMPREPLY[@]}\"",
+                        "bash"};
+    return ran(command + words).out;
   };
   EXPECT_EQ(offered({"sna"}), "snapshot;");
   EXPECT_EQ(offered({"event", "c"}), "count;clear;copy;");

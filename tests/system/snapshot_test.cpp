@@ -1,10 +1,5 @@
 // What a server leaves on disk, and what its next run makes of it.
-#include <fmt/format.h>
-#include <signal.h>
 #include <sys/mount.h>
-
-#include <nlohmann/json.hpp>
-#include <thread>
 
 #include "persistence/whole_file.h"
 #include "tests/system/system_test.h"
@@ -23,14 +18,11 @@ class Snapshots : public SystemTest {
     for (int i = 0; i < count; ++i) names.push_back(fmt::format("p{}", i));
     portsvc::create(server("main"), names);
   }
-  /// What a second server of the same state folder says when it does not start.
-  std::string refused(const Words& options) {
-    const Outcome ended =
-        ended_server(Words{"main", "--name", "m", "--endpoint", "giop:tcp:127.0.0.1:0",
-                           "--state-dir", folder.path("main")} +
-                     options);
-    EXPECT_EQ(ended.status, 1) << ended.err;
-    return ended.err;
+  /// A second server of the same state folder does not start.
+  void expect_refused(const Words& options, const std::string& why) {
+    const Words second{"main",        "--name",           "m", "--endpoint", "giop:tcp:127.0.0.1:0",
+                       "--state-dir", folder.path("main")};
+    expect_failure(ended_server(second + options), 1, why);
   }
 
   /// Two ports, a box and two subscriptions.
@@ -42,24 +34,20 @@ class Snapshots : public SystemTest {
     done("main", {"event", "subscribe", "alarms", "7"});
     done("main", {"event", "subscribe", "alarms", "-7"});
   }
-
-  nlohmann::json show(const std::string& file) {
-    return nlohmann::json::parse(portctl("main", {"--json", "snapshot", "show", file}).out);
-  }
+  json shown() { return told("main", {"snapshot", "show", snapshot}); }
 };
 
 TEST_F(Snapshots, AKilledServerComesBackWithItsPortsBoxesAndSubscriptions) {
   start("main", {"--snapshot-every", "1"});
   fill();
-  ASSERT_TRUE(eventually([&] {
-    return std::filesystem::exists(snapshot) && show(snapshot)["subscriptions"].size() == 2;
-  }));
-  const auto before = show(snapshot);
+  ASSERT_TRUE(eventually(
+      [&] { return std::filesystem::exists(snapshot) && shown()["subscriptions"].size() == 2; }));
+  const auto before = shown();
   kill("main");
   for (int run = 0; run < 2; ++run) {  // also when it is killed again before its first snapshot
     start("main", {"--restore"});
     done("main", {"snapshot", "save"});
-    EXPECT_EQ(show(snapshot), before);
+    EXPECT_EQ(shown(), before);
     done("main", {"event", "declare", "-7", "oven 3 hot"});
     EXPECT_EQ(done("main", {"event", "watch", "alarms", "--drain"}), "oven 3 hot\n");
     if (run == 0) std::filesystem::remove(snapshot);
@@ -75,7 +63,7 @@ TEST_F(Snapshots, AKilledServerComesBackWithItsPortsBoxesAndSubscriptions) {
   start("main", {"--snapshot-every", "3600"});
   done("main", {"create", "late"});
   EXPECT_EQ(stop("main", SIGTERM), 0);
-  EXPECT_EQ(show(snapshot)["ports"].size(), 1u);
+  EXPECT_EQ(shown()["ports"].size(), 1u);
 }
 
 TEST_F(Snapshots, ADeathWhileOneIsWrittenLeavesTheOldOne) {
@@ -107,7 +95,7 @@ TEST_F(Snapshots, AStartTakesTheNewestWholeOneAndThrowsNoneAway) {
   fill();
   done("main", {"snapshot", "save"});
   const std::string whole = read_all(snapshot);
-  EXPECT_THAT(refused({}), HasSubstr("another server works in the state folder"));
+  expect_refused({}, "another server works in the state folder");
   EXPECT_EQ(read_all(snapshot), whole);
   kill("main");
 
@@ -135,9 +123,9 @@ TEST_F(Snapshots, AStartTakesTheNewestWholeOneAndThrowsNoneAway) {
   // Nothing but damage.
   write_all(previous, whole.substr(0, 300));
   write_all(snapshot, whole.substr(0, 600));
-  const std::string why = refused({"--restore"});
-  EXPECT_THAT(why, HasSubstr("portsnap.snp is damaged: port record 3 of 3 breaks off at byte 544; "
-                             "--restore-damaged"));
+  expect_refused(
+      {"--restore"},
+      "portsnap.snp is damaged: port record 3 of 3 breaks off at byte 544; --restore-damaged");
   EXPECT_EQ(read_all(previous) + read_all(snapshot), whole.substr(0, 300) + whole.substr(0, 600));
   Process& part = start("main", {"--restore-damaged"});
   EXPECT_THAT(part.err(), HasSubstr("2 ports, 0 event boxes, 0 subscriptions; it is damaged"));
@@ -146,9 +134,9 @@ TEST_F(Snapshots, AStartTakesTheNewestWholeOneAndThrowsNoneAway) {
 
   std::filesystem::remove(snapshot);
   std::filesystem::create_symlink(folder.path("elsewhere"), snapshot);
-  EXPECT_THAT(refused({}), HasSubstr("portsnap.snp is a symbolic link"));
+  expect_refused({}, "portsnap.snp is a symbolic link");
   std::filesystem::remove(snapshot);
-  EXPECT_THAT(refused({"--ior-file", folder.path("none/ior")}), HasSubstr("cannot write"));
+  expect_refused({"--ior-file", folder.path("none/ior")}, "cannot write");
 
   std::filesystem::remove_all(folder.path("main/SnapShot"));
   write_all(folder.path("main/SnapShot"), "no folder");
@@ -205,9 +193,7 @@ TEST_F(Snapshots, AFullDiskFailsTheSnapshotAndNothingElse) {
   done("main", {"snapshot", "save"});
   const std::string whole = read_all(snapshot);
   create(1000);
-  const Outcome full = portctl("main", {"snapshot", "save"});
-  EXPECT_EQ(full.status, 1);
-  EXPECT_THAT(full.err, HasSubstr("2 snapshot_not_writable"));
+  expect_failure(portctl("main", {"snapshot", "save"}), 1, "2 snapshot_not_writable");
   EXPECT_TRUE(read_all(snapshot) == whole);
   done("main", {"exists", "p999"});
   ASSERT_TRUE(eventually([&] { return times_said("main", "no snapshot: cannot write") > 0; }));
@@ -219,7 +205,7 @@ TEST_F(Snapshots, AFullDiskFailsTheSnapshotAndNothingElse) {
   EXPECT_EQ(times_said("main", "no snapshot:"), 1) << process("main").err();
   for (int i = 10; i < 1000; ++i) server("main")->delete_port(fmt::format("p{}", i).c_str());
   done("main", {"snapshot", "save"});
-  EXPECT_EQ(show(snapshot)["ports"].size(), 10u);
+  EXPECT_EQ(shown()["ports"].size(), 10u);
   EXPECT_TRUE(eventually([&] { return times_said("main", "snapshots are written again") == 1; }));
 }
 

@@ -2,20 +2,14 @@
 // other, portctl, and a client of the broker for what portctl is not precise enough for.
 #pragma once
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <signal.h>
 
-#include <chrono>
 #include <map>
 #include <memory>
-#include <optional>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
+#include <nlohmann/json.hpp>
 
-#include "idl/port_codes.h"
-#include "middleware/orb/orb.h"
 #include "tests/support/calls.h"
 #include "tests/support/folder.h"
 #include "tests/support/process.h"
@@ -32,6 +26,8 @@
 namespace portsvc {
 
 using namespace std::chrono_literals;
+using nlohmann::json;
+using std::chrono::steady_clock;
 using ::testing::HasSubstr;
 using Varo::DT_PORT_SVC::Port_Factory_ptr;
 using Varo::DT_PORT_SVC::Port_Factory_var;
@@ -53,6 +49,11 @@ class SystemTest : public ::testing::Test {
 
   /// Starts a server, anew if it runs, and waits until it serves.
   Process& start(const std::string& name, const Words& options = {});
+  /// As start(), and answers its reference.
+  Port_Factory_var serving(const std::string& name, const Words& options = {}) {
+    start(name, options);
+    return server(name);
+  }
   Process& process(const std::string& name) { return *servers_.at(name); }
   void kill(const std::string& name);
   /// Sends `signal` and answers the exit status, -1 when it did not end within ten seconds.
@@ -63,12 +64,20 @@ class SystemTest : public ::testing::Test {
                   const std::string& input = "/dev/null");
   /// As portctl(), for a command that must succeed: answers its output.
   std::string done(const std::string& server, const Words& arguments);
+  /// As portctl(), for a command that answers in JSON.
+  json told(const std::string& server, const Words& arguments) {
+    return json::parse(portctl(server, Words{"--json"} + arguments).out);
+  }
   std::unique_ptr<Process> in_background(const std::string& server, const Words& arguments,
                                          const std::string& input = "/dev/null");
   Outcome outcome(Process& process, std::chrono::milliseconds patience = 30s);
 
+  /// Runs any program to its end.
+  Outcome ran(const Words& command);
   /// Runs a server that is to end by itself, for its arguments.
-  Outcome ended_server(const Words& arguments);
+  Outcome ended_server(const Words& arguments) { return ran(Words{PORT_SERVER} + arguments); }
+  /// Of a program that had to fail: it says why in one line, and nothing else.
+  static void expect_failure(const Outcome& ended, int status, const std::string& why);
   /// A request from a client at one server, answered by an owner at another.
   void expect_exchange(const std::string& port, const std::string& owner_at,
                        const std::string& client_at);
@@ -79,8 +88,8 @@ class SystemTest : public ::testing::Test {
   /// Writes the directory, with this entry of the main server.
   void point_main_at(const std::string& reference);
 
-  /// The broker of the test, started at the first use, with an endpoint if it is to serve.
-  orb::Broker& broker(const std::string& endpoint = "");
+  /// The broker of the test, started at the first use.
+  orb::Broker& broker();
   /// The reference of a server that runs. After a restart ask for it again.
   Port_Factory_var server(const std::string& name);
   std::string corbaloc(const std::string& name) const;
@@ -111,9 +120,8 @@ Reply ask(Port_Factory_ptr server, unsigned int handle, const std::string& data,
 /// Owns `port` at `server` and answers `count` packets with "re:" and their payload.
 void answer_packets(Port_Factory_ptr server, const std::string& port, int count);
 
-inline std::chrono::milliseconds since(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                               start);
+inline std::chrono::milliseconds since(steady_clock::time_point start) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - start);
 }
 
 }  // namespace portsvc
