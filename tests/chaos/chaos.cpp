@@ -12,10 +12,8 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <functional>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <random>
 #include <set>
 #include <string>
@@ -76,7 +74,6 @@ class Server {
         relay_(port_) {}
 
   void start() {
-    std::filesystem::remove(folder_.path(name_ + ".ior"));
     const bool main = name_ == "main";
     Words command = Words{PORT_SERVER} +
                     server_words(main ? "main" : "sub", name_, port_, folder_.path()) +
@@ -85,12 +82,9 @@ class Server {
                           "--snapshot-every", "1",
                           "--call-timeout",   "2"};
     if (!main) command = command + Words{"--main", "main"};
-    process_ = std::make_unique<Process>(command, folder_.path(name_ + std::to_string(++life_)));
-    const auto ior = folder_.path(name_ + ".ior");
-    if (!eventually([&] { return !process_->running() || std::filesystem::exists(ior); }) ||
-        !process_->running()) {
-      violated("{} does not start: {}", name_, process_->err());
-    }
+    const std::string files = folder_.path(fmt::format("{}{}", name_, epoch_ + 1));
+    process_ = std::make_unique<Process>(command, files);
+    if (!process_->serves()) violated("{} does not start: {}", name_, process_->err());
     ++epoch_;
   }
   std::string corbaloc() const {
@@ -127,7 +121,6 @@ class Server {
   const int port_;
   Relay relay_;
   std::unique_ptr<Process> process_;
-  int life_ = 0;
   std::atomic<int> epoch_{0};
   std::atomic<int> disturbed_{0};
   std::atomic<Steady::rep> calm_at_{0};
@@ -221,7 +214,6 @@ void make_port(Way& way, const std::string& port, unsigned int kind) {
 void own(const orb::Broker& broker, int index, const std::string& port) {
   Way way(broker, index);
   while (!stop) {
-    if (index == main_index) make_port(way, port, PORT_MASTER);
     CORBA::ULong id = 0, owner = 0;
     unsigned int code = way.call("own", [&](Port_Factory_ptr at) {
       return at->connect_port(port.c_str(), id, CONNECT_OWNER, ACCESS_WAIT, owner);
@@ -307,7 +299,6 @@ void produce(const orb::Broker& broker, const std::string& box, int number, Box_
   Way way(broker, main_index);
   for (long n = 1; !stop; ++n) {
     const int life = way.server().epoch();
-    if (n % 500 == 1) make_port(way, box, PORT_EVENTBOX);
     const Varo::DATA_BUFFER data = wire(fmt::format("{} {}", number, n));
     const unsigned int code = way.call(
         "send_event", [&](Port_Factory_ptr at) { return at->send_event(box.c_str(), data); });
@@ -373,42 +364,10 @@ class Hand {
   void act() {
     Server& server = *servers[pick(server_count)];
     const Server::Disturbance disturbance(server);
-    switch (pick(9)) {
-      case 0:
-        count("kills");
-        server.process().kill();
-        pause(0, 1500);
-        server.start();
-        break;
-      case 1:
-        count("freezes");
-        server.process().signal(SIGSTOP);
-        pause(500, 4000);
-        server.process().signal(SIGCONT);
-        break;
-      case 2:
-      case 3:
-        count("cuts");
-        server.relay().cut(1 + static_cast<unsigned int>(pick(3)), pick(3) == 0);
-        break;
-      case 4:
-        count("delays");
-        server.relay().delay(1 + pick(200));
-        pause(0, 2000);
-        server.relay().delay(0);
-        break;
-      case 5:
-        damage(server);
-        break;
-      case 6:
-        hold_connections(server);
-        break;
-      case 7:
-        read_nothing(server);
-        break;
-      default:
-        fill_disk();
-    }
+    constexpr void (Hand::*deeds[])(Server&) = {
+        &Hand::kill,   &Hand::freeze,           &Hand::cut,          &Hand::cut,      &Hand::delay,
+        &Hand::damage, &Hand::hold_connections, &Hand::read_nothing, &Hand::fill_disk};
+    (this->*deeds[pick(static_cast<int>(std::size(deeds)))])(server);
   }
 
   void pause(int from, int more) {
@@ -417,6 +376,28 @@ class Hand {
   int pick(int below) { return std::uniform_int_distribution<int>(0, below - 1)(random_); }
 
  private:
+  void kill(Server& server) {
+    count("kills");
+    server.process().kill();
+    pause(0, 1500);
+    server.start();
+  }
+  void freeze(Server& server) {
+    count("freezes");
+    server.process().signal(SIGSTOP);
+    pause(500, 4000);
+    server.process().signal(SIGCONT);
+  }
+  void cut(Server& server) {
+    count("cuts");
+    server.relay().cut(1 + static_cast<unsigned int>(pick(3)), pick(3) == 0);
+  }
+  void delay(Server& server) {
+    count("delays");
+    server.relay().delay(1 + pick(200));
+    pause(0, 2000);
+    server.relay().delay(0);
+  }
   void damage(Server& server) {
     count("damaged messages", 20);
     for (int i = 0; i < 20; ++i) {
@@ -446,7 +427,7 @@ class Hand {
     }
     pause(0, 1000);
   }
-  void fill_disk() {
+  void fill_disk(Server&) {
     if (disk_.empty()) return;
     count("full disks");
     write_all(disk_ + "/filler", std::string(4U << 20, 'x'));
@@ -476,15 +457,13 @@ void check_rest(const std::vector<Size>& at_first) {
   for (std::size_t i = 0; i < server_count; ++i) {
     Server& server = *servers[i];
     const Size& first = at_first[i];
-    // The broker's idle threads end after ten seconds.
-    eventually(
-        [&] {
-          std::this_thread::sleep_for(200ms);
-          const Size now(server.process());
-          return now.threads <= first.threads + kept && now.sockets <= first.sockets + kept;
-        },
-        30s);
-    const Size now(server.process());
+    Size now(server.process());
+    const auto settled = [&] {
+      std::this_thread::sleep_for(200ms);
+      now = Size(server.process());
+      return now.threads <= first.threads + kept && now.sockets <= first.sockets + kept;
+    };
+    eventually(settled, 30s);  // the broker's idle threads end after ten seconds
     fmt::print("{}: threads {} then {}, sockets {} then {}, MB {} then {}\n", server.name(),
                first.threads, now.threads, first.sockets, now.sockets, first.megabytes,
                now.megabytes);
