@@ -53,8 +53,10 @@ constexpr std::size_t other = names.size() - 1;
 constexpr std::size_t places = 256;
 
 constexpr std::size_t place_of(std::string_view name) {
-  const auto letter = [name](std::size_t at) { return static_cast<unsigned char>(name[at]); };
-  return (name.size() + 3U * letter(0) + 20U * letter(name.size() / 2) + letter(name.size() - 1)) %
+  const auto letter = [name](std::size_t at) -> std::size_t {
+    return static_cast<unsigned char>(name[at]);
+  };
+  return (name.size() + 3 * letter(0) + 20 * letter(name.size() / 2) + letter(name.size() - 1)) %
          places;
 }
 
