@@ -77,6 +77,7 @@ constexpr bool all_found() {
 }
 static_assert(all_found(), "two operations share a place: choose other factors");
 
+// Takes, sends, replies and selections.
 constexpr std::array<bool, Served_Calls::operations> waiting() {
   std::array<bool, Served_Calls::operations> waits{};
   for (std::size_t i = 0; i < other; ++i) {
